@@ -1,0 +1,484 @@
+// Kel: the object framework the PIM core is built on.
+//
+// - Ptr<T> / PtrInterface: intrusive, atomically counted references. Every entity and
+//   message object is created by a factory returning a Ptr.
+// - Entity and NotifieeList: an entity keeps the notifiees (reactors) that watch it and
+//   calls them synchronously when an attribute changes. Dispatch is re-entrancy safe: a
+//   notifiee may detach itself or any other notifiee, or attach new ones, while it is being
+//   called; detached ones are never called again, new ones are called from the next change.
+// - Name, RangeError, KEL_ASSERT: names of entities, the range error of value types (its
+//   text is the fixed text of the failing check), and the assertion for programming errors.
+// - Clock: the only source of time. SystemClock reads CLOCK_MONOTONIC; ManualClock is set
+//   by tests so that every timer-driven machine runs deterministically without sleeping.
+// - Value text form: every value record prints as
+//     Value('<full type name>', ** {'field': value, ...})
+//   and parses back from the same text. A record opts in by declaring kTypeName and a
+//   kFields tuple of (name, member pointer) pairs; see "Value text form" below.
+//
+// Threading: event-loop thread only, except the reference counts, which are atomic.
+//
+// Usage:
+//   struct Counter : Kel::PtrInterface { int n = 0; };
+//   Kel::Ptr<Counter> c = Kel::Ptr<Counter>::make();
+//   Kel::ManualClock clock;  clock.advance(1.5);  // clock.now() == 1.5
+//   KEL_ASSERT(c);                                 // aborts with the text "c" if null
+#pragma once
+
+#include <atomic>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace Kel {
+
+// ---------------------------------------------------------------------------------------
+// Assertions: programming errors only, never input. The text printed is the expression
+// as written, so "false && \"Unsupported address family\"" reads exactly so.
+
+[[noreturn]] void assertionFailed(const char* expr, const char* file, int line) noexcept;
+
+#define KEL_ASSERT(expr) \
+  ((expr) ? static_cast<void>(0) : ::Kel::assertionFailed(#expr, __FILE__, __LINE__))
+
+// ---------------------------------------------------------------------------------------
+// Range errors of value types. what() is the fixed text of the check that failed.
+
+class RangeError : public std::range_error {
+ public:
+  explicit RangeError(const std::string& text) : std::range_error(text) {}
+};
+
+// ---------------------------------------------------------------------------------------
+// Reference counting.
+
+class PtrInterface {
+ public:
+  PtrInterface() = default;
+  PtrInterface(const PtrInterface&) : refs_(0) {}
+  PtrInterface& operator=(const PtrInterface&) { return *this; }
+  virtual ~PtrInterface() = default;
+
+  void newRef() const noexcept { refs_.fetch_add(1, std::memory_order_relaxed); }
+  void deleteRef() const noexcept {
+    if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  }
+  std::uint32_t references() const noexcept { return refs_.load(std::memory_order_relaxed); }
+
+ private:
+  mutable std::atomic<std::uint32_t> refs_{0};
+};
+
+template <typename T>
+class Ptr {
+ public:
+  Ptr() noexcept = default;
+  Ptr(std::nullptr_t) noexcept {}  // NOLINT: implicit by design, like a raw pointer
+  Ptr(T* p) noexcept : p_(p) {     // NOLINT
+    if (p_) p_->newRef();
+  }
+  Ptr(const Ptr& o) noexcept : Ptr(o.p_) {}
+  Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
+  template <typename U, typename = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+  Ptr(const Ptr<U>& o) noexcept : Ptr(o.ptr()) {}  // NOLINT
+  ~Ptr() {
+    if (p_) p_->deleteRef();
+  }
+  Ptr& operator=(Ptr o) noexcept {
+    std::swap(p_, o.p_);
+    return *this;
+  }
+
+  template <typename... Args>
+  static Ptr make(Args&&... args) {
+    return Ptr(new T(std::forward<Args>(args)...));
+  }
+
+  T* ptr() const noexcept { return p_; }
+  T* operator->() const noexcept { return p_; }
+  T& operator*() const noexcept { return *p_; }
+  explicit operator bool() const noexcept { return p_ != nullptr; }
+  friend bool operator==(const Ptr& a, const Ptr& b) noexcept { return a.p_ == b.p_; }
+  friend bool operator==(const Ptr& a, std::nullptr_t) noexcept { return a.p_ == nullptr; }
+  // Lets "p != 0" read as it does for a raw pointer (the literal 0 would be ambiguous).
+  friend bool operator==(const Ptr& a, int zero) noexcept { return zero == 0 && !a.p_; }
+
+ private:
+  T* p_ = nullptr;
+};
+
+template <typename T, typename U>
+Ptr<T> ptr_cast(const Ptr<U>& p) noexcept {
+  return Ptr<T>(dynamic_cast<T*>(p.ptr()));
+}
+
+// ---------------------------------------------------------------------------------------
+// Names.
+
+class Name {
+ public:
+  Name() = default;
+  Name(std::string s) : s_(std::move(s)) {}  // NOLINT: names are written as literals
+  Name(const char* s) : s_(s) {}             // NOLINT
+  const std::string& str() const noexcept { return s_; }
+  bool empty() const noexcept { return s_.empty(); }
+  friend auto operator<=>(const Name&, const Name&) = default;
+
+ private:
+  std::string s_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Notification. A NotifieeList holds raw pointers to notifiees; a notifiee removes itself
+// in its destructor (ownership is registration), so no pointer outlives its object.
+
+template <typename N>
+class NotifieeList {
+ public:
+  void add(N* n) {
+    for (N* m : list_)
+      if (m == n) return;
+    list_.push_back(n);
+  }
+  void remove(N* n) {
+    for (auto& m : list_)
+      if (m == n) m = nullptr;  // compacted when no dispatch is running
+    compact();
+  }
+  bool empty() const {
+    for (N* m : list_)
+      if (m) return false;
+    return true;
+  }
+  std::size_t size() const {
+    std::size_t c = 0;
+    for (N* m : list_) c += m != nullptr;
+    return c;
+  }
+
+  // Calls fn(n) for every notifiee attached when the dispatch began and still attached
+  // when its turn comes. Notifiees attached during the dispatch wait for the next one.
+  template <typename F>
+  void forEach(F&& fn) {
+    const std::size_t count = list_.size();
+    ++depth_;
+    for (std::size_t i = 0; i < count && i < list_.size(); ++i) {
+      if (N* n = list_[i]) fn(*n);
+    }
+    --depth_;
+    compact();
+  }
+
+ private:
+  void compact() {
+    if (depth_ != 0) return;
+    std::erase(list_, nullptr);
+  }
+  std::vector<N*> list_;
+  int depth_ = 0;
+};
+
+// Base of state-database entities: a name and reference counting. Each entity class
+// declares its own NotifieeConst with one virtual handler per attribute and keeps a
+// NotifieeList of them; the generated-style setters call the handlers synchronously.
+class Entity : public PtrInterface {
+ public:
+  explicit Entity(Name name) : name_(std::move(name)) {}
+  const Name& name() const noexcept { return name_; }
+
+ private:
+  Name name_;
+};
+
+// Helper for a NotifieeConst base: attaches to an entity on notifierIs() and detaches in
+// its destructor. E is the watched entity, which must offer notifieeAdd/notifieeRemove.
+template <typename E, typename Self>
+class BaseNotifiee {
+ public:
+  BaseNotifiee() = default;
+  BaseNotifiee(const BaseNotifiee&) = delete;
+  BaseNotifiee& operator=(const BaseNotifiee&) = delete;
+  virtual ~BaseNotifiee() { notifierIs(nullptr); }
+
+  const Ptr<E>& notifier() const noexcept { return notifier_; }
+  void notifierIs(const Ptr<E>& n) {
+    if (notifier_ == n) return;
+    if (notifier_) notifier_->notifieeRemove(static_cast<Self*>(this));
+    notifier_ = n;
+    if (notifier_) notifier_->notifieeAdd(static_cast<Self*>(this));
+  }
+
+ private:
+  Ptr<E> notifier_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Time. Seconds as double, the unit the status records publish.
+
+using Time = double;
+
+class Clock : public PtrInterface {
+ public:
+  virtual Time now() const noexcept = 0;
+};
+
+class SystemClock final : public Clock {
+ public:
+  Time now() const noexcept override;
+};
+
+class ManualClock final : public Clock {
+ public:
+  explicit ManualClock(Time start = 0.0) : now_(start) {}
+  Time now() const noexcept override { return now_; }
+  void nowIs(Time t) noexcept { now_ = t; }
+  void advance(Time dt) noexcept { now_ += dt; }
+
+ private:
+  Time now_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Value text form.
+//
+// A record type T opts in with
+//   static constexpr std::string_view kTypeName = "Routing::Pim::Packet::GroupAddress";
+//   static constexpr auto kFields = std::make_tuple(Kel::field("address", &T::address_), ...);
+// and each field type F has a ValueText<F> specialisation (numbers, bool, double,
+// strings and nested value records are provided here; Nimo adds addresses and names):
+//   static void print(std::string& out, const F& v);
+//   static void parse(ValueParser& in, F& v);   // in.fail() on a malformed field
+// valueToStrep(v) prints the form; parseValue<T>(begin, end) reads it back, raising a
+// RangeError that names the attribute on the first field that does not match.
+
+template <typename C, typename F>
+struct FieldRef {
+  std::string_view name;
+  F C::*member;
+};
+template <typename C, typename F>
+constexpr FieldRef<C, F> field(std::string_view name, F C::*member) {
+  return {name, member};
+}
+
+template <typename T>
+concept ValueRecord = requires {
+  T::kTypeName;
+  T::kFields;
+};
+
+template <typename F, typename = void>
+struct ValueText;  // specialised per field type
+
+// A cursor over the text being parsed. Parse functions consume from it and, on text that
+// does not fit, call fail(); the caller then raises the range error naming the attribute.
+class ValueParser {
+ public:
+  ValueParser(std::string_view text) : text_(text) {}  // NOLINT
+  ValueParser(const char* begin, const char* end)
+      : text_(begin, static_cast<std::size_t>(end - begin)) {}
+
+  bool ok() const noexcept { return ok_; }
+  void fail() noexcept { ok_ = false; }
+  std::string_view rest() const noexcept { return text_.substr(pos_); }
+  bool atEnd() const noexcept { return pos_ == text_.size(); }
+
+  // Consumes lit if the text continues with it; fails otherwise.
+  bool expect(std::string_view lit) noexcept;
+  // True (and consumed) if the text continues with lit; no failure otherwise.
+  bool accept(std::string_view lit) noexcept;
+  // A bare token: everything up to the next ',', '}', ')' or blank.
+  std::string_view token() noexcept;
+  // A single-quoted string with \\ and \' escapes.
+  std::string quoted() noexcept;
+
+  template <typename I>
+  void integer(I& out) noexcept {
+    auto t = token();
+    I v{};
+    auto [p, ec] = std::from_chars(t.data(), t.data() + t.size(), v);
+    if (t.empty() || ec != std::errc() || p != t.data() + t.size()) return fail();
+    out = v;
+  }
+
+ private:
+  std::string_view text_;
+  std::size_t pos_ = 0;
+  bool ok_ = true;
+};
+
+void appendQuoted(std::string& out, std::string_view s);
+void appendDouble(std::string& out, double v);
+void parseDouble(ValueParser& in, double& v);
+
+template <typename I>
+struct ValueText<I, std::enable_if_t<std::is_integral_v<I> && !std::is_same_v<I, bool>>> {
+  static void print(std::string& out, I v) {
+    // uint8_t fields print as numbers, not characters.
+    if constexpr (std::is_signed_v<I>) {
+      out += std::to_string(static_cast<long long>(v));
+    } else {
+      out += std::to_string(static_cast<unsigned long long>(v));
+    }
+  }
+  static void parse(ValueParser& in, I& v) { in.integer(v); }
+};
+
+template <>
+struct ValueText<bool> {
+  static void print(std::string& out, bool v) { out += v ? "True" : "False"; }
+  static void parse(ValueParser& in, bool& v) {
+    if (in.accept("True")) {
+      v = true;
+    } else if (in.accept("False")) {
+      v = false;
+    } else {
+      in.fail();
+    }
+  }
+};
+
+template <>
+struct ValueText<double> {
+  static void print(std::string& out, double v) { appendDouble(out, v); }
+  static void parse(ValueParser& in, double& v) { parseDouble(in, v); }
+};
+
+template <>
+struct ValueText<std::string> {
+  static void print(std::string& out, const std::string& v) { appendQuoted(out, v); }
+  static void parse(ValueParser& in, std::string& v) { v = in.quoted(); }
+};
+
+template <typename T>
+void appendValue(std::string& out, const T& v);
+template <typename T>
+void parseValueInto(ValueParser& in, T& v);
+
+template <typename T>
+struct ValueText<T, std::enable_if_t<ValueRecord<T>>> {
+  static void print(std::string& out, const T& v) { appendValue(out, v); }
+  static void parse(ValueParser& in, T& v) { parseValueInto(in, v); }
+};
+
+// Enumerations print by name. An enum opts in with a free function
+//   std::span<const std::string_view> enumNames(E)   (index = value)
+// found by argument-dependent lookup, or prints as its number without one.
+template <typename E>
+concept NamedEnum = std::is_enum_v<E> && requires(E e) {
+  enumNames(e);
+};
+
+template <typename E>
+struct ValueText<E, std::enable_if_t<std::is_enum_v<E>>> {
+  using U = std::underlying_type_t<E>;
+  static void print(std::string& out, E v) {
+    if constexpr (NamedEnum<E>) {
+      auto names = enumNames(v);
+      auto i = static_cast<std::size_t>(v);
+      if (i < std::size(names) && !names[i].empty()) {
+        out += names[i];
+        return;
+      }
+    }
+    ValueText<U>::print(out, static_cast<U>(v));
+  }
+  static void parse(ValueParser& in, E& v) {
+    if constexpr (NamedEnum<E>) {
+      auto names = enumNames(v);
+      std::string_view t = in.token();
+      for (std::size_t i = 0; i < std::size(names); ++i) {
+        if (!names[i].empty() && names[i] == t) {
+          v = static_cast<E>(i);
+          return;
+        }
+      }
+      U n{};
+      auto [p, ec] = std::from_chars(t.data(), t.data() + t.size(), n);
+      if (t.empty() || ec != std::errc() || p != t.data() + t.size()) return in.fail();
+      v = static_cast<E>(n);
+    } else {
+      U n{};
+      in.integer(n);
+      v = static_cast<E>(n);
+    }
+  }
+};
+
+[[noreturn]] void throwParseError(std::string_view typeName, std::string_view attribute);
+
+template <typename T>
+void appendValue(std::string& out, const T& v) {
+  out += "Value('";
+  out += T::kTypeName;
+  out += "', ** {";
+  bool first = true;
+  std::apply(
+      [&](const auto&... f) {
+        (
+            [&] {
+              if (!first) out += ", ";
+              first = false;
+              out += '\'';
+              out += f.name;
+              out += "': ";
+              using F = std::remove_cvref_t<decltype(v.*(f.member))>;
+              ValueText<F>::print(out, v.*(f.member));
+            }(),
+            ...);
+      },
+      T::kFields);
+  out += "})";
+}
+
+// Parses a nested or top-level value; a field that does not match raises the range error
+// naming that field (the innermost one for nested values).
+template <typename T>
+void parseValueInto(ValueParser& in, T& v) {
+  if (!in.expect("Value('") || !in.expect(T::kTypeName) || !in.expect("', ** {")) {
+    throwParseError(T::kTypeName, "Value");
+  }
+  bool first = true;
+  std::apply(
+      [&](const auto&... f) {
+        (
+            [&] {
+              if (!first && !in.expect(", ")) throwParseError(T::kTypeName, f.name);
+              first = false;
+              if (!in.expect("'") || !in.expect(f.name) || !in.expect("': ")) {
+                throwParseError(T::kTypeName, f.name);
+              }
+              using F = std::remove_cvref_t<decltype(v.*(f.member))>;
+              ValueText<F>::parse(in, v.*(f.member));
+              if (!in.ok()) throwParseError(T::kTypeName, f.name);
+            }(),
+            ...);
+      },
+      T::kFields);
+  if (!in.expect("})")) throwParseError(T::kTypeName, "Value");
+}
+
+template <typename T>
+std::string valueToStrep(const T& v) {
+  std::string out;
+  appendValue(out, v);
+  return out;
+}
+
+// Parses exactly one value filling the whole range; the parsing constructors of value
+// records call this.
+template <typename T>
+void parseValue(const char* begin, const char* end, T& v) {
+  ValueParser in(begin, end);
+  parseValueInto(in, v);
+  if (!in.atEnd()) throwParseError(T::kTypeName, "Value");
+}
+
+}  // namespace Kel

@@ -1,0 +1,440 @@
+#include "Pim/platform/Nimo.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace Nimo {
+
+// ---------------------------------------------------------------------------------------
+// IpGenAddr
+
+IpGenAddr::IpGenAddr(std::string_view text) {
+  auto a = parse(text);
+  if (!a) throw Kel::RangeError(fmt::format("IpGenAddr::address '{}' not parsable", text));
+  *this = *a;
+}
+
+IpGenAddr::IpGenAddr(AddressFamily af, const std::uint8_t* bytes) noexcept : af_(af) {
+  std::memcpy(bytes_.data(), bytes, addressBytes(af));
+}
+
+IpGenAddr IpGenAddr::v4(std::uint32_t hostOrder) noexcept {
+  std::uint8_t b[4];
+  store32(b, hostOrder);
+  return IpGenAddr(AddressFamily::ipv4, b);
+}
+
+std::optional<IpGenAddr> IpGenAddr::parse(std::string_view text) noexcept {
+  char buf[INET6_ADDRSTRLEN + 1];
+  if (text.empty() || text.size() >= sizeof(buf)) return std::nullopt;
+  std::memcpy(buf, text.data(), text.size());
+  buf[text.size()] = 0;
+  std::uint8_t b[16];
+  if (inet_pton(AF_INET, buf, b) == 1) return IpGenAddr(AddressFamily::ipv4, b);
+  if (inet_pton(AF_INET6, buf, b) == 1) return IpGenAddr(AddressFamily::ipv6, b);
+  return std::nullopt;
+}
+
+bool IpGenAddr::isMulticast() const noexcept {
+  switch (af_) {
+    case AddressFamily::ipv4:
+      return (bytes_[0] & 0xf0) == 0xe0;
+    case AddressFamily::ipv6:
+      return bytes_[0] == 0xff;
+    default:
+      return false;
+  }
+}
+
+bool IpGenAddr::isZero() const noexcept {
+  if (!isSet()) return false;
+  return std::all_of(bytes_.begin(), bytes_.begin() + byteLength(),
+                     [](std::uint8_t b) { return b == 0; });
+}
+
+std::string IpGenAddr::str() const {
+  char buf[INET6_ADDRSTRLEN];
+  switch (af_) {
+    case AddressFamily::ipv4:
+      return inet_ntop(AF_INET, bytes_.data(), buf, sizeof(buf));
+    case AddressFamily::ipv6:
+      return inet_ntop(AF_INET6, bytes_.data(), buf, sizeof(buf));
+    default:
+      return "None";
+  }
+}
+
+std::uint32_t IpGenAddr::hash() const noexcept {
+  // FNV-1a over family and address bytes.
+  std::uint32_t h = 2166136261u;
+  auto mix = [&h](std::uint8_t b) { h = (h ^ b) * 16777619u; };
+  mix(static_cast<std::uint8_t>(af_));
+  for (std::uint8_t i = 0; i < byteLength(); ++i) mix(bytes_[i]);
+  return h;
+}
+
+std::ostream& operator<<(std::ostream& os, const IpGenAddr& a) { return os << a.str(); }
+
+// ---------------------------------------------------------------------------------------
+// IpGenPrefix, IpGenAddrWithMask
+
+namespace {
+
+void checkMaskLen(const IpGenAddr& addr, unsigned maskLen) {
+  if (maskLen > addr.byteLength() * 8u)
+    throw Kel::RangeError(std::string(IpGenPrefix::kRangeErrorText));
+}
+
+// Splits "addr/len"; a missing or malformed part is a range error.
+std::pair<IpGenAddr, std::uint8_t> parseWithLen(std::string_view text) {
+  auto slash = text.find('/');
+  auto addr = IpGenAddr::parse(text.substr(0, slash));
+  unsigned len = 0;
+  bool ok = addr && slash != std::string_view::npos;
+  if (ok) {
+    auto l = text.substr(slash + 1);
+    auto [p, ec] = std::from_chars(l.data(), l.data() + l.size(), len);
+    ok = !l.empty() && ec == std::errc() && p == l.data() + l.size() && len <= 255;
+  }
+  if (!ok) throw Kel::RangeError(fmt::format("IpGenPrefix::address '{}' not parsable", text));
+  checkMaskLen(*addr, len);
+  return {*addr, static_cast<std::uint8_t>(len)};
+}
+
+}  // namespace
+
+IpGenPrefix::IpGenPrefix(const IpGenAddr& addr, std::uint8_t maskLen) : addr_(addr), len_(maskLen) {
+  checkMaskLen(addr, maskLen);
+}
+
+IpGenPrefix::IpGenPrefix(std::string_view text) { std::tie(addr_, len_) = parseWithLen(text); }
+
+IpGenPrefix IpGenPrefix::masked() const noexcept {
+  std::uint8_t b[16];
+  std::memcpy(b, addr_.bytes(), 16);
+  for (unsigned i = 0; i < addr_.byteLength(); ++i) {
+    unsigned bitsHere = len_ > i * 8 ? std::min(8u, len_ - i * 8u) : 0u;
+    b[i] &= static_cast<std::uint8_t>(0xff00u >> bitsHere);
+  }
+  IpGenPrefix p;
+  p.addr_ = IpGenAddr(addr_.af(), b);
+  p.len_ = len_;
+  return p;
+}
+
+bool IpGenPrefix::contains(const IpGenAddr& a) const noexcept {
+  if (a.af() != addr_.af()) return false;
+  IpGenPrefix host;
+  host.addr_ = a;
+  host.len_ = len_;
+  return host.masked().addr_ == masked().addr_;
+}
+
+std::string IpGenPrefix::str() const {
+  if (!addr_.isSet()) return "None";
+  return fmt::format("{}/{}", addr_.str(), len_);
+}
+
+std::uint32_t IpGenPrefix::hash() const noexcept { return (addr_.hash() ^ len_) * 16777619u; }
+
+std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p) { return os << p.str(); }
+
+IpGenAddrWithMask::IpGenAddrWithMask(const IpGenAddr& addr, std::uint8_t maskLen)
+    : addr_(addr), len_(maskLen) {
+  checkMaskLen(addr, maskLen);
+}
+
+IpGenAddrWithMask::IpGenAddrWithMask(std::string_view text) {
+  std::tie(addr_, len_) = parseWithLen(text);
+}
+
+std::string IpGenAddrWithMask::str() const {
+  if (!addr_.isSet()) return "None";
+  return fmt::format("{}/{}", addr_.str(), len_);
+}
+
+std::ostream& operator<<(std::ostream& os, const IpGenAddrWithMask& a) { return os << a.str(); }
+
+// ---------------------------------------------------------------------------------------
+// IntfId
+
+IntfId::IntfId(std::string_view name) {
+  if (name.size() > kMaxLen || name.find('\0') != std::string_view::npos) {
+    throw Kel::RangeError(std::string(kRangeErrorText));
+  }
+  std::memcpy(name_.data(), name.data(), name.size());
+}
+
+std::uint32_t IntfId::hash() const noexcept {
+  std::uint32_t h = 2166136261u;
+  for (char c : name()) h = (h ^ static_cast<std::uint8_t>(c)) * 16777619u;
+  return h;
+}
+
+std::ostream& operator<<(std::ostream& os, const IntfId& i) { return os << i.name(); }
+
+// ---------------------------------------------------------------------------------------
+// Pkt
+
+Kel::Ptr<Pkt> Pkt::create(std::uint32_t size, std::uint32_t headroom, std::uint32_t tailroom) {
+  Kel::Ptr<Pkt> p(new Pkt());
+  p->sharedBuffer_ = Kel::Ptr<Buffer>::make(headroom + size + tailroom);
+  p->head_ = headroom;
+  p->tail_ = headroom + size;
+  p->updateSharedIovec();
+  return p;
+}
+
+Kel::Ptr<Pkt> Pkt::copyOf(const void* bytes, std::uint32_t size, std::uint32_t headroom,
+                          std::uint32_t tailroom) {
+  auto p = create(size, headroom, tailroom);
+  if (size) std::memcpy(p->sharedBuffer_->bytes + headroom, bytes, size);
+  return p;
+}
+
+Kel::Ptr<Pkt> Pkt::share() const {
+  Kel::Ptr<Pkt> p(new Pkt());
+  p->sharedBuffer_ = sharedBuffer_;
+  p->head_ = head_;
+  p->tail_ = tail_;
+  p->updateSharedIovec();
+  return p;
+}
+
+bool Pkt::isShared() const noexcept { return sharedBuffer_ && sharedBuffer_->references() > 1; }
+
+const std::uint8_t* Pkt::data(std::uint32_t offset, std::uint32_t len) const noexcept {
+  // 64-bit sum so that offset + len cannot wrap.
+  if (!sharedBuffer_ || std::uint64_t{offset} + len > size()) return nullptr;
+  return sharedBuffer_->bytes + head_ + offset;
+}
+
+std::uint8_t* Pkt::writableData(std::uint32_t offset, std::uint32_t len) {
+  if (!sharedBuffer_ || std::uint64_t{offset} + len > size()) return nullptr;
+  unshare();
+  return sharedBuffer_->bytes + head_ + offset;
+}
+
+void Pkt::unshare() {
+  if (!isShared()) return;
+  auto copy = Kel::Ptr<Buffer>::make(sharedBuffer_->capacity);
+  std::memcpy(copy->bytes, sharedBuffer_->bytes, sharedBuffer_->capacity);
+  sharedBuffer_ = copy;
+  updateSharedIovec();
+}
+
+bool Pkt::sizeIs(std::uint32_t size) {
+  if (std::uint64_t{head_} + size > capacity()) return false;
+  std::uint32_t newTail = head_ + size;
+  if (newTail > tail_) {
+    unshare();
+    std::memset(sharedBuffer_->bytes + tail_, 0, newTail - tail_);
+  }
+  tail_ = newTail;
+  updateSharedIovec();
+  return true;
+}
+
+bool Pkt::prepend(std::uint32_t n) {
+  if (n > head_) return false;
+  unshare();
+  head_ -= n;
+  std::memset(sharedBuffer_->bytes + head_, 0, n);
+  updateSharedIovec();
+  return true;
+}
+
+void Pkt::delSharedHeadData(std::uint32_t n) {
+  KEL_ASSERT(sharedBuffer_ != 0);
+  KEL_ASSERT(firstIoVec_ != maxIovecs_);
+  head_ += std::min(n, size());
+  updateSharedIovec();
+}
+
+void Pkt::delSharedTailData(std::uint32_t n) {
+  KEL_ASSERT(sharedBuffer_ != 0);
+  KEL_ASSERT(firstIoVec_ != maxIovecs_);
+  tail_ -= std::min(n, size());
+  updateSharedIovec();
+}
+
+void Pkt::updateSharedIovec() {
+  if (!sharedBuffer_) {
+    firstIoVec_ = maxIovecs_;
+    return;
+  }
+  firstIoVec_ = 0;
+  iov_[0].iov_base = sharedBuffer_->bytes + head_;
+  iov_[0].iov_len = size();
+}
+
+// ---------------------------------------------------------------------------------------
+// Checksums. Native-order 32-bit words summed into a 64-bit accumulator, folded and
+// byte-swapped once at the end (RFC 1071 section 2: byte-order independence).
+
+std::uint64_t checksumAdd(std::uint64_t acc, const void* data, std::size_t len) noexcept {
+  auto p = static_cast<const std::uint8_t*>(data);
+  while (len >= 32) {
+    std::uint64_t w[4];
+    std::memcpy(w, p, 32);
+    for (std::uint64_t x : w) acc += (x & 0xffffffffu) + (x >> 32);
+    p += 32;
+    len -= 32;
+  }
+  while (len >= 4) {
+    std::uint32_t w;
+    std::memcpy(&w, p, 4);
+    acc += w;
+    p += 4;
+    len -= 4;
+  }
+  if (len >= 2) {
+    std::uint16_t w;
+    std::memcpy(&w, p, 2);
+    acc += w;
+    p += 2;
+    len -= 2;
+  }
+  if (len) {
+    // The odd last byte is the high-order byte of a zero-padded 16-bit word, i.e. the
+    // first byte in memory of that word.
+    std::uint16_t w = 0;
+    std::memcpy(&w, p, 1);
+    acc += w;
+  }
+  return acc;
+}
+
+std::uint16_t checksumFold(std::uint64_t acc) noexcept {
+  acc = (acc & 0xffffffffu) + (acc >> 32);
+  acc = (acc & 0xffffffffu) + (acc >> 32);
+  acc = (acc & 0xffffu) + (acc >> 16);
+  acc = (acc & 0xffffu) + (acc >> 16);
+  acc = (acc & 0xffffu) + (acc >> 16);
+  return ntohs(static_cast<std::uint16_t>(~acc & 0xffffu));
+}
+
+std::uint16_t inetChecksum(const void* data, std::size_t len) noexcept {
+  return checksumFold(checksumAdd(0, data, len));
+}
+
+std::uint16_t inetChecksumV6(const IpGenAddr& src, const IpGenAddr& dst,
+                             std::uint32_t upperLayerLength, std::uint8_t nextHeader,
+                             const void* data, std::size_t len) noexcept {
+  std::uint8_t pseudo[40] = {};
+  std::memcpy(pseudo, src.bytes(), 16);
+  std::memcpy(pseudo + 16, dst.bytes(), 16);
+  store32(pseudo + 32, upperLayerLength);
+  pseudo[39] = nextHeader;
+  return checksumFold(checksumAdd(checksumAdd(0, pseudo, sizeof(pseudo)), data, len));
+}
+
+// ---------------------------------------------------------------------------------------
+// PIM message types
+
+std::string_view pimMessageTypeName(PimMessageType t) noexcept {
+  switch (t) {
+    case PimMessageType::pimHello:
+      return "Hello";
+    case PimMessageType::pimRegister:
+      return "Register";
+    case PimMessageType::pimRegisterStop:
+      return "Register-Stop";
+    case PimMessageType::pimJoinPrune:
+      return "Join/Prune";
+    case PimMessageType::pimBootstrap:
+      return "Bootstrap";
+    case PimMessageType::pimAssert:
+      return "Assert";
+    case PimMessageType::pimGraft:
+      return "Graft";
+    case PimMessageType::pimGraftAck:
+      return "Graft-Ack";
+    case PimMessageType::pimCrpAdv:
+      return "Candidate-RP-Advertisement";
+    case PimMessageType::pimStateRefresh:
+      return "State-Refresh";
+    case PimMessageType::pimDfElection:
+      return "DF-Election";
+  }
+  return "Unknown";
+}
+
+std::ostream& operator<<(std::ostream& os, PimMessageType t) { return os << pimMessageTypeName(t); }
+
+// ---------------------------------------------------------------------------------------
+// IP headers
+
+void Ipv4Hdr::build(std::uint8_t tos, std::uint16_t totalLength, std::uint8_t ttl,
+                    std::uint8_t protocol, const IpGenAddr& src, const IpGenAddr& dst) noexcept {
+  std::memset(p_, 0, kMinSize);
+  p_[0] = 0x45;
+  p_[1] = tos;
+  store16(p_ + 2, totalLength);
+  p_[8] = ttl;
+  p_[9] = protocol;
+  std::memcpy(p_ + 12, src.bytes(), 4);
+  std::memcpy(p_ + 16, dst.bytes(), 4);
+  store16(p_ + 10, inetChecksum(p_, kMinSize));
+}
+
+void Ipv6Hdr::build(std::uint8_t trafficClass, std::uint16_t payloadLength, std::uint8_t nextHeader,
+                    std::uint8_t hopLimit, const IpGenAddr& src, const IpGenAddr& dst) noexcept {
+  std::memset(p_, 0, kSize);
+  p_[0] = static_cast<std::uint8_t>(0x60 | (trafficClass >> 4));
+  p_[1] = static_cast<std::uint8_t>(trafficClass << 4);
+  store16(p_ + 4, payloadLength);
+  p_[6] = nextHeader;
+  p_[7] = hopLimit;
+  std::memcpy(p_ + 8, src.bytes(), 16);
+  std::memcpy(p_ + 24, dst.bytes(), 16);
+}
+
+}  // namespace Nimo
+
+namespace Kel {
+
+void ValueText<Nimo::IpGenAddr>::parse(ValueParser& in, Nimo::IpGenAddr& v) {
+  auto t = in.token();
+  if (t == "None") {
+    v = Nimo::IpGenAddr();
+    return;
+  }
+  auto a = Nimo::IpGenAddr::parse(t);
+  if (!a) return in.fail();
+  v = *a;
+}
+
+namespace {
+template <typename T>
+void parseWithMask(ValueParser& in, T& v) {
+  auto t = in.token();
+  if (t == "None") {
+    v = T();
+    return;
+  }
+  try {
+    v = T(t);
+  } catch (const RangeError&) {
+    in.fail();
+  }
+}
+}  // namespace
+
+void ValueText<Nimo::IpGenPrefix>::parse(ValueParser& in, Nimo::IpGenPrefix& v) {
+  parseWithMask(in, v);
+}
+
+void ValueText<Nimo::IpGenAddrWithMask>::parse(ValueParser& in, Nimo::IpGenAddrWithMask& v) {
+  parseWithMask(in, v);
+}
+
+void ValueText<Nimo::IntfId>::parse(ValueParser& in, Nimo::IntfId& v) {
+  std::string s = in.quoted();
+  if (!in.ok() || s.size() > Nimo::IntfId::kMaxLen) return in.fail();
+  v = Nimo::IntfId(s);
+}
+
+}  // namespace Kel

@@ -1,0 +1,380 @@
+// Nimo: the networking types of the platform.
+//
+// - IpGenAddr, IpGenPrefix, IpGenAddrWithMask: IPv4 or IPv6 values with their family.
+//   All are trivially copyable so that they can live in shared-memory records.
+// - IntfId: the platform's interface name, inline (up to 31 bytes), ordered and hashed by
+//   its bytes; the empty id means "all interfaces".
+// - Pkt: a reference-counted packet: a view (head..tail) on a shared contiguous buffer
+//   with head room and tail room. Several Pkts may share one buffer; writing through a
+//   shared Pkt first takes a private copy, removing data only moves the view.
+// - PimMessageType, PimCommonHdr: the first PIM header byte and a view of the 4-byte
+//   common header with the checksum operations the codec needs.
+// - Ipv4Hdr, Ipv6Hdr: views of IP headers (big-endian loads and stores, no overlaying).
+// - inetChecksum: RFC 1071 one's-complement sum, with and without the IPv6 pseudo-header.
+//
+// Threading: event-loop thread only.
+//
+// Usage:
+//   auto pkt = Nimo::Pkt::create(1500);
+//   Nimo::IpGenAddr a("10.0.0.1");                  // or IpGenAddr::parse() -> optional
+//   Nimo::IpGenPrefix p(Nimo::IpGenAddr("ff02::d"), 128);
+//   std::uint16_t c = Nimo::inetChecksum(pkt->data(0), pkt->size());
+//   Nimo::PimCommonHdr hdr(pkt->writableData(0));
+//   hdr.pimMessageTypeIs(Nimo::PimMessageType::pimHello);
+#pragma once
+
+#include <sys/uio.h>
+
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "Pim/platform/Kel.h"
+
+namespace Nimo {
+
+// ---------------------------------------------------------------------------------------
+// Big-endian loads and stores through memcpy: the codec never lays a struct over bytes.
+
+inline std::uint16_t load16(const std::uint8_t* p) noexcept {
+  return static_cast<std::uint16_t>((p[0] << 8) | p[1]);
+}
+inline std::uint32_t load32(const std::uint8_t* p) noexcept {
+  return (std::uint32_t{p[0]} << 24) | (std::uint32_t{p[1]} << 16) | (std::uint32_t{p[2]} << 8) |
+         std::uint32_t{p[3]};
+}
+inline void store16(std::uint8_t* p, std::uint16_t v) noexcept {
+  p[0] = static_cast<std::uint8_t>(v >> 8);
+  p[1] = static_cast<std::uint8_t>(v);
+}
+inline void store32(std::uint8_t* p, std::uint32_t v) noexcept {
+  p[0] = static_cast<std::uint8_t>(v >> 24);
+  p[1] = static_cast<std::uint8_t>(v >> 16);
+  p[2] = static_cast<std::uint8_t>(v >> 8);
+  p[3] = static_cast<std::uint8_t>(v);
+}
+
+// ---------------------------------------------------------------------------------------
+// Addresses.
+
+enum class AddressFamily : std::uint8_t { ipunknown = 0, ipv4 = 1, ipv6 = 2 };
+
+// Number of address bytes of a family: 4, 16, or 0 for ipunknown.
+constexpr std::uint8_t addressBytes(AddressFamily af) noexcept {
+  return af == AddressFamily::ipv4 ? 4 : af == AddressFamily::ipv6 ? 16 : 0;
+}
+
+class IpGenAddr {
+ public:
+  IpGenAddr() noexcept = default;  // unset: family ipunknown
+  // Parses dotted-quad or IPv6 text; a malformed text is a RangeError.
+  explicit IpGenAddr(std::string_view text);
+  // From bytes in network order; af must be ipv4 or ipv6.
+  IpGenAddr(AddressFamily af, const std::uint8_t* bytes) noexcept;
+  // IPv4 from a host-order number.
+  static IpGenAddr v4(std::uint32_t hostOrder) noexcept;
+  static std::optional<IpGenAddr> parse(std::string_view text) noexcept;
+
+  AddressFamily af() const noexcept { return af_; }
+  bool isSet() const noexcept { return af_ != AddressFamily::ipunknown; }
+  const std::uint8_t* bytes() const noexcept { return bytes_.data(); }
+  std::uint8_t byteLength() const noexcept { return addressBytes(af_); }
+  std::uint32_t v4Addr() const noexcept { return load32(bytes_.data()); }  // host order
+
+  bool isMulticast() const noexcept;
+  bool isZero() const noexcept;  // set, and every byte zero
+  std::string str() const;       // "None" when unset
+  std::uint32_t hash() const noexcept;
+
+  friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
+  friend std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) noexcept {
+    if (auto c = a.af_ <=> b.af_; c != 0) return c;
+    int m = std::memcmp(a.bytes_.data(), b.bytes_.data(), a.bytes_.size());
+    return m <=> 0;
+  }
+
+ private:
+  AddressFamily af_ = AddressFamily::ipunknown;
+  std::array<std::uint8_t, 16> bytes_{};
+};
+std::ostream& operator<<(std::ostream& os, const IpGenAddr& a);
+
+// Address with a mask length. The address is kept as given (host bits included), because
+// the codec must write back exactly what it read; masked() gives the network.
+class IpGenPrefix {
+ public:
+  static constexpr std::string_view kRangeErrorText =
+      "IpGenPrefix::maskLen < IpGenPrefix::min or > IpGenPrefix::max not allowed";
+
+  IpGenPrefix() noexcept = default;
+  // Throws Kel::RangeError when maskLen exceeds the family's width (32 or 128).
+  IpGenPrefix(const IpGenAddr& addr, std::uint8_t maskLen);
+  // "10.0.0.0/8" or "ff00::/8"; throws Kel::RangeError on malformed text.
+  explicit IpGenPrefix(std::string_view text);
+
+  const IpGenAddr& address() const noexcept { return addr_; }
+  std::uint8_t maskLen() const noexcept { return len_; }
+  AddressFamily af() const noexcept { return addr_.af(); }
+  bool isHost() const noexcept { return addr_.isSet() && len_ == addr_.byteLength() * 8; }
+  IpGenPrefix masked() const noexcept;
+  bool contains(const IpGenAddr& a) const noexcept;
+  std::string str() const;
+  std::uint32_t hash() const noexcept;
+
+  friend bool operator==(const IpGenPrefix&, const IpGenPrefix&) = default;
+  friend auto operator<=>(const IpGenPrefix&, const IpGenPrefix&) = default;
+
+ private:
+  IpGenAddr addr_;
+  std::uint8_t len_ = 0;
+};
+std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p);
+
+// An interface address: the address and the mask length of its subnet.
+class IpGenAddrWithMask {
+ public:
+  IpGenAddrWithMask() noexcept = default;
+  IpGenAddrWithMask(const IpGenAddr& addr, std::uint8_t maskLen);  // RangeError as prefix
+  explicit IpGenAddrWithMask(std::string_view text);
+  const IpGenAddr& address() const noexcept { return addr_; }
+  std::uint8_t maskLen() const noexcept { return len_; }
+  IpGenPrefix subnet() const { return IpGenPrefix(addr_, len_).masked(); }
+  std::string str() const;
+
+  friend bool operator==(const IpGenAddrWithMask&, const IpGenAddrWithMask&) = default;
+  friend auto operator<=>(const IpGenAddrWithMask&, const IpGenAddrWithMask&) = default;
+
+ private:
+  IpGenAddr addr_;
+  std::uint8_t len_ = 0;
+};
+std::ostream& operator<<(std::ostream& os, const IpGenAddrWithMask& a);
+
+// ---------------------------------------------------------------------------------------
+// Interface identifiers.
+
+class IntfId {
+ public:
+  static constexpr std::size_t kMaxLen = 31;
+  static constexpr std::string_view kRangeErrorText = "IntfId::name longer than 31 not allowed";
+
+  IntfId() noexcept = default;             // empty: all interfaces
+  explicit IntfId(std::string_view name);  // RangeError if longer than kMaxLen
+
+  std::string_view name() const noexcept { return std::string_view(name_.data()); }
+  bool empty() const noexcept { return name_[0] == 0; }
+  std::uint32_t hash() const noexcept;  // FNV-1a over the name's bytes
+
+  friend bool operator==(const IntfId&, const IntfId&) = default;
+  friend std::strong_ordering operator<=>(const IntfId& a, const IntfId& b) noexcept {
+    return std::memcmp(a.name_.data(), b.name_.data(), a.name_.size()) <=> 0;
+  }
+
+ private:
+  std::array<char, kMaxLen + 1> name_{};  // NUL-padded, so memcmp orders by name
+};
+std::ostream& operator<<(std::ostream& os, const IntfId& i);
+
+// ---------------------------------------------------------------------------------------
+// Packets.
+
+class Pkt : public Kel::PtrInterface {
+ public:
+  static constexpr std::uint32_t kDefaultHeadroom = 64;
+  // One contiguous segment: the codec needs every message in one buffer.
+  static constexpr std::size_t maxIovecs_ = 1;
+
+  // A zero-filled packet of size bytes with the given room before and after it.
+  static Kel::Ptr<Pkt> create(std::uint32_t size, std::uint32_t headroom = kDefaultHeadroom,
+                              std::uint32_t tailroom = 0);
+  static Kel::Ptr<Pkt> copyOf(const void* bytes, std::uint32_t size,
+                              std::uint32_t headroom = kDefaultHeadroom,
+                              std::uint32_t tailroom = 0);
+  // A second Pkt over the same buffer (no copy).
+  Kel::Ptr<Pkt> share() const;
+
+  std::uint32_t size() const noexcept { return tail_ - head_; }
+  std::uint32_t headroom() const noexcept { return head_; }
+  std::uint32_t tailroom() const noexcept { return capacity() - tail_; }
+  bool isShared() const noexcept;
+
+  // Contiguous bytes [offset, offset + len) or nullptr if they are not all in the packet.
+  const std::uint8_t* data(std::uint32_t offset, std::uint32_t len = 0) const noexcept;
+  // The same for writing; takes a private copy of a shared buffer first.
+  std::uint8_t* writableData(std::uint32_t offset, std::uint32_t len = 0);
+
+  // Grows or shrinks the packet at its tail (growth uses tail room, zero-filled).
+  bool sizeIs(std::uint32_t size);
+  // Grows the packet at its head by n bytes of head room; false if there is too little.
+  bool prepend(std::uint32_t n);
+
+  // Removal from a buffer that other Pkts may share: only this view moves.
+  void delSharedHeadData(std::uint32_t n);
+  void delSharedTailData(std::uint32_t n);
+  // Refreshes the scatter/gather view after head or tail moved.
+  void updateSharedIovec();
+  const iovec* iovecs() const noexcept { return iov_.data(); }
+  std::size_t iovecCount() const noexcept { return maxIovecs_ - firstIoVec_; }
+
+ private:
+  struct Buffer : Kel::PtrInterface {
+    explicit Buffer(std::uint32_t cap) : bytes(new std::uint8_t[cap]()), capacity(cap) {}
+    ~Buffer() override { delete[] bytes; }
+    Buffer(const Buffer&) = delete;
+    Buffer& operator=(const Buffer&) = delete;
+    std::uint8_t* bytes;
+    std::uint32_t capacity;
+  };
+  Pkt() = default;
+  std::uint32_t capacity() const noexcept { return sharedBuffer_ ? sharedBuffer_->capacity : 0; }
+  void unshare();
+
+  Kel::Ptr<Buffer> sharedBuffer_;
+  std::uint32_t head_ = 0;
+  std::uint32_t tail_ = 0;
+  std::array<iovec, maxIovecs_> iov_{};
+  std::size_t firstIoVec_ = maxIovecs_;  // maxIovecs_: no segment
+};
+
+// ---------------------------------------------------------------------------------------
+// Checksums (RFC 1071). The result is in host order, ready for store16().
+
+// Partial one's-complement sum, to chain several ranges (each range but the last must
+// have an even length).
+std::uint64_t checksumAdd(std::uint64_t acc, const void* data, std::size_t len) noexcept;
+std::uint16_t checksumFold(std::uint64_t acc) noexcept;  // complemented, host order
+
+std::uint16_t inetChecksum(const void* data, std::size_t len) noexcept;
+// IPv6 upper-layer checksum: the RFC 8200 pseudo-header (source, destination, 32-bit
+// upper-layer length, three zero bytes, next header) followed by len bytes of data.
+std::uint16_t inetChecksumV6(const IpGenAddr& src, const IpGenAddr& dst,
+                             std::uint32_t upperLayerLength, std::uint8_t nextHeader,
+                             const void* data, std::size_t len) noexcept;
+
+// ---------------------------------------------------------------------------------------
+// PIM common header.
+
+// The whole first byte of the PIM header: version 2 in the high nibble, type in the low.
+enum class PimMessageType : std::uint8_t {
+  pimHello = 0x20,
+  pimRegister = 0x21,
+  pimRegisterStop = 0x22,
+  pimJoinPrune = 0x23,
+  pimBootstrap = 0x24,
+  pimAssert = 0x25,
+  pimGraft = 0x26,
+  pimGraftAck = 0x27,
+  pimCrpAdv = 0x28,
+  pimStateRefresh = 0x29,
+  pimDfElection = 0x2A,
+};
+std::string_view pimMessageTypeName(PimMessageType t) noexcept;  // "Hello", "Unknown", ...
+std::ostream& operator<<(std::ostream& os, PimMessageType t);
+
+constexpr std::uint8_t kIpProtoPim = 103;
+
+// A view of the 4-byte PIM common header at p (at least 4 bytes must be there).
+class PimCommonHdr {
+ public:
+  static constexpr std::uint32_t kSize = 4;
+  explicit PimCommonHdr(std::uint8_t* p) noexcept : p_(p) {}
+
+  PimMessageType pimMessageType() const noexcept { return PimMessageType{p_[0]}; }
+  void pimMessageTypeIs(PimMessageType t) noexcept { p_[0] = static_cast<std::uint8_t>(t); }
+  std::uint8_t version() const noexcept { return p_[0] >> 4; }
+  std::uint8_t type() const noexcept { return p_[0] & 0x0f; }
+  std::uint8_t reserved() const noexcept { return p_[1]; }
+  void reservedIs(std::uint8_t r) noexcept { p_[1] = r; }
+  std::uint16_t checksum() const noexcept { return load16(p_ + 2); }
+  void checksumIs(std::uint16_t c) noexcept { store16(p_ + 2, c); }
+
+  // Checksum over len bytes from the header's start, checksum field as it stands.
+  std::uint16_t computeChecksum(std::uint32_t len) const noexcept { return inetChecksum(p_, len); }
+  // The same preceded by the IPv6 pseudo-header (next header 103).
+  std::uint16_t computeChecksumV6(const IpGenAddr& src, const IpGenAddr& dst,
+                                  std::uint32_t upperLayerLength,
+                                  std::uint32_t len) const noexcept {
+    return inetChecksumV6(src, dst, upperLayerLength, kIpProtoPim, p_, len);
+  }
+
+ private:
+  std::uint8_t* p_;
+};
+
+// ---------------------------------------------------------------------------------------
+// IP header views.
+
+class Ipv4Hdr {
+ public:
+  static constexpr std::uint32_t kMinSize = 20;
+  explicit Ipv4Hdr(std::uint8_t* p) noexcept : p_(p) {}
+  std::uint8_t version() const noexcept { return p_[0] >> 4; }
+  std::uint32_t headerLength() const noexcept { return (p_[0] & 0x0fu) * 4u; }
+  std::uint8_t tos() const noexcept { return p_[1]; }
+  std::uint16_t totalLength() const noexcept { return load16(p_ + 2); }
+  std::uint8_t ttl() const noexcept { return p_[8]; }
+  std::uint8_t protocol() const noexcept { return p_[9]; }
+  std::uint16_t checksum() const noexcept { return load16(p_ + 10); }
+  IpGenAddr src() const noexcept { return IpGenAddr(AddressFamily::ipv4, p_ + 12); }
+  IpGenAddr dst() const noexcept { return IpGenAddr(AddressFamily::ipv4, p_ + 16); }
+
+  // Writes a 20-byte header without options, checksum included.
+  void build(std::uint8_t tos, std::uint16_t totalLength, std::uint8_t ttl, std::uint8_t protocol,
+             const IpGenAddr& src, const IpGenAddr& dst) noexcept;
+
+ private:
+  std::uint8_t* p_;
+};
+
+class Ipv6Hdr {
+ public:
+  static constexpr std::uint32_t kSize = 40;
+  explicit Ipv6Hdr(std::uint8_t* p) noexcept : p_(p) {}
+  std::uint8_t version() const noexcept { return p_[0] >> 4; }
+  std::uint8_t trafficClass() const noexcept {
+    return static_cast<std::uint8_t>(((p_[0] & 0x0f) << 4) | (p_[1] >> 4));
+  }
+  std::uint16_t payloadLength() const noexcept { return load16(p_ + 4); }
+  std::uint8_t nextHeader() const noexcept { return p_[6]; }
+  std::uint8_t hopLimit() const noexcept { return p_[7]; }
+  IpGenAddr src() const noexcept { return IpGenAddr(AddressFamily::ipv6, p_ + 8); }
+  IpGenAddr dst() const noexcept { return IpGenAddr(AddressFamily::ipv6, p_ + 24); }
+
+  void build(std::uint8_t trafficClass, std::uint16_t payloadLength, std::uint8_t nextHeader,
+             std::uint8_t hopLimit, const IpGenAddr& src, const IpGenAddr& dst) noexcept;
+
+ private:
+  std::uint8_t* p_;
+};
+
+}  // namespace Nimo
+
+// Text forms of the networking types inside value records: addresses and prefixes bare
+// ("10.0.0.1", "ff00::/8", "None" when unset), interface ids quoted ('Ethernet1').
+namespace Kel {
+template <>
+struct ValueText<Nimo::IpGenAddr> {
+  static void print(std::string& out, const Nimo::IpGenAddr& v) { out += v.str(); }
+  static void parse(ValueParser& in, Nimo::IpGenAddr& v);
+};
+template <>
+struct ValueText<Nimo::IpGenPrefix> {
+  static void print(std::string& out, const Nimo::IpGenPrefix& v) { out += v.str(); }
+  static void parse(ValueParser& in, Nimo::IpGenPrefix& v);
+};
+template <>
+struct ValueText<Nimo::IpGenAddrWithMask> {
+  static void print(std::string& out, const Nimo::IpGenAddrWithMask& v) { out += v.str(); }
+  static void parse(ValueParser& in, Nimo::IpGenAddrWithMask& v);
+};
+template <>
+struct ValueText<Nimo::IntfId> {
+  static void print(std::string& out, const Nimo::IntfId& v) { appendQuoted(out, v.name()); }
+  static void parse(ValueParser& in, Nimo::IntfId& v);
+};
+}  // namespace Kel
