@@ -23,6 +23,7 @@
 //   hdr.pimMessageTypeIs(Nimo::PimMessageType::pimHello);
 #pragma once
 
+#include <fmt/format.h>
 #include <sys/uio.h>
 
 #include <array>
@@ -378,3 +379,29 @@ struct ValueText<Nimo::IntfId> {
   static void parse(ValueParser& in, Nimo::IntfId& v);
 };
 }  // namespace Kel
+
+// Networking types format in trace lines through their text form: fmt::format("{}", addr).
+template <>
+struct fmt::formatter<Nimo::IpGenAddr> : fmt::formatter<std::string_view> {
+  auto format(const Nimo::IpGenAddr& v, fmt::format_context& ctx) const {
+    return fmt::formatter<std::string_view>::format(v.str(), ctx);
+  }
+};
+template <>
+struct fmt::formatter<Nimo::IpGenPrefix> : fmt::formatter<std::string_view> {
+  auto format(const Nimo::IpGenPrefix& v, fmt::format_context& ctx) const {
+    return fmt::formatter<std::string_view>::format(v.str(), ctx);
+  }
+};
+template <>
+struct fmt::formatter<Nimo::IpGenAddrWithMask> : fmt::formatter<std::string_view> {
+  auto format(const Nimo::IpGenAddrWithMask& v, fmt::format_context& ctx) const {
+    return fmt::formatter<std::string_view>::format(v.str(), ctx);
+  }
+};
+template <>
+struct fmt::formatter<Nimo::IntfId> : fmt::formatter<std::string_view> {
+  auto format(const Nimo::IntfId& v, fmt::format_context& ctx) const {
+    return fmt::formatter<std::string_view>::format(v.name(), ctx);
+  }
+};

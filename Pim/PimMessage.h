@@ -1,0 +1,404 @@
+// The PIM version 2 message codec.
+//
+// Message objects and their read/write operations for every PIM message, IPv4 and IPv6.
+// All operations share one convention:
+//   std::uint32_t readX(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+//   std::uint32_t writeX(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+// The result counts the bytes read or written from offset; 0 means failure, and exactly one
+// error line has then been written to the trace facility "Pim::Packet" (level 1 errors,
+// 4 debug, 5 warnings, 9 notes). Nothing is thrown out of a read or write: range errors of
+// value types are caught at this boundary. A failed read leaves the object partly filled
+// and a failed write leaves the buffer partly written; the caller discards either.
+//
+// Receiving: construct the message of the type the first header byte names, set srcIp and
+// dstIp (they choose the family and feed the IPv6 checksum), then call its read operation,
+// which checks the common header first. Sending: fill the object, set srcIp/dstIp, size the
+// packet to the room available, call the write operation; it encodes the body at
+// offset + 4, sets length, and writes the header last so the checksum covers the body.
+//
+// Threading: event-loop thread only; message objects are not shared between threads.
+//
+// Usage:
+//   auto hello = Kel::Ptr<Routing::Pim::Packet::HelloMessage>::make();
+//   hello->srcIpIs(Nimo::IpGenAddr("10.0.0.1"));
+//   hello->dstIpIs(Nimo::IpGenAddr("224.0.0.13"));
+//   hello->holdTimeOptionIs(true);
+//   hello->holdTimeIs(105);
+//   auto pkt = Nimo::Pkt::create(1500);
+//   std::uint32_t n = hello->writeHelloMessage(pkt, 0);   // 10 bytes
+//   pkt->sizeIs(n);
+//   auto rx = Kel::Ptr<Routing::Pim::Packet::HelloMessage>::make();
+//   rx->srcIpIs(hello->srcIp()); rx->dstIpIs(hello->dstIp());
+//   bool same = rx->readHelloMessage(pkt, 0) == n && *rx == *hello;
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <set>
+#include <string>
+
+#include "Pim/platform/Flicklog.h"
+#include "Pim/platform/Kel.h"
+#include "Pim/platform/Nimo.h"
+
+namespace Routing::Pim::Packet {
+
+using MessageType = std::uint8_t;     // the PIM type number, low nibble of the first byte
+using MessageSubtype = std::uint8_t;  // subtype of the types that have one; 255: none
+
+// The codec's trace facility, "Pim::Packet".
+Flicklog::Facility& codecTrace() noexcept;
+
+// System log messages defined with the codec; the I/O layer and the bootstrap-router logic
+// emit them with Flicklog::logMessage(msg, args...).
+extern const Flicklog::LogMessage PIM_MESSAGE_INVALID_ENCODED_SOURCE;
+extern const Flicklog::LogMessage PIM_MESSAGE_INVALID_ENCODED_GROUP;
+extern const Flicklog::LogMessage PIM_MESSAGE_AF_MISMATCH;
+extern const Flicklog::LogMessage PIMBSR_CRPADV_ZONE_SET;
+
+// ---------------------------------------------------------------------------------------
+// Message: the common header (RFC 7761 4.9)
+//
+//    0                   1                   2                   3
+//    0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1
+//   +-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+
+//   |PIM Ver| Type  |   Reserved    |           Checksum            |
+//   +-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+
+
+class Message : public Kel::PtrInterface {
+ public:
+  explicit Message(Nimo::PimMessageType type) noexcept : pimMessageType_(type) {}
+
+  Nimo::PimMessageType pimMessageType() const noexcept { return pimMessageType_; }
+  MessageType messageType() const noexcept {
+    return static_cast<MessageType>(static_cast<std::uint8_t>(pimMessageType_) & 0x0f);
+  }
+  MessageSubtype messageSubtype() const noexcept { return messageSubtype_; }
+  void messageSubtypeIs(MessageSubtype s) noexcept { messageSubtype_ = s; }
+  // The whole second header byte, as received or to be sent.
+  std::uint8_t reserved() const noexcept { return reserved_; }
+  void reservedIs(std::uint8_t r) noexcept { reserved_ = r; }
+  // Bytes the checksum covers: the whole message, but only the first 8 of a Register.
+  std::uint32_t length() const noexcept { return length_; }
+  void lengthIs(std::uint32_t l) noexcept { length_ = l; }
+  const Nimo::IpGenAddr& srcIp() const noexcept { return srcIp_; }
+  void srcIpIs(const Nimo::IpGenAddr& a) noexcept { srcIp_ = a; }
+  const Nimo::IpGenAddr& dstIp() const noexcept { return dstIp_; }
+  void dstIpIs(const Nimo::IpGenAddr& a) noexcept { dstIp_ = a; }
+  // Family of srcIp, else of dstIp: 0 none, 1 IPv4, 2 IPv6.
+  std::uint8_t af() const noexcept;
+
+  std::uint32_t readHeader(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+  std::uint32_t writeHeader(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+
+  // The print form: header fields here; each message class appends its body.
+  virtual void print(std::ostream& os) const;
+
+ protected:
+  bool headerEquals(const Message& o) const noexcept;
+
+ private:
+  Nimo::PimMessageType pimMessageType_;
+  MessageSubtype messageSubtype_ = 255;
+  std::uint8_t reserved_ = 0;
+  std::uint32_t length_ = 0;
+  Nimo::IpGenAddr srcIp_;
+  Nimo::IpGenAddr dstIp_;
+};
+std::ostream& operator<<(std::ostream& os, const Message& m);
+
+// ---------------------------------------------------------------------------------------
+// Encoded-Unicast address (RFC 7761 4.9.1)
+//
+//   | Addr Family  | Encoding Type |     Unicast Address (4 or 16 bytes) ...
+//
+// Total 6 (IPv4) or 18 (IPv6) bytes. Reading does not call valid(): callers that need a
+// unicast address call it themselves.
+
+class EncodedUnicastAddress {
+ public:
+  EncodedUnicastAddress() noexcept = default;
+  explicit EncodedUnicastAddress(const Nimo::IpGenAddr& a) noexcept : address_(a) {}
+
+  const Nimo::IpGenAddr& address() const noexcept { return address_; }
+  void addressIs(const Nimo::IpGenAddr& a) noexcept { address_ = a; }
+
+  std::uint32_t readUnicastAddress(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                   std::uint32_t offset) noexcept;
+  std::uint32_t writeUnicastAddress(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                    std::uint32_t offset) noexcept;
+  bool valid() const noexcept;
+
+  // Reading bounded by end (an offset no larger than the packet size) instead of the
+  // packet's end: for addresses inside an option whose declared length must not be
+  // overrun.
+  std::uint32_t readUnicastAddress(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset,
+                                   std::uint32_t end) noexcept;
+
+  friend bool operator==(const EncodedUnicastAddress&, const EncodedUnicastAddress&) = default;
+
+ private:
+  Nimo::IpGenAddr address_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Group and source address values: a prefix and the flags byte kept whole.
+
+struct GroupAddress {
+  static constexpr std::string_view kTypeName = "Routing::Pim::Packet::GroupAddress";
+  static constexpr std::uint8_t kBidirectional = 0x80;  // B (RFC 5015)
+  static constexpr std::uint8_t kAdminScopeZone = 0x01;  // Z (RFC 7761)
+
+  GroupAddress() noexcept = default;
+  GroupAddress(const Nimo::IpGenPrefix& a, std::uint8_t f) noexcept : address(a), flags(f) {}
+  GroupAddress(const char* begin, const char* end) { Kel::parseValue(begin, end, *this); }
+
+  Nimo::IpGenPrefix address;
+  std::uint8_t flags = 0;
+
+  static constexpr auto kFields = std::make_tuple(Kel::field("address", &GroupAddress::address),
+                                                  Kel::field("flags", &GroupAddress::flags));
+  friend bool operator==(const GroupAddress&, const GroupAddress&) = default;
+  friend auto operator<=>(const GroupAddress&, const GroupAddress&) = default;
+};
+std::ostream& operator<<(std::ostream& os, const GroupAddress& g);
+
+struct SourceAddress {
+  static constexpr std::string_view kTypeName = "Routing::Pim::Packet::SourceAddress";
+  static constexpr std::uint8_t kSparse = 0x04;    // S
+  static constexpr std::uint8_t kWildcard = 0x02;  // W
+  static constexpr std::uint8_t kRpt = 0x01;       // R
+
+  SourceAddress() noexcept = default;
+  SourceAddress(const Nimo::IpGenPrefix& a, std::uint8_t f) noexcept : address(a), flags(f) {}
+  SourceAddress(const char* begin, const char* end) { Kel::parseValue(begin, end, *this); }
+
+  Nimo::IpGenPrefix address;
+  std::uint8_t flags = 0;
+
+  static constexpr auto kFields = std::make_tuple(
+      Kel::field("address", &SourceAddress::address), Kel::field("flags", &SourceAddress::flags));
+  friend bool operator==(const SourceAddress&, const SourceAddress&) = default;
+  friend auto operator<=>(const SourceAddress&, const SourceAddress&) = default;
+};
+std::ostream& operator<<(std::ostream& os, const SourceAddress& s);
+
+// ---------------------------------------------------------------------------------------
+// Encoded-Group address (RFC 7761 4.9.1, flags from RFC 5015 / RFC 7761)
+//
+//   | Addr Family  | Encoding Type |B| Reserved  |Z|  Mask Len     |
+//   |                Group multicast Address (4 or 16 bytes) ...
+//
+// Encoded-Source address: the same layout with the flags |Rsrvd|S|W|R|.
+// Total 8 (IPv4) or 20 (IPv6) bytes each.
+
+class EncodedGroupAddress {
+ public:
+  EncodedGroupAddress() noexcept = default;
+  explicit EncodedGroupAddress(const GroupAddress& g) noexcept : value_(g) {}
+
+  // The prefix's address; a value of unknown family is a programming error.
+  Nimo::IpGenAddr address() const noexcept;
+  void addressIs(const Nimo::IpGenAddr& a) noexcept;  // as a host prefix
+  const GroupAddress& groupAddress() const noexcept { return value_; }
+  void groupAddressIs(const GroupAddress& g) noexcept { value_ = g; }
+  std::uint8_t flags() const noexcept { return value_.flags; }
+  void flagsIs(std::uint8_t f) noexcept { value_.flags = f; }
+  bool isHostPrefix() const noexcept { return value_.address.isHost(); }
+
+  std::uint32_t readGroupAddress(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+  std::uint32_t writeGroupAddress(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+  bool valid() const noexcept;
+
+  friend bool operator==(const EncodedGroupAddress&, const EncodedGroupAddress&) = default;
+
+ private:
+  GroupAddress value_;
+};
+
+class EncodedSourceAddress {
+ public:
+  EncodedSourceAddress() noexcept = default;
+  explicit EncodedSourceAddress(const SourceAddress& s) noexcept : value_(s) {}
+
+  Nimo::IpGenAddr address() const noexcept;
+  void addressIs(const Nimo::IpGenAddr& a) noexcept;
+  const SourceAddress& sourceAddress() const noexcept { return value_; }
+  void sourceAddressIs(const SourceAddress& s) noexcept { value_ = s; }
+  std::uint8_t flags() const noexcept { return value_.flags; }
+  void flagsIs(std::uint8_t f) noexcept { value_.flags = f; }
+  bool isHostPrefix() const noexcept { return value_.address.isHost(); }
+
+  std::uint32_t readSourceAddress(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+  std::uint32_t writeSourceAddress(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                   std::uint32_t offset) noexcept;
+  bool valid() const noexcept;
+
+  friend bool operator==(const EncodedSourceAddress&, const EncodedSourceAddress&) = default;
+
+ private:
+  SourceAddress value_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Hello (RFC 7761 4.9.2; options 21-24 RFC 5015 / RFC 7761, 27-28 RFC 6559, 31 RFC 6395)
+//
+//   |PIM Ver| Type  |   Reserved    |           Checksum            |
+//   |        OptionType             |         OptionLength          |
+//   |                          OptionValue ...                      |
+//   |        OptionType             |         OptionLength          |  ...
+//
+// Options the reader does not know are skipped by their declared length with a warning;
+// a Hello without a holdtime is accepted (the consumer applies its default).
+
+struct HelloOptionTypeConstants {
+  static constexpr std::uint16_t helloHoldTime = 1;
+  static constexpr std::uint16_t helloLanPruneDelay = 2;
+  static constexpr std::uint16_t helloDrPriority = 19;
+  static constexpr std::uint16_t helloGenerationId = 20;
+  static constexpr std::uint16_t helloBidirectionalCapable = 22;
+  static constexpr std::uint16_t helloAddressList = 24;
+  static constexpr std::uint16_t helloPimOverTcpCapable = 27;
+  static constexpr std::uint16_t helloPimOverSctpCapable = 28;
+  static constexpr std::uint16_t helloInterfaceIdentifier = 31;
+};
+
+struct HelloOptionHeader {
+  static constexpr std::uint32_t kSize = 4;
+  std::uint16_t helloType = 0;
+  std::uint16_t length = 0;
+};
+
+class HelloMessage : public Message {
+ public:
+  // The LAN prune delay's propagation delay: 15 bits.
+  class HelloPropagationDelay {
+   public:
+    static constexpr std::string_view kTypeName =
+        "Routing::Pim::Packet::HelloMessage::HelloPropagationDelay";
+    static constexpr std::uint16_t min = 0;
+    static constexpr std::uint16_t max = 32767;
+    static constexpr std::string_view kRangeErrorText =
+        "HelloPropagationDelay::value < HelloPropagationDelay::min or > "
+        "HelloPropagationDelay::max not allowed";
+
+    HelloPropagationDelay() noexcept = default;
+    explicit HelloPropagationDelay(std::uint16_t v);  // Kel::RangeError above max
+    HelloPropagationDelay(const char* begin, const char* end);
+    std::uint16_t value() const noexcept { return value_; }
+
+    static constexpr auto kFields =
+        std::make_tuple(Kel::field("value", &HelloPropagationDelay::value_));
+    friend bool operator==(const HelloPropagationDelay&, const HelloPropagationDelay&) = default;
+
+   private:
+    std::uint16_t value_ = 0;
+  };
+
+  // The first word of the LAN prune delay option as two raw bytes in wire order: the T bit
+  // and the propagation delay.
+  struct HelloImplPropagationDelay {
+    static constexpr std::string_view kTypeName =
+        "Routing::Pim::Packet::HelloMessage::HelloImplPropagationDelay";
+    HelloImplPropagationDelay() noexcept = default;
+    HelloImplPropagationDelay(std::uint8_t a, std::uint8_t b) noexcept : v0(a), v1(b) {}
+    HelloImplPropagationDelay(const char* begin, const char* end) {
+      Kel::parseValue(begin, end, *this);
+    }
+    std::uint8_t v0 = 0;
+    std::uint8_t v1 = 0;
+    static constexpr auto kFields = std::make_tuple(
+        Kel::field("v0", &HelloImplPropagationDelay::v0),
+        Kel::field("v1", &HelloImplPropagationDelay::v1));
+    friend bool operator==(const HelloImplPropagationDelay&,
+                           const HelloImplPropagationDelay&) = default;
+  };
+
+  HelloMessage() noexcept : Message(Nimo::PimMessageType::pimHello) {}
+
+  bool holdTimeOption() const noexcept { return holdTimeOption_; }
+  void holdTimeOptionIs(bool b) noexcept { holdTimeOption_ = b; }
+  std::uint16_t holdTime() const noexcept { return holdTime_; }
+  void holdTimeIs(std::uint16_t v) noexcept { holdTime_ = v; }
+
+  bool lanPruneDelayOption() const noexcept { return lanPruneDelayOption_; }
+  void lanPruneDelayOptionIs(bool b) noexcept { lanPruneDelayOption_ = b; }
+  HelloImplPropagationDelay implPropagationDelay() const noexcept { return impl_; }
+  void implPropagationDelayIs(HelloImplPropagationDelay v) noexcept { impl_ = v; }
+  std::uint16_t overrideInterval() const noexcept { return overrideInterval_; }
+  void overrideIntervalIs(std::uint16_t v) noexcept { overrideInterval_ = v; }
+  bool tBit() const noexcept { return (impl_.v0 & 0x80) != 0; }
+  void tBitIs(bool b) noexcept;
+  HelloPropagationDelay propagationDelay() const noexcept;
+  void propagationDelayIs(HelloPropagationDelay d) noexcept;
+
+  bool drPriorityOption() const noexcept { return drPriorityOption_; }
+  void drPriorityOptionIs(bool b) noexcept { drPriorityOption_ = b; }
+  std::uint32_t drPriority() const noexcept { return drPriority_; }
+  void drPriorityIs(std::uint32_t v) noexcept { drPriority_ = v; }
+
+  bool generationIdOption() const noexcept { return generationIdOption_; }
+  void generationIdOptionIs(bool b) noexcept { generationIdOption_ = b; }
+  std::uint32_t generationId() const noexcept { return generationId_; }
+  void generationIdIs(std::uint32_t v) noexcept { generationId_ = v; }
+
+  bool bidirectionalCapable() const noexcept { return bidirectionalCapable_; }
+  void bidirectionalCapableIs(bool b) noexcept { bidirectionalCapable_ = b; }
+
+  const std::set<Nimo::IpGenAddr>& secondaryAddr() const noexcept { return secondaryAddr_; }
+  bool secondaryAddr(const Nimo::IpGenAddr& a) const { return secondaryAddr_.count(a) != 0; }
+  void secondaryAddrIs(const Nimo::IpGenAddr& a, bool present);
+  void secondaryAddrDelAll() noexcept { secondaryAddr_.clear(); }
+
+  bool tcpConnectionOption() const noexcept { return tcpConnectionOption_; }
+  void tcpConnectionOptionIs(bool b) noexcept { tcpConnectionOption_ = b; }
+  const Nimo::IpGenAddr& tcpConnectionId() const noexcept { return tcpConnectionId_; }
+  void tcpConnectionIdIs(const Nimo::IpGenAddr& a) noexcept { tcpConnectionId_ = a; }
+
+  bool sctpConnectionOption() const noexcept { return sctpConnectionOption_; }
+  void sctpConnectionOptionIs(bool b) noexcept { sctpConnectionOption_ = b; }
+  const Nimo::IpGenAddr& sctpConnectionId() const noexcept { return sctpConnectionId_; }
+  void sctpConnectionIdIs(const Nimo::IpGenAddr& a) noexcept { sctpConnectionId_ = a; }
+
+  bool interfaceIdOption() const noexcept { return interfaceIdOption_; }
+  void interfaceIdOptionIs(bool b) noexcept { interfaceIdOption_ = b; }
+  std::uint32_t interfaceId() const noexcept { return interfaceId_; }
+  void interfaceIdIs(std::uint32_t v) noexcept { interfaceId_ = v; }
+  std::uint32_t routerId() const noexcept { return routerId_; }
+  void routerIdIs(std::uint32_t v) noexcept { routerId_ = v; }
+
+  // Returns the message length from offset to the end of the packet, or 0.
+  std::uint32_t readHelloMessage(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+  // Returns the bytes written (header included), or 0.
+  std::uint32_t writeHelloMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                  std::uint32_t offset) noexcept;
+
+  void print(std::ostream& os) const override;
+  // Every attribute, header fields included.
+  friend bool operator==(const HelloMessage& a, const HelloMessage& b) noexcept;
+
+ private:
+  bool holdTimeOption_ = false;
+  std::uint16_t holdTime_ = 0;
+  bool lanPruneDelayOption_ = false;
+  HelloImplPropagationDelay impl_;
+  std::uint16_t overrideInterval_ = 0;
+  bool drPriorityOption_ = false;
+  std::uint32_t drPriority_ = 0;
+  bool generationIdOption_ = false;
+  std::uint32_t generationId_ = 0;
+  bool bidirectionalCapable_ = false;
+  std::set<Nimo::IpGenAddr> secondaryAddr_;
+  bool tcpConnectionOption_ = false;
+  Nimo::IpGenAddr tcpConnectionId_;
+  bool sctpConnectionOption_ = false;
+  Nimo::IpGenAddr sctpConnectionId_;
+  bool interfaceIdOption_ = false;
+  std::uint32_t interfaceId_ = 0;
+  std::uint32_t routerId_ = 0;
+};
+std::ostream& operator<<(std::ostream& os, const HelloMessage::HelloPropagationDelay& d);
+std::ostream& operator<<(std::ostream& os, const HelloMessage::HelloImplPropagationDelay& d);
+
+}  // namespace Routing::Pim::Packet
