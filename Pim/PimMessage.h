@@ -124,10 +124,8 @@ class EncodedUnicastAddress {
   const Nimo::IpGenAddr& address() const noexcept { return address_; }
   void addressIs(const Nimo::IpGenAddr& a) noexcept { address_ = a; }
 
-  std::uint32_t readUnicastAddress(const Kel::Ptr<Nimo::Pkt>& pkt,
-                                   std::uint32_t offset) noexcept;
-  std::uint32_t writeUnicastAddress(const Kel::Ptr<Nimo::Pkt>& pkt,
-                                    std::uint32_t offset) noexcept;
+  std::uint32_t readUnicastAddress(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+  std::uint32_t writeUnicastAddress(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
   bool valid() const noexcept;
 
   // Reading bounded by end (an offset no larger than the packet size) instead of the
@@ -147,7 +145,7 @@ class EncodedUnicastAddress {
 
 struct GroupAddress {
   static constexpr std::string_view kTypeName = "Routing::Pim::Packet::GroupAddress";
-  static constexpr std::uint8_t kBidirectional = 0x80;  // B (RFC 5015)
+  static constexpr std::uint8_t kBidirectional = 0x80;   // B (RFC 5015)
   static constexpr std::uint8_t kAdminScopeZone = 0x01;  // Z (RFC 7761)
 
   GroupAddress() noexcept = default;
@@ -177,8 +175,8 @@ struct SourceAddress {
   Nimo::IpGenPrefix address;
   std::uint8_t flags = 0;
 
-  static constexpr auto kFields = std::make_tuple(
-      Kel::field("address", &SourceAddress::address), Kel::field("flags", &SourceAddress::flags));
+  static constexpr auto kFields = std::make_tuple(Kel::field("address", &SourceAddress::address),
+                                                  Kel::field("flags", &SourceAddress::flags));
   friend bool operator==(const SourceAddress&, const SourceAddress&) = default;
   friend auto operator<=>(const SourceAddress&, const SourceAddress&) = default;
 };
@@ -231,8 +229,7 @@ class EncodedSourceAddress {
   bool isHostPrefix() const noexcept { return value_.address.isHost(); }
 
   std::uint32_t readSourceAddress(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
-  std::uint32_t writeSourceAddress(const Kel::Ptr<Nimo::Pkt>& pkt,
-                                   std::uint32_t offset) noexcept;
+  std::uint32_t writeSourceAddress(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
   bool valid() const noexcept;
 
   friend bool operator==(const EncodedSourceAddress&, const EncodedSourceAddress&) = default;
@@ -288,8 +285,9 @@ class HelloMessage : public Message {
     HelloPropagationDelay(const char* begin, const char* end);
     std::uint16_t value() const noexcept { return value_; }
 
-    static constexpr auto kFields =
-        std::make_tuple(Kel::field("value", &HelloPropagationDelay::value_));
+    static constexpr auto fields() {
+      return std::make_tuple(Kel::field("value", &HelloPropagationDelay::value_));
+    }
     friend bool operator==(const HelloPropagationDelay&, const HelloPropagationDelay&) = default;
 
    private:
@@ -308,9 +306,10 @@ class HelloMessage : public Message {
     }
     std::uint8_t v0 = 0;
     std::uint8_t v1 = 0;
-    static constexpr auto kFields = std::make_tuple(
-        Kel::field("v0", &HelloImplPropagationDelay::v0),
-        Kel::field("v1", &HelloImplPropagationDelay::v1));
+    static constexpr auto fields() {
+      return std::make_tuple(Kel::field("v0", &HelloImplPropagationDelay::v0),
+                             Kel::field("v1", &HelloImplPropagationDelay::v1));
+    }
     friend bool operator==(const HelloImplPropagationDelay&,
                            const HelloImplPropagationDelay&) = default;
   };
@@ -371,8 +370,7 @@ class HelloMessage : public Message {
   // Returns the message length from offset to the end of the packet, or 0.
   std::uint32_t readHelloMessage(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
   // Returns the bytes written (header included), or 0.
-  std::uint32_t writeHelloMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
-                                  std::uint32_t offset) noexcept;
+  std::uint32_t writeHelloMessage(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
 
   void print(std::ostream& os) const override;
   // Every attribute, header fields included.

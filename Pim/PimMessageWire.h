@@ -20,10 +20,10 @@ class Reader {
  public:
   // Reads [offset, end); end is clamped to the packet size and offset to end.
   Reader(const Nimo::Pkt& pkt, std::uint32_t offset, std::uint32_t end) noexcept
-      : base_(pkt.data(0)), end_(end < pkt.size() ? end : pkt.size()),
+      : base_(pkt.data(0)),
+        end_(end < pkt.size() ? end : pkt.size()),
         pos_(offset < end_ ? offset : end_) {}
-  Reader(const Nimo::Pkt& pkt, std::uint32_t offset) noexcept
-      : Reader(pkt, offset, pkt.size()) {}
+  Reader(const Nimo::Pkt& pkt, std::uint32_t offset) noexcept : Reader(pkt, offset, pkt.size()) {}
 
   bool ok() const noexcept { return ok_; }
   std::uint32_t offset() const noexcept { return pos_; }
@@ -104,16 +104,23 @@ inline std::uint32_t remainingFrom(const Nimo::Pkt& pkt, std::uint32_t offset) n
   return offset < pkt.size() ? pkt.size() - offset : 0;
 }
 
-// The one failure path: one trace line at the error level, result 0.
+// The one failure path: one trace line at the error level, result 0. The text is checked
+// against the arguments at the call site; formatting happens only when the level is on.
 template <typename... Args>
-std::uint32_t fail(fmt::format_string<Args...> text, Args&&... args) noexcept {
-  FLICK_TRACE(codecTrace(), 1, text, std::forward<Args>(args)...);
+std::uint32_t fail(fmt::format_string<Args...> text, Args... args) noexcept {
+  auto& trace = codecTrace();
+  if (trace.enabled(1)) {
+    Flicklog::emit(trace, 1, fmt::vformat(fmt::string_view(text), fmt::make_format_args(args...)));
+  }
   return 0;
 }
 
 template <typename... Args>
-void warn(fmt::format_string<Args...> text, Args&&... args) noexcept {
-  FLICK_TRACE(codecTrace(), 5, text, std::forward<Args>(args)...);
+void warn(fmt::format_string<Args...> text, Args... args) noexcept {
+  auto& trace = codecTrace();
+  if (trace.enabled(5)) {
+    Flicklog::emit(trace, 5, fmt::vformat(fmt::string_view(text), fmt::make_format_args(args...)));
+  }
 }
 
 }  // namespace Routing::Pim::Packet::Wire

@@ -268,11 +268,21 @@ constexpr FieldRef<C, F> field(std::string_view name, F C::*member) {
   return {name, member};
 }
 
+// Records nested in a class that is still incomplete where kFields would be initialised
+// declare a static constexpr function fields() instead.
 template <typename T>
 concept ValueRecord = requires {
   T::kTypeName;
-  T::kFields;
-};
+} && (requires { T::kFields; } || requires { T::fields(); });
+
+template <typename T>
+constexpr auto fieldsOf() {
+  if constexpr (requires { T::kFields; }) {
+    return T::kFields;
+  } else {
+    return T::fields();
+  }
+}
 
 template <typename F, typename = void>
 struct ValueText;  // specialised per field type
@@ -434,7 +444,7 @@ void appendValue(std::string& out, const T& v) {
             }(),
             ...);
       },
-      T::kFields);
+      fieldsOf<T>());
   out += "})";
 }
 
@@ -461,7 +471,7 @@ void parseValueInto(ValueParser& in, T& v) {
             }(),
             ...);
       },
-      T::kFields);
+      fieldsOf<T>());
   if (!in.expect("})")) throwParseError(T::kTypeName, "Value");
 }
 
