@@ -1,0 +1,13 @@
+# The fuzz targets' sources, shared by fuzz/CMakeLists.txt (one libFuzzer binary each) and
+# tests/CMakeLists.txt (FuzzRegressionTest links them all and replays inputs).
+set(PIM_FUZZ_TARGETS readHeader readUnicastAddress readGroupAddress readSourceAddress
+    readHelloMessage)
+set(PIM_FUZZ_SUPPORT_SOURCES ${CMAKE_CURRENT_LIST_DIR}/FuzzInput.cpp)
+set(PIM_FUZZ_TARGET_SOURCES "")
+foreach(t ${PIM_FUZZ_TARGETS})
+  string(SUBSTRING ${t} 0 1 first)
+  string(TOUPPER ${first} first)
+  string(SUBSTRING ${t} 1 -1 rest)
+  set(PIM_FUZZ_SOURCE_${t} ${CMAKE_CURRENT_LIST_DIR}/${first}${rest}Fuzz.cpp)
+  list(APPEND PIM_FUZZ_TARGET_SOURCES ${PIM_FUZZ_SOURCE_${t}})
+endforeach()
