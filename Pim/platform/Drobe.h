@@ -58,7 +58,8 @@
 //     to a bounded ring in shared memory. A reader remembers the last position it
 //     consumed; if the writer has lapped it, or an entry it is reading gets overwritten,
 //     it delivers one onCollection() instead of the lost keys. Memory stays bounded under a
-//     flood and nothing is lost, only coarsened. Within one commit a key appears once.
+//     flood and nothing is lost, only coarsened. Changes to one key between two commits
+//     are normally announced once.
 //   - Writer death: the header holds the writer's pid and a generation number bumped on
 //     every writer mount. The reader watches the writer with a pidfd (readable when the
 //     process exits) on its loop, and the mount directory with inotify (a new writer's
@@ -96,12 +97,14 @@
 //   Watch w;  w.notifierIs(rd);  loop.run();
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -185,15 +188,20 @@ inline constexpr std::uint8_t kSlotTomb = 0x5A;
 inline constexpr std::uint32_t kRingKey = 1;
 inline constexpr std::uint32_t kRingCollection = 2;
 
-// One slot: sequence lock, state, stored hash, value. The same layout serves as the
-// writer's private shadow (seq unused there).
+// One slot: the sequence lock, then the body that the writer copies under it. The writer's
+// private shadow is an array of bodies.
 template <typename V>
-struct Slot {
-  std::atomic<std::uint32_t> seq{0};
+struct SlotBody {
   std::uint8_t state = kSlotEmpty;
   std::uint8_t pad[3]{};
   std::uint32_t hash = 0;
   V value{};
+};
+
+template <typename V>
+struct Slot {
+  std::atomic<std::uint32_t> seq{0};
+  SlotBody<V> body;
 };
 
 template <typename K>
@@ -256,8 +264,9 @@ class WriterCore {
 class ReaderCore {
  public:
   struct Hooks {
-    std::function<void()> wake;             // the ring may have new entries
-    std::function<void(bool)> mountStatus;  // mounted / unmounted
+    const Kel::PtrInterface* owner = nullptr;  // kept alive while a hook runs
+    std::function<void()> wake;                // the ring may have new entries
+    std::function<void(bool)> mountStatus;     // mounted / unmounted
   };
   ReaderCore(Ulm::EventLoop& loop, std::string path, std::string name, const Layout& layout,
              Hooks hooks);
@@ -293,12 +302,13 @@ class ReaderCore {
   int inotify_ = -1;
   int pidfd_ = -1;
   int registryIndex_ = -1;
+  bool announced_ = false;
   Ulm::Timer health_;
 };
 
 // Sequence-locked copy of one shared slot. Returns false if the slot kept changing.
 template <typename V>
-bool readSlot(const std::byte* raw, Slot<V>& out) noexcept;
+bool readSlot(const std::byte* raw, SlotBody<V>& out) noexcept;
 
 }  // namespace detail
 
@@ -379,7 +389,9 @@ class Writer : public Kel::PtrInterface {
 
   detail::Layout layout_;
   detail::WriterCore core_;
-  std::vector<detail::Slot<V>> shadow_;
+  std::byte* slotBase_ = nullptr;
+  std::byte* ringBase_ = nullptr;
+  std::vector<detail::SlotBody<V>> shadow_;
   std::vector<std::uint64_t> dirtyMark_;  // commit epoch in which the slot was dirtied
   std::vector<std::uint64_t> keyMark_;    // commit epoch in which the slot's key was queued
   std::vector<std::uint32_t> dirty_;
@@ -451,7 +463,7 @@ class Reader : public Kel::PtrInterface {
     }
     const Reader* r_ = nullptr;
     std::uint32_t i_ = 0;
-    detail::Slot<V> cur_;
+    detail::SlotBody<V> cur_;
   };
   const_iterator begin() const { return const_iterator(this, 0); }
   const_iterator end() const { return const_iterator(nullptr, endIndex()); }
@@ -459,7 +471,7 @@ class Reader : public Kel::PtrInterface {
  private:
   Reader(Ulm::EventLoop& loop, std::string_view path, std::string_view name);
   std::uint32_t endIndex() const noexcept;
-  std::uint32_t nextStable(std::uint32_t from, detail::Slot<V>& out) const;
+  std::uint32_t nextStable(std::uint32_t from, detail::SlotBody<V>& out) const;
   void handleWake();
   void handleMountStatus(bool mounted);
 
@@ -493,5 +505,514 @@ class TableSet {
   std::string path_;
   MountInfo info_;
 };
+
+// ---------------------------------------------------------------------------------------
+// Implementation of the templates.
+
+namespace detail {
+
+inline void cpuRelax() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#endif
+}
+
+template <typename V>
+bool readSlot(const std::byte* raw, SlotBody<V>& out) noexcept {
+  const auto* s = reinterpret_cast<const Slot<V>*>(raw);
+  for (int i = 0; i < kReadRetries; ++i) {
+    const std::uint32_t s1 = s->seq.load(std::memory_order_acquire);
+    if (s1 & 1u) {
+      cpuRelax();
+      continue;
+    }
+    // A racing copy is discarded below unless the sequence proves it was quiet.
+    std::memcpy(static_cast<void*>(&out), &s->body, sizeof out);
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (s->seq.load(std::memory_order_relaxed) == s1) return true;
+  }
+  return false;
+}
+
+template <typename V>
+void writeSlot(std::byte* raw, const SlotBody<V>& in) noexcept {
+  auto* s = reinterpret_cast<Slot<V>*>(raw);
+  const std::uint32_t seq = s->seq.load(std::memory_order_relaxed);
+  s->seq.store(seq + 1, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  std::memcpy(static_cast<void*>(&s->body), &in, sizeof in);
+  s->seq.store(seq + 2, std::memory_order_release);
+}
+
+inline constexpr std::uint64_t kRingWriting = ~std::uint64_t{0};
+
+}  // namespace detail
+
+// --- Writer ------------------------------------------------------------------------------
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> detail::Layout Writer<K, V>::layoutFor(
+    const CollectionInfo& info) {
+  detail::Layout l;
+  l.keySize = sizeof(K);
+  l.valueSize = sizeof(V);
+  l.slotSize = sizeof(detail::Slot<V>);
+  l.ringEntrySize = sizeof(detail::RingEntry<K>);
+  l.capacity = info.capacity;
+  l.slotCount = detail::slotCountFor(info.capacity);
+  l.ringSize = detail::ringSizeFor(info.ringSize);
+  return l;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> Kel::Ptr<Writer<K, V>> Writer<K, V>::create(
+    std::string_view path, const CollectionInfo& info) {
+  Kel::Ptr<Writer> w(new Writer(path, info, layoutFor(info)));
+  if (!w->core_.ok()) return nullptr;
+  return w;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> Writer<K, V>::Writer(std::string_view path,
+                                                              const CollectionInfo& info,
+                                                              const detail::Layout& layout)
+    : layout_(layout),
+      core_(std::string(path), info.name, layout),
+      shadow_(layout.slotCount),
+      dirtyMark_(layout.slotCount, 0),
+      keyMark_(layout.slotCount, 0) {
+  if (!core_.ok()) return;
+  for (std::uint32_t i = 0; i < layout_.slotCount; ++i) new (core_.slot(i)) detail::Slot<V>{};
+  for (std::uint32_t i = 0; i < layout_.ringSize; ++i) {
+    new (core_.ringEntry(i)) detail::RingEntry<K>{};
+  }
+  slotBase_ = core_.slot(0);
+  ringBase_ = core_.ringEntry(0);
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> Writer<K, V>::~Writer() = default;
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> Lookup<V> Writer<K, V>::lookup(const K& k)
+const {
+  Lookup<V> r;
+  const std::uint32_t h = static_cast<std::uint32_t>(k.hash());
+  const std::uint32_t mask = layout_.slotCount - 1;
+  std::uint32_t i = h & mask;
+  for (std::uint32_t n = 0; n < layout_.slotCount; ++n, i = (i + 1) & mask) {
+    const detail::SlotBody<V>& b = shadow_[i];
+    if (b.state == detail::kSlotEmpty) break;
+    if (b.state == detail::kSlotTomb) continue;
+    if (b.state != detail::kSlotLive) {
+      r.status = LookupStatus::Corrupt;
+      r.slot = i;
+      return r;
+    }
+    if (b.value.key() == k) {
+      r.status = b.hash == h ? LookupStatus::Found : LookupStatus::Corrupt;
+      r.slot = i;
+      if (r.found()) r.value = b.value;
+      return r;
+    }
+  }
+  return r;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> std::optional<V> Writer<K, V>::find(const K& k)
+const {
+  Lookup<V> r = lookup(k);
+  if (!r.found()) return std::nullopt;
+  return r.value;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+bool Writer<K, V>::is(const V& v) {
+  const K k = v.key();
+  const std::uint32_t h = static_cast<std::uint32_t>(k.hash());
+  const std::uint32_t mask = layout_.slotCount - 1;
+  // Probe: the key's slot, else the first tombstone or empty slot on its path.
+  std::uint32_t freeSlot = layout_.slotCount;
+  std::uint32_t i = h & mask;
+  for (std::uint32_t n = 0; n < layout_.slotCount; ++n, i = (i + 1) & mask) {
+    detail::SlotBody<V>& b = shadow_[i];
+    if (b.state == detail::kSlotEmpty) {
+      if (freeSlot == layout_.slotCount) freeSlot = i;
+      break;
+    }
+    if (b.state == detail::kSlotTomb) {
+      if (freeSlot == layout_.slotCount) freeSlot = i;
+      continue;
+    }
+    if (b.state != detail::kSlotLive || (b.hash != h && b.value.key() == k)) {
+      // A scribbled slot on our path: clear it and start over.
+      corruptionIs(i);
+      return is(v);
+    }
+    if (b.hash == h && b.value.key() == k) {
+      if (std::memcmp(static_cast<const void*>(&b.value), &v, sizeof v) == 0) return true;
+      b.value = v;
+      markDirty(i);
+      queueKey(i, k);
+      return true;
+    }
+  }
+  if (live_ >= layout_.capacity || freeSlot == layout_.slotCount) {
+    ++refused_;
+    core_.refusedInc();
+    FLICK_TRACE(trace(), 1, "{}: table full ({} entries), insert refused", core_.file(),
+                layout_.capacity);
+    return false;
+  }
+  detail::SlotBody<V>& b = shadow_[freeSlot];
+  if (b.state == detail::kSlotTomb) --tombs_;
+  b.state = detail::kSlotLive;
+  b.hash = h;
+  b.value = v;
+  ++live_;
+  markDirty(freeSlot);
+  keyMark_[freeSlot] = 0;  // a new key in this slot: announce it even if the old one was
+  queueKey(freeSlot, k);
+  if (std::uint64_t{live_ + tombs_} * 8 > std::uint64_t{layout_.slotCount} * 7) rebuild();
+  return true;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+bool Writer<K, V>::del(const K& k) {
+  Lookup<V> r = lookup(k);
+  if (r.corrupt()) {
+    corruptionIs(r.slot);
+    return false;
+  }
+  if (!r.found()) return false;
+  detail::SlotBody<V>& b = shadow_[r.slot];
+  b = detail::SlotBody<V>{};
+  b.state = detail::kSlotTomb;
+  --live_;
+  ++tombs_;
+  markDirty(r.slot);
+  queueKey(r.slot, k);
+  sweepTombstones(r.slot);
+  return true;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Writer<K, V>::delAll() {
+  if (live_ == 0 && tombs_ == 0) return;
+  std::fill(shadow_.begin(), shadow_.end(), detail::SlotBody<V>{});
+  live_ = 0;
+  tombs_ = 0;
+  allDirty_ = true;
+  queueCollection();
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Writer<K, V>::corruptionIs(std::uint32_t slot) {
+  if (slot >= layout_.slotCount) return;
+  ++corrupt_;
+  core_.corruptInc();
+  FLICK_TRACE(trace(), 1, "{}: corrupt slot {} (state {:#x}) cleared", core_.file(), slot,
+              shadow_[slot].state);
+  shadow_[slot] = detail::SlotBody<V>{};
+  shadow_[slot].state = detail::kSlotTomb;
+  // The slot's former role is unknown: recount.
+  live_ = 0;
+  tombs_ = 0;
+  for (const auto& b : shadow_) {
+    live_ += b.state == detail::kSlotLive;
+    tombs_ += b.state == detail::kSlotTomb;
+  }
+  markDirty(slot);
+  queueCollection();
+  sweepTombstones(slot);
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Writer<K, V>::notify(const K& k) {
+  Lookup<V> r = lookup(k);
+  if (r.found()) {
+    queueKey(r.slot, k);
+  } else if (!pendingCollection_) {
+    if (pendingKeys_.size() >= layout_.ringSize) return queueCollection();
+    pendingKeys_.push_back(k);
+  }
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Writer<K, V>::notifyCollection() { queueCollection(); }
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+bool Writer<K, V>::pending() const noexcept {
+  return !dirty_.empty() || allDirty_ || !pendingKeys_.empty() || pendingCollection_;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Writer<K, V>::commit() {
+  if (!pending()) return;
+  // Slots first, then the notices that point readers at them.
+  const std::size_t slotSize = layout_.slotSize;
+  if (allDirty_) {
+    for (std::uint32_t i = 0; i < layout_.slotCount; ++i) {
+      detail::writeSlot(slotBase_ + i * slotSize, shadow_[i]);
+    }
+  } else {
+    for (std::uint32_t i : dirty_) detail::writeSlot(slotBase_ + i * slotSize, shadow_[i]);
+  }
+  std::uint64_t head = core_.ringHead();
+  const std::uint64_t mask = layout_.ringSize - 1;
+  const std::size_t entrySize = layout_.ringEntrySize;
+  auto append = [&](std::uint32_t kind, const K& k) {
+    auto* e = reinterpret_cast<detail::RingEntry<K>*>(ringBase_ + (head & mask) * entrySize);
+    e->pos.store(detail::kRingWriting, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    e->kind = kind;
+    e->key = k;
+    e->pos.store(head, std::memory_order_release);
+    ++head;
+  };
+  if (pendingCollection_) {
+    append(detail::kRingCollection, K{});
+  } else {
+    for (const K& k : pendingKeys_) append(detail::kRingKey, k);
+  }
+  core_.publish(head, live_);
+  dirty_.clear();
+  pendingKeys_.clear();
+  pendingCollection_ = false;
+  allDirty_ = false;
+  ++epoch_;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Writer<K, V>::slotStateIsForTest(const K& k, std::uint8_t state) {
+  Lookup<V> r = lookup(k);
+  if (r.found()) shadow_[r.slot].state = state;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> std::uint32_t Writer<K, V>::nextLive(std::uint32_t from)
+const noexcept {
+  while (from < layout_.slotCount && shadow_[from].state != detail::kSlotLive) ++from;
+  return from;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Writer<K, V>::markDirty(std::uint32_t slot) {
+  if (allDirty_ || dirtyMark_[slot] == epoch_) return;
+  dirtyMark_[slot] = epoch_;
+  dirty_.push_back(slot);
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Writer<K, V>::queueKey(std::uint32_t slot, const K& k) {
+  if (pendingCollection_ || keyMark_[slot] == epoch_) return;
+  keyMark_[slot] = epoch_;
+  // More keys than the ring holds would lap every reader anyway.
+  if (pendingKeys_.size() >= layout_.ringSize) return queueCollection();
+  pendingKeys_.push_back(k);
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Writer<K, V>::queueCollection() {
+  pendingCollection_ = true;
+  pendingKeys_.clear();
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Writer<K, V>::sweepTombstones(std::uint32_t slot) {
+  // A tombstone followed by an empty slot ends every probe chain through it: empty it,
+  // and walk back over the tombstones before it.
+  const std::uint32_t mask = layout_.slotCount - 1;
+  if (shadow_[(slot + 1) & mask].state != detail::kSlotEmpty) return;
+  std::uint32_t i = slot;
+  for (std::uint32_t n = 0; n < layout_.slotCount && shadow_[i].state == detail::kSlotTomb;
+       ++n, i = (i - 1) & mask) {
+    shadow_[i].state = detail::kSlotEmpty;
+    --tombs_;
+    markDirty(i);
+  }
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Writer<K, V>::rebuild() {
+  // Tombstones crowd the table: lay the live entries out afresh. Entries move, so readers
+  // are told to resync rather than which keys changed.
+  std::vector<V> values;
+  values.reserve(live_);
+  for (const auto& b : shadow_) {
+    if (b.state == detail::kSlotLive) values.push_back(b.value);
+  }
+  std::fill(shadow_.begin(), shadow_.end(), detail::SlotBody<V>{});
+  const std::uint32_t mask = layout_.slotCount - 1;
+  for (const V& v : values) {
+    const std::uint32_t h = static_cast<std::uint32_t>(v.key().hash());
+    std::uint32_t i = h & mask;
+    while (shadow_[i].state != detail::kSlotEmpty) i = (i + 1) & mask;
+    shadow_[i].state = detail::kSlotLive;
+    shadow_[i].hash = h;
+    shadow_[i].value = v;
+  }
+  tombs_ = 0;
+  allDirty_ = true;
+  queueCollection();
+  FLICK_TRACE(trace(), 4, "{}: rebuilt {} entries", core_.file(), live_);
+}
+
+// --- Reader ------------------------------------------------------------------------------
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> Kel::Ptr<Reader<K, V>> Reader<K, V>::create(
+    Ulm::EventLoop& loop, std::string_view path, std::string_view name) {
+  return Kel::Ptr<Reader>(new Reader(loop, path, name));
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> Reader<K, V>::Reader(Ulm::EventLoop& loop,
+                                                              std::string_view path,
+                                                              std::string_view name)
+    : core_(
+          loop, std::string(path), std::string(name),
+          [] {
+            detail::Layout l;
+            l.keySize = sizeof(K);
+            l.valueSize = sizeof(V);
+            l.slotSize = sizeof(detail::Slot<V>);
+            l.ringEntrySize = sizeof(detail::RingEntry<K>);
+            return l;
+          }(),
+          detail::ReaderCore::Hooks{this, [this] { handleWake(); },
+                                    [this](bool m) { handleMountStatus(m); }}) {}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> Reader<K, V>::~Reader() = default;
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> std::optional<V> Reader<K, V>::find(const K& k)
+const {
+  if (!core_.mounted()) return std::nullopt;
+  const std::uint32_t h = static_cast<std::uint32_t>(k.hash());
+  const std::uint32_t slots = core_.layout().slotCount;
+  const std::uint32_t mask = slots - 1;
+  std::uint32_t i = h & mask;
+  detail::SlotBody<V> b;
+  for (std::uint32_t n = 0; n < slots; ++n, i = (i + 1) & mask) {
+    if (!detail::readSlot(core_.slot(i), b)) return std::nullopt;  // changing: notice follows
+    if (b.state == detail::kSlotEmpty) return std::nullopt;
+    if (b.state == detail::kSlotLive && b.hash == h && b.value.key() == k) return b.value;
+  }
+  return std::nullopt;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+template <typename F>
+void Reader<K, V>::forEach(F&& fn) const {
+  detail::SlotBody<V> b;
+  const std::uint32_t end = endIndex();
+  for (std::uint32_t i = nextStable(0, b); i < end; i = nextStable(i + 1, b)) fn(b.value);
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> std::uint32_t Reader<K, V>::size()
+const { return core_.stats().size; }
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> std::uint32_t Reader<K, V>::endIndex()
+const noexcept { return core_.mounted() ? core_.layout().slotCount : 0; }
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> std::uint32_t Reader<K, V>::nextStable(
+    std::uint32_t from, detail::SlotBody<V>& out)
+const {
+  const std::uint32_t end = endIndex();
+  for (; from < end; ++from) {
+    if (detail::readSlot(core_.slot(from), out) && out.state == detail::kSlotLive) return from;
+  }
+  return end;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Reader<K, V>::sync() { handleWake(); }
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Reader<K, V>::handleWake() {
+  if (!core_.mounted()) return;
+  const std::uint64_t head = core_.rearmAndHead();
+  if (head == consumed_) return;
+  const std::uint64_t ringSize = core_.layout().ringSize;
+  bool lost = head - consumed_ > ringSize;
+  batch_.clear();
+  std::uint64_t collections = 0;
+  for (std::uint64_t p = consumed_; !lost && p != head; ++p) {
+    const auto* e = reinterpret_cast<const detail::RingEntry<K>*>(core_.ringEntry(p));
+    if (e->pos.load(std::memory_order_acquire) != p) {
+      lost = true;
+      break;
+    }
+    const std::uint32_t kind = e->kind;
+    K k;
+    std::memcpy(static_cast<void*>(&k), &e->key, sizeof k);
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (e->pos.load(std::memory_order_relaxed) != p) {
+      lost = true;  // lapped while copying
+      break;
+    }
+    if (kind == detail::kRingCollection) {
+      ++collections;
+    } else {
+      batch_.push_back(k);
+    }
+  }
+  consumed_ = head;
+  Kel::Ptr<Reader> hold(this);
+  if (lost) {
+    ++overflows_;
+    FLICK_TRACE(trace(), 5, "{}: change ring overrun, resync", core_.file());
+    notifiees_.forEach([](NotifieeConst& n) { n.onCollection(); });
+    return;
+  }
+  if (collections) notifiees_.forEach([](NotifieeConst& n) { n.onCollection(); });
+  // Copied: a handler may run sync() and reuse batch_.
+  std::vector<K> keys;
+  keys.swap(batch_);
+  for (const K& k : keys) {
+    notifiees_.forEach([&](NotifieeConst& n) { n.onKey(k); });
+  }
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Reader<K, V>::handleMountStatus(bool m) {
+  Kel::Ptr<Reader> hold(this);
+  if (m) consumed_ = core_.rearmAndHead();
+  notifiees_.forEach([m](NotifieeConst& n) { n.onMountStatus(m); });
+  notifiees_.forEach([](NotifieeConst& n) { n.onCollection(); });
+}
+
+// --- TableSet ----------------------------------------------------------------------------
+
+template <typename K, typename V>
+Kel::Ptr<Writer<K, V>> TableSet::writer(std::string_view name) const {
+  const CollectionInfo* c = info_.find(name);
+  KEL_ASSERT(c && "collection not declared in the table set's MountInfo");
+  return Writer<K, V>::create(path_, *c);
+}
 
 }  // namespace Drobe

@@ -1,0 +1,632 @@
+// Drobe: shared-memory tables in one process (writer and reader on one loop) and across
+// processes (forked writer and readers, a writer killed mid-update). Also Ledra's mounts.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <set>
+
+#include "Pim/platform/Drobe.h"
+#include "Pim/platform/Ledra.h"
+
+namespace {
+
+// A key whose hash can be forced, to build collision chains.
+struct TKey {
+  std::uint32_t id = 0;
+  std::uint32_t h = 0;  // 0: derived from id
+  std::uint32_t hash() const { return h ? h : id * 2654435761u; }
+  bool operator==(const TKey&) const = default;
+};
+
+std::uint64_t mix(std::uint64_t x) {
+  x ^= x >> 33;
+  x *= 0xff51afd7ed558ccdull;
+  x ^= x >> 33;
+  return x;
+}
+
+// Every field derives from (key, counter), so a torn copy fails intact().
+struct TVal {
+  TKey k;
+  std::uint64_t counter = 0;
+  std::uint64_t a = 0;
+  std::uint64_t b = 0;
+  std::uint64_t check = 0;
+  TKey key() const { return k; }
+  static TVal make(TKey k, std::uint64_t counter) {
+    TVal v{k, counter, counter * 0x9E3779B97F4A7C15ull, ~counter ^ k.id, 0};
+    v.check = mix(v.a ^ mix(v.b ^ mix(k.id ^ counter)));
+    return v;
+  }
+  bool intact() const { return *this == make(k, counter); }
+  bool operator==(const TVal&) const = default;
+};
+
+using W = Drobe::Writer<TKey, TVal>;
+using R = Drobe::Reader<TKey, TVal>;
+
+// Mirrors a reader through its notifications only, and records what it was told.
+struct Mirror : R::NotifieeConst {
+  std::map<std::uint32_t, TVal> rows;
+  std::vector<std::uint32_t> keys;
+  int collections = 0;
+  int mounts = 0;
+  int unmounts = 0;
+  std::uint64_t torn = 0;
+  std::uint64_t checked = 0;
+
+  void take(const TVal& v) {
+    ++checked;
+    torn += !v.intact();
+    rows[v.k.id] = v;
+  }
+  void onKey(const TKey& k) override {
+    keys.push_back(k.id);
+    if (auto v = notifier()->find(k)) {
+      take(*v);
+    } else {
+      rows.erase(k.id);
+    }
+  }
+  void onCollection() override {
+    ++collections;
+    rows.clear();
+    for (const TVal& v : *notifier()) take(v);
+  }
+  void onMountStatus(bool m) override { ++(m ? mounts : unmounts); }
+};
+
+class DrobeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = fmt::format("/dev/shm/drobetest.{}", ::getpid());
+    ::setenv("DROBE_ROOT", root_.c_str(), 1);
+  }
+  void TearDown() override {
+    std::error_code ec;
+    std::filesystem::remove_all(root_, ec);
+  }
+  void turn(int n = 3) {
+    for (int i = 0; i < n; ++i) loop_.runOnce(0.0);
+  }
+  Kel::Ptr<R> mirrored(Mirror& m, std::string_view name = "rec") {
+    auto r = R::create(loop_, kPath, name);
+    m.notifierIs(r);
+    turn();
+    return r;
+  }
+
+  static constexpr const char* kPath = "test/status/default";
+  std::string root_;
+  Kel::Ptr<Kel::ManualClock> clock_ = Kel::Ptr<Kel::ManualClock>::make();
+  Ulm::EventLoop loop_{clock_};
+};
+
+std::map<std::uint32_t, TVal> contents(const W& w) {
+  std::map<std::uint32_t, TVal> out;
+  for (const TVal& v : w) out[v.k.id] = v;
+  return out;
+}
+
+TEST_F(DrobeTest, RandomOperationsMatchAModelForWriterReaderAndNotifications) {
+  // Heavy collisions (7 hashes), a tiny ring and a small table exercise chains,
+  // tombstone reuse and reclamation, refusals, rebuilds and ring overruns together.
+  auto w = W::create(kPath, {"rec", 40, 8});
+  ASSERT_TRUE(w);
+  Mirror m;
+  auto r = mirrored(m);
+  std::map<std::uint32_t, TVal> model;
+  std::mt19937 rng(7);
+  std::uint64_t counter = 0;
+  for (int op = 0; op < 4000; ++op) {
+    const auto id = static_cast<std::uint32_t>(rng() % 100);
+    const TKey k{id, id % 7 + 1};
+    const auto dice = static_cast<unsigned>(rng() % 100);
+    if (dice < 60) {
+      const TVal v = TVal::make(k, ++counter);
+      const bool fits = model.count(id) || model.size() < 40;
+      ASSERT_EQ(w->is(v), fits) << "op " << op;
+      if (fits) model[id] = v;
+    } else if (dice < 98) {
+      ASSERT_EQ(w->del(k), model.erase(id) == 1) << "op " << op;
+    } else {
+      w->delAll();
+      model.clear();
+    }
+    if (rng() % 5 == 0) {
+      w->commit();
+      if (rng() % 3 == 0) turn(1);  // the reader sometimes falls behind the ring
+    }
+    ASSERT_EQ(contents(*w), model) << "op " << op;
+    ASSERT_EQ(w->size(), model.size());
+  }
+  w->commit();
+  turn();
+  std::map<std::uint32_t, TVal> seen;
+  r->forEach([&](const TVal& v) { seen[v.k.id] = v; });
+  EXPECT_EQ(seen, model);
+  EXPECT_EQ(m.rows, model);
+  for (std::uint32_t id = 0; id < 100; ++id) {
+    auto v = r->find({id, id % 7 + 1});
+    EXPECT_EQ(v.has_value(), model.count(id) == 1) << id;
+  }
+  EXPECT_EQ(m.torn, 0u);
+  EXPECT_GT(r->overflows(), 0u);
+  EXPECT_FALSE(m.keys.empty());
+}
+
+TEST_F(DrobeTest, FullTableRefusesWithTraceAndCountAndKeepsItsContents) {
+  Drobe::trace().levelIs(1);
+  Flicklog::CaptureSink cap;
+  auto w = W::create(kPath, {"rec", 8, 0});
+  for (std::uint32_t id = 0; id < 8; ++id) ASSERT_TRUE(w->is(TVal::make({id}, id)));
+  EXPECT_FALSE(w->is(TVal::make({100}, 1)));
+  EXPECT_FALSE(w->is(TVal::make({101}, 1)));
+  EXPECT_TRUE(w->is(TVal::make({3}, 33)));  // overwriting needs no room
+  w->commit();
+  EXPECT_EQ(w->refused(), 2u);
+  EXPECT_EQ(w->stats().refused, 2u);
+  ASSERT_EQ(cap.lines().size(), 2u);
+  EXPECT_EQ(cap.lines()[0].facility, "Drobe");
+  EXPECT_NE(cap.lines()[0].text.find("table full (8 entries), insert refused"), std::string::npos);
+
+  Mirror m;
+  auto r = mirrored(m);
+  EXPECT_EQ(m.rows.size(), 8u);
+  EXPECT_EQ(m.rows.at(3).counter, 33u);
+  EXPECT_FALSE(r->find({100}));
+  ASSERT_TRUE(w->del({0}));
+  EXPECT_TRUE(w->is(TVal::make({100}, 1)));
+}
+
+TEST_F(DrobeTest, DeletionKeepsProbeChainsAndTombstonesAreReusedAndReclaimed) {
+  auto w = W::create(kPath, {"rec", 16, 0});
+  Mirror m;
+  auto r = mirrored(m);
+  const TKey a{1, 5}, b{2, 5}, c{3, 5}, d{4, 5};  // one home slot
+  for (const TKey& k : {a, b, c}) ASSERT_TRUE(w->is(TVal::make(k, k.id)));
+  const std::uint32_t slotB = w->lookup(b).slot;
+  EXPECT_EQ(w->lookup(c).slot, w->lookup(a).slot + 2);
+  w->commit();
+  ASSERT_TRUE(w->del(b));
+  w->commit();
+  turn();
+  // c sits behind b's tombstone: still found by reader and writer.
+  EXPECT_TRUE(r->find(c));
+  EXPECT_TRUE(w->find(c));
+  EXPECT_FALSE(r->find(b));
+  ASSERT_TRUE(w->is(TVal::make(d, 4)));
+  EXPECT_EQ(w->lookup(d).slot, slotB);
+
+  // Churn far beyond the slot count: without reclamation tombstones would fill the table.
+  for (std::uint32_t i = 0; i < 2000; ++i) {
+    const TKey k{100 + i, i % 3 + 1};
+    ASSERT_TRUE(w->is(TVal::make(k, i))) << i;
+    ASSERT_TRUE(w->del(k)) << i;
+    if (i % 7 == 0) w->commit();
+  }
+  w->commit();
+  turn();
+  EXPECT_EQ(contents(*w).size(), 3u);
+  EXPECT_EQ(m.rows.size(), 3u);
+  EXPECT_EQ(w->refused(), 0u);
+}
+
+TEST_F(DrobeTest, ReaderSeesChangesOnlyAfterCommitAndIsToldWhichKeys) {
+  auto w = W::create(kPath, {"rec", 64, 0});
+  Mirror m;
+  auto r = mirrored(m);
+  ASSERT_EQ(m.mounts, 1);
+  ASSERT_EQ(m.collections, 1);  // initial sync
+
+  ASSERT_TRUE(w->is(TVal::make({1}, 1)));
+  ASSERT_TRUE(w->is(TVal::make({2}, 1)));
+  turn();
+  EXPECT_FALSE(r->find({1}));
+  EXPECT_EQ(r->size(), 0u);
+  EXPECT_TRUE(m.keys.empty());
+  w->commit();
+  EXPECT_TRUE(r->find({1}));  // visible at once; the notice waits for the loop
+  turn();
+  EXPECT_EQ(m.keys, (std::vector<std::uint32_t>{1, 2}));
+
+  // Several changes to a key before one commit announce it once; an unchanged
+  // overwrite announces nothing; notify() announces without a change.
+  m.keys.clear();
+  w->is(TVal::make({1}, 2));
+  w->is(TVal::make({1}, 3));
+  w->del({2});
+  w->is(TVal::make({1}, 3));
+  w->notify({9});
+  w->commit();
+  w->is(TVal::make({1}, 3));
+  w->commit();
+  turn();
+  EXPECT_EQ(m.keys, (std::vector<std::uint32_t>{1, 2, 9}));
+  EXPECT_EQ(m.rows.size(), 1u);
+  EXPECT_EQ(m.rows.at(1).counter, 3u);
+
+  // Commits in a burst: one loop turn delivers them all, in order.
+  m.keys.clear();
+  for (std::uint32_t i = 10; i < 15; ++i) {
+    w->is(TVal::make({i}, i));
+    w->commit();
+  }
+  loop_.runOnce(0.0);
+  EXPECT_EQ(m.keys, (std::vector<std::uint32_t>{10, 11, 12, 13, 14}));
+
+  const int before = m.collections;
+  w->notifyCollection();
+  w->commit();
+  turn();
+  EXPECT_EQ(m.collections, before + 1);
+  w->delAll();
+  w->commit();
+  turn();
+  EXPECT_EQ(m.collections, before + 2);
+  EXPECT_TRUE(m.rows.empty());
+}
+
+TEST_F(DrobeTest, ReaderFallingBehindTheRingResyncsTheWholeCollection) {
+  auto w = W::create(kPath, {"rec", 64, 8});
+  Mirror m;
+  auto r = mirrored(m);
+  const int initial = m.collections;
+  for (std::uint32_t c = 0; c < 3; ++c) {  // 12 notices into 8 ring entries, reader asleep
+    for (std::uint32_t i = 0; i < 4; ++i) w->is(TVal::make({c * 4 + i}, c));
+    w->commit();
+  }
+  turn();
+  EXPECT_EQ(r->overflows(), 1u);
+  EXPECT_EQ(m.collections, initial + 1);
+  EXPECT_TRUE(m.keys.empty());
+  EXPECT_EQ(m.rows.size(), 12u);
+
+  // Back in step: per-key notices again. One commit larger than the ring becomes a
+  // whole-collection notice from the writer itself.
+  w->is(TVal::make({40}, 1));
+  w->commit();
+  turn();
+  EXPECT_EQ(m.keys, std::vector<std::uint32_t>{40});
+  for (std::uint32_t i = 0; i < 20; ++i) w->is(TVal::make({50 + i}, 1));
+  w->commit();
+  turn();
+  EXPECT_EQ(m.collections, initial + 2);
+  EXPECT_EQ(r->overflows(), 1u);
+  EXPECT_EQ(m.rows.size(), 33u);
+}
+
+TEST_F(DrobeTest, CorruptSlotIsReportedCountedAndCleared) {
+  Drobe::trace().levelIs(1);
+  Flicklog::CaptureSink cap;
+  auto w = W::create(kPath, {"rec", 64, 0});
+  for (std::uint32_t id = 1; id <= 5; ++id) w->is(TVal::make({id}, id));
+  w->commit();
+  Mirror m;
+  auto r = mirrored(m);
+  const int before = m.collections;
+
+  w->slotStateIsForTest({3}, 0x33);
+  auto found = w->lookup({3});
+  ASSERT_TRUE(found.corrupt());
+  EXPECT_FALSE(w->find({3}));
+  w->corruptionIs(found.slot);
+  EXPECT_EQ(w->lookup({3}).status, Drobe::LookupStatus::Absent);
+  EXPECT_EQ(w->corrupt(), 1u);
+  ASSERT_EQ(cap.lines().size(), 1u);
+  EXPECT_NE(cap.lines()[0].text.find("corrupt slot"), std::string::npos);
+
+  // An insert walking over a scribbled slot clears it on its own and goes on.
+  w->slotStateIsForTest({4}, 0x77);
+  EXPECT_TRUE(w->is(TVal::make({4}, 44)));
+  EXPECT_EQ(w->corrupt(), 2u);
+  w->commit();
+  turn();
+  EXPECT_EQ(w->stats().corrupt, 2u);
+  EXPECT_GT(m.collections, before);
+  EXPECT_FALSE(r->find({3}));
+  EXPECT_EQ(m.rows.size(), 4u);
+  EXPECT_EQ(m.rows.at(4).counter, 44u);
+}
+
+TEST_F(DrobeTest, MountStatusFollowsTheWriterAndForeignLayoutsAreIgnored) {
+  Mirror m;
+  auto r = mirrored(m);
+  EXPECT_FALSE(r->mounted());
+  EXPECT_EQ(m.mounts, 0);
+
+  Drobe::TableSet set(kPath, {{{"rec", 32, 0}, {"other", 4, 0}}});
+  auto w = set.writer<TKey, TVal>("rec");
+  ASSERT_TRUE(w);
+  w->is(TVal::make({1}, 1));
+  w->commit();
+  turn();  // inotify sees the table appear
+  EXPECT_TRUE(r->mounted());
+  EXPECT_EQ(m.mounts, 1);
+  EXPECT_EQ(m.rows.size(), 1u);
+
+  w = nullptr;  // retires the table
+  turn();
+  EXPECT_EQ(m.unmounts, 1);
+  EXPECT_FALSE(r->mounted());
+  EXPECT_TRUE(m.rows.empty());
+  EXPECT_FALSE(r->find({1}));
+
+  w = set.writer<TKey, TVal>("rec");
+  w->is(TVal::make({2}, 2));
+  w->commit();
+  turn();
+  EXPECT_EQ(m.mounts, 2);
+  EXPECT_EQ(m.rows.size(), 1u);
+  EXPECT_EQ(m.rows.count(2), 1u);
+
+  // A reader of another record type must not trust this table.
+  struct Other {
+    TKey k;
+    char pad[3];
+    TKey key() const { return k; }
+  };
+  auto foreign = Drobe::Reader<TKey, Other>::create(loop_, kPath, "rec");
+  turn();
+  EXPECT_FALSE(foreign->mounted());
+}
+
+// ---------------------------------------------------------------------------------------
+// Across processes. Children are forked and report through pipes; every wait is bounded
+// and the parent kills only the children it forked.
+
+constexpr std::uint32_t kRecords = 4000;
+constexpr std::uint32_t kDoneId = 0xFFFFFFFFu;
+constexpr const char* kXPath = "test/xproc";
+
+std::uint64_t digest(const std::map<std::uint32_t, TVal>& rows) {
+  std::uint64_t d = 0;
+  for (const auto& [id, v] : rows) {
+    if (id != kDoneId) d += mix(v.check + id);
+  }
+  return d;
+}
+
+// The writer's workload; w may be null to compute the expected final state. rounds < 0:
+// run until killed.
+std::uint64_t workload(std::uint64_t seed, int rounds, W* w) {
+  std::mt19937_64 rng(seed);
+  std::map<std::uint32_t, TVal> model;
+  std::uint64_t counter = seed << 40;
+  for (int round = 0; rounds < 0 || round < rounds; ++round) {
+    for (int op = 0; op < 50; ++op) {
+      const TKey k{static_cast<std::uint32_t>(rng() % kRecords)};
+      if (rng() % 100 < 85) {
+        const TVal v = TVal::make(k, ++counter);
+        model[k.id] = v;
+        if (w) w->is(v);
+      } else {
+        model.erase(k.id);
+        if (w) w->del(k);
+      }
+    }
+    if (w) {
+      w->commit();
+      if (round % 10 == 0) ::usleep(100);
+    }
+  }
+  const std::uint64_t d = digest(model);
+  if (w) {
+    w->is(TVal::make({kDoneId}, d));
+    w->commit();
+  }
+  return d;
+}
+
+[[noreturn]] void writerChild(std::uint64_t seed, int rounds, int holdFd) {
+  auto w = W::create(kXPath, {"rec", kRecords + 1, 512});
+  if (!w) ::_exit(3);
+  workload(seed, rounds, w.ptr());
+  char c;
+  // Stay mounted until the parent is done with the readers.
+  while (::read(holdFd, &c, 1) > 0) {
+  }
+  ::_exit(0);
+}
+
+struct ReaderResult {
+  std::uint64_t converged = 0;
+  std::uint64_t torn = 0;
+  std::uint64_t checked = 0;
+  std::uint64_t keys = 0;
+  std::uint64_t collections = 0;
+  std::uint64_t mounts = 0;
+  std::uint64_t unmounts = 0;
+  std::uint64_t digest = 0;
+  std::uint64_t generation = 0;
+};
+
+[[noreturn]] void readerChild(int outFd) {
+  Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+  Mirror m;
+  auto r = R::create(loop, kXPath, "rec");
+  m.notifierIs(r);
+  ReaderResult res;
+  const Kel::Time deadline = loop.clock()->now() + 120.0;
+  std::uint64_t sweeps = 0;
+  while (loop.clock()->now() < deadline) {
+    loop.runOnce(0.05);
+    // Extra full scans to give torn reads every chance to show.
+    if (++sweeps % 4 == 0) {
+      r->forEach([&](const TVal& v) {
+        ++m.checked;
+        m.torn += !v.intact();
+      });
+    }
+    auto done = m.rows.find(kDoneId);
+    if (done != m.rows.end() && digest(m.rows) == done->second.counter) {
+      res.converged = 1;
+      break;
+    }
+  }
+  res.torn = m.torn;
+  res.checked = m.checked;
+  res.keys = m.keys.size();
+  res.collections = static_cast<std::uint64_t>(m.collections);
+  res.mounts = static_cast<std::uint64_t>(m.mounts);
+  res.unmounts = static_cast<std::uint64_t>(m.unmounts);
+  res.digest = digest(m.rows);
+  res.generation = r->stats().generation;
+  ssize_t n = ::write(outFd, &res, sizeof res);
+  ::_exit(n == static_cast<ssize_t>(sizeof res) ? 0 : 4);
+}
+
+class DrobeCrossProcessTest : public DrobeTest {
+ protected:
+  void TearDown() override {
+    for (pid_t p : children_) {
+      ::kill(p, SIGKILL);
+      ::waitpid(p, nullptr, 0);
+    }
+    DrobeTest::TearDown();
+  }
+  pid_t spawn(const std::function<void()>& body) {
+    const pid_t p = ::fork();
+    if (p == 0) {
+      body();
+      ::_exit(5);
+    }
+    if (p > 0) children_.push_back(p);
+    return p;
+  }
+  void reap(pid_t p, int sig = 0) {
+    if (sig) ::kill(p, sig);
+    ::waitpid(p, nullptr, 0);
+    std::erase(children_, p);
+  }
+  pid_t startReader(int& fd) {
+    int pfd[2];
+    EXPECT_EQ(::pipe(pfd), 0);
+    const pid_t p = spawn([&] {
+      ::close(pfd[0]);
+      readerChild(pfd[1]);
+    });
+    ::close(pfd[1]);
+    fd = pfd[0];
+    return p;
+  }
+  pid_t startWriter(std::uint64_t seed, int rounds) {
+    int pfd[2];
+    EXPECT_EQ(::pipe(pfd), 0);
+    const pid_t p = spawn([&] {
+      ::close(pfd[1]);
+      writerChild(seed, rounds, pfd[0]);
+    });
+    ::close(pfd[0]);
+    holdFds_.push_back(pfd[1]);
+    return p;
+  }
+  static bool readResult(int fd, ReaderResult& res) {
+    pollfd p{fd, POLLIN, 0};
+    const bool ok = ::poll(&p, 1, 150000) == 1 &&
+                    ::read(fd, &res, sizeof res) == static_cast<ssize_t>(sizeof res);
+    ::close(fd);
+    return ok;
+  }
+  void releaseWriters() {
+    for (int fd : holdFds_) ::close(fd);
+    holdFds_.clear();
+  }
+
+  std::vector<pid_t> children_;
+  std::vector<int> holdFds_;
+};
+
+TEST_F(DrobeCrossProcessTest, ReadersSeeNoTornRecordAndConvergeToTheWriter) {
+  int fd1 = -1, fd2 = -1;
+  const pid_t r1 = startReader(fd1);
+  const pid_t r2 = startReader(fd2);
+  const pid_t w = startWriter(11, 1500);
+  const std::uint64_t expected = workload(11, 1500, nullptr);
+  ReaderResult res[2];
+  ASSERT_TRUE(readResult(fd1, res[0]));
+  ASSERT_TRUE(readResult(fd2, res[1]));
+  releaseWriters();
+  reap(w);
+  reap(r1);
+  reap(r2);
+  for (const ReaderResult& x : res) {
+    EXPECT_EQ(x.converged, 1u);
+    EXPECT_EQ(x.digest, expected);
+    EXPECT_EQ(x.torn, 0u);
+    EXPECT_GT(x.checked, kRecords);
+    EXPECT_GT(x.keys, 0u);  // per-key notices carried the changes
+    EXPECT_EQ(x.mounts, 1u);
+  }
+}
+
+TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSuccessor) {
+  int fd1 = -1, fd2 = -1;
+  const pid_t r1 = startReader(fd1);
+  const pid_t r2 = startReader(fd2);
+  const pid_t victim = startWriter(21, -1);
+
+  // Let the victim commit a while, then kill it between (or inside) its commits.
+  auto watch = R::create(loop_, kXPath, "rec");
+  for (int i = 0; i < 3000 && watch->stats().commits < 300; ++i) {
+    loop_.runOnce(0.01);
+    ::usleep(1000);
+  }
+  ASSERT_GE(watch->stats().commits, 300u);
+  reap(victim, SIGKILL);
+
+  const pid_t successor = startWriter(22, 800);
+  const std::uint64_t expected = workload(22, 800, nullptr);
+  ReaderResult res[2];
+  ASSERT_TRUE(readResult(fd1, res[0]));
+  ASSERT_TRUE(readResult(fd2, res[1]));
+  releaseWriters();
+  reap(successor);
+  reap(r1);
+  reap(r2);
+  for (const ReaderResult& x : res) {
+    EXPECT_EQ(x.converged, 1u);
+    EXPECT_EQ(x.digest, expected);
+    EXPECT_EQ(x.torn, 0u);
+    EXPECT_EQ(x.mounts, 2u);
+    EXPECT_EQ(x.unmounts, 1u);
+    EXPECT_EQ(x.generation, 2u);
+  }
+}
+
+// ---------------------------------------------------------------------------------------
+// Ledra
+
+struct Thing : Kel::Entity {
+  using Kel::Entity::Entity;
+};
+struct OtherThing : Kel::Entity {
+  using Kel::Entity::Entity;
+};
+
+TEST(LedraTest, MountsByNormalisedPathWithTypeCheckedLookup) {
+  Ledra::EntityManager em;
+  auto thing = Kel::Ptr<Thing>::make("t");
+  EXPECT_TRUE(em.mount("/routing//pim/status/default/", thing));
+  EXPECT_FALSE(em.mount("routing/pim/status/default", Kel::Ptr<Thing>::make("dup")));
+  EXPECT_FALSE(em.mount("", thing));
+  EXPECT_TRUE(em.mount("routing/pim/statusx", Kel::Ptr<OtherThing>::make("o")));
+  EXPECT_EQ(em.lookup<Thing>("routing/pim/status/default"), thing);
+  EXPECT_FALSE(em.lookup<OtherThing>("routing/pim/status/default"));
+  EXPECT_EQ(em.paths("routing/pim/status"), std::vector<std::string>{"routing/pim/status/default"});
+  EXPECT_EQ(em.paths().size(), 2u);
+  EXPECT_TRUE(em.unmount("routing/pim/status/default"));
+  EXPECT_FALSE(em.unmount("routing/pim/status/default"));
+  EXPECT_FALSE(em.mounted("routing/pim/status/default"));
+  EXPECT_EQ(thing->references(), 1u);
+}
+
+}  // namespace
