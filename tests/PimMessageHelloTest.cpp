@@ -1,0 +1,554 @@
+// Hello reader, writer and print form.
+
+#include <gmock/gmock.h>
+
+#include "Pim/PimMessage.h"
+#include "tests/PimTestUtil.h"
+
+namespace {
+
+using namespace PimTest;
+using namespace Routing::Pim::Packet;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+using Delay = HelloMessage::HelloPropagationDelay;
+
+// One annotated vector per family drives both directions. Checksums were summed by hand
+// with the RFC 1071 loop and are checked again below with the test's own reference.
+const Bytes kHelloV4 =
+    hex("20 00 60 ee"               // version 2 type 0, reserved, checksum
+        "00 01 00 02  00 69"        // holdtime 105
+        "00 02 00 04  81 f4 09 c4"  // LAN prune delay: T, 500 ms, override 2500
+        "00 13 00 04  00 00 00 01"  // DR priority 1
+        "00 14 00 04  12 34 ab cd"  // generation id
+        "00 16 00 00"               // bidirectional capable
+        "00 18 00 0c  01 00 0a 01 00 01  01 00 0a 02 00 01"  // address list 10.1.0.1 10.2.0.1
+        "00 1b 00 08  00 01 00 00 0a 00 00 01"               // PIM over TCP, 10.0.0.1
+        "00 1c 00 08  00 01 00 00 0a 00 00 01"               // PIM over SCTP, 10.0.0.1
+        "00 1f 00 08  0a 00 00 01 00 00 00 03");             // router id 10.0.0.1, interface id 3
+
+const Bytes kHelloV6 =
+    hex("20 00 7f 7e"
+        "00 01 00 02  00 69"
+        "00 02 00 04  01 f4 09 c4"  // no T bit
+        "00 13 00 04  00 00 00 01"
+        "00 14 00 04  fe ed be ef"
+        "00 16 00 00"
+        "00 18 00 24  02 00 20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 01"
+        "             02 00 20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 02"
+        "00 1c 00 14  00 02 00 00 20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 01"
+        "00 1f 00 08  0a 00 00 01 00 00 00 03");
+
+Kel::Ptr<HelloMessage> hello(bool v6) {
+  auto h = Kel::Ptr<HelloMessage>::make();
+  h->srcIpIs(v6 ? kV6Src : kV4Src);
+  h->dstIpIs(v6 ? kV6Dst : kV4Dst);
+  return h;
+}
+
+Kel::Ptr<HelloMessage> goldenObject(bool v6) {
+  auto h = hello(v6);
+  h->holdTimeOptionIs(true);
+  h->holdTimeIs(105);
+  h->lanPruneDelayOptionIs(true);
+  h->tBitIs(!v6);
+  h->propagationDelayIs(Delay(500));
+  h->overrideIntervalIs(2500);
+  h->drPriorityOptionIs(true);
+  h->drPriorityIs(1);
+  h->generationIdOptionIs(true);
+  h->generationIdIs(v6 ? 0xfeedbeef : 0x1234abcd);
+  h->bidirectionalCapableIs(true);
+  for (const char* a : v6 ? std::vector<const char*>{"2001:db8::1", "2001:db8::2"}
+                          : std::vector<const char*>{"10.1.0.1", "10.2.0.1"}) {
+    h->secondaryAddrIs(Nimo::IpGenAddr(a), true);
+  }
+  if (!v6) {
+    h->tcpConnectionOptionIs(true);
+    h->tcpConnectionIdIs(Nimo::IpGenAddr("10.0.0.1"));
+  }
+  h->sctpConnectionOptionIs(true);
+  h->sctpConnectionIdIs(Nimo::IpGenAddr(v6 ? "2001:db8::1" : "10.0.0.1"));
+  h->interfaceIdOptionIs(true);
+  h->routerIdIs(0x0a000001);
+  h->interfaceIdIs(3);
+  return h;
+}
+
+class HelloGoldenTest : public TraceTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(HelloGoldenTest, GoldenChecksumAgreesWithReference) {
+  const bool v6 = GetParam();
+  const Bytes& g = v6 ? kHelloV6 : kHelloV4;
+  EXPECT_EQ(withChecksum(g, v6 ? kV6Src : kV4Src, v6 ? kV6Dst : kV4Dst), g);
+}
+
+TEST_P(HelloGoldenTest, WriteIsByteExact) {
+  const bool v6 = GetParam();
+  const Bytes& g = v6 ? kHelloV6 : kHelloV4;
+  auto h = goldenObject(v6);
+  auto p = Nimo::Pkt::create(1500);
+  ASSERT_EQ(h->writeHelloMessage(p, 0), g.size());
+  const Bytes out = bytesOf(*p, static_cast<std::uint32_t>(g.size()));
+  EXPECT_EQ(out, g) << "written:\n" << toHex(out) << "\nwanted:\n" << toHex(g);
+  EXPECT_EQ(h->length(), g.size());
+  EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_P(HelloGoldenTest, ReadSetsEveryAttribute) {
+  const bool v6 = GetParam();
+  const Bytes& g = v6 ? kHelloV6 : kHelloV4;
+  // At an offset inside a larger buffer, as the receive path hands it over.
+  Bytes framed(20, 0xee);
+  framed.insert(framed.end(), g.begin(), g.end());
+  auto h = hello(v6);
+  ASSERT_EQ(h->readHelloMessage(pkt(framed), 20), g.size());
+  auto want = goldenObject(v6);
+  want->lengthIs(static_cast<std::uint32_t>(g.size()));
+  EXPECT_EQ(*h, *want);
+  EXPECT_EQ(h->tBit(), !v6);
+  EXPECT_EQ(h->propagationDelay().value(), 500);
+  EXPECT_THAT(errors(), IsEmpty());
+  EXPECT_THAT(warnings(), IsEmpty());
+}
+
+// Every strict prefix (checksum made right for its length) either ends on an option
+// boundary and reads, or fails; under ASan an over-read fails the test.
+TEST_P(HelloGoldenTest, TruncationSweep) {
+  const bool v6 = GetParam();
+  const Bytes& g = v6 ? kHelloV6 : kHelloV4;
+  std::set<std::size_t> boundaries{4};
+  for (std::size_t at = 4; at < g.size();) {
+    at += 4 + (std::size_t{g[at + 2]} << 8 | g[at + 3]);
+    boundaries.insert(at);
+  }
+  for (std::size_t n = 4; n < g.size(); ++n) {
+    const Bytes part = withChecksum(Bytes(g.begin(), g.begin() + static_cast<std::ptrdiff_t>(n)),
+                                    v6 ? kV6Src : kV4Src, v6 ? kV6Dst : kV4Dst);
+    auto h = hello(v6);
+    EXPECT_EQ(h->readHelloMessage(pkt(part), 0), boundaries.count(n) ? n : 0u) << n;
+  }
+}
+
+TEST_P(HelloGoldenTest, FlippedChecksumBitFails) {
+  const bool v6 = GetParam();
+  Bytes g = v6 ? kHelloV6 : kHelloV4;
+  g[3] ^= 0x10;
+  auto h = hello(v6);
+  EXPECT_EQ(h->readHelloMessage(pkt(g), 0), 0u);
+  ASSERT_EQ(errors().size(), 2u);
+  EXPECT_THAT(errors()[0], ::testing::StartsWith("Invalid Pim Message - Checksum - Received: "));
+  EXPECT_EQ(errors()[1], "Invalid Pim Hello - Header - Read Error");
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, HelloGoldenTest, ::testing::Bool(),
+                         [](const auto& i) { return i.param ? "IPv6" : "IPv4"; });
+
+// ---------------------------------------------------------------------------------------
+// Reader edge cases: one IPv4 body per row, header and checksum added by the test.
+
+class HelloReadTest : public TraceTest {
+ protected:
+  std::uint32_t read(const Bytes& options, Kel::Ptr<HelloMessage>& h) {
+    Bytes msg = hex("20 00 00 00");
+    msg.insert(msg.end(), options.begin(), options.end());
+    h = hello(false);
+    return h->readHelloMessage(pkt(withChecksum(msg, kV4Src, kV4Dst)), 0);
+  }
+};
+
+TEST_F(HelloReadTest, OptionEdgeCases) {
+  struct Case {
+    const char* name;
+    const char* options;
+    bool ok;
+    std::vector<std::string> errors;
+    std::vector<std::string> warnings;
+  };
+  const Case cases[] = {
+      {"header only", "", true, {}, {}},
+      {"holdtime of length 4",
+       "0001 0004 0069 0000",
+       false,
+       {"Invalid Pim Hello - Holdtime Option Size - Received Value: 4"},
+       {}},
+      {"holdtime cut short",
+       "0001 0002 00",
+       false,
+       {"Invalid Pim Hello - Holdtime Option Length - Remaining: 1 Expected: 2"},
+       {}},
+      {"lan prune delay of length 2",
+       "0002 0002 0000",
+       false,
+       {"Invalid Pim Hello - Lan Prune Delay Option Size - Received Value: 2"},
+       {}},
+      {"dr priority cut short",
+       "0013 0004 0000 01",
+       false,
+       {"Invalid Pim Hello - Dr Priority Option Length - Remaining: 3 Expected: 4"},
+       {}},
+      {"generation id of length 8",
+       "0014 0008 0000 0001 0000 0002",
+       false,
+       {"Invalid Pim Hello - Generation Id Option Size - Received Value: 8"},
+       {}},
+      {"bidir with a value",
+       "0016 0001 00",
+       false,
+       {"Invalid Pim Hello - Non-zero Bidirectional Capable Option Size - Received Value: 1"},
+       {}},
+      {"two trailing bytes",
+       "0001 0002 0069 0000",
+       false,
+       {"Invalid Pim Hello - Hello Option Length - Remaining: 2 Expected: 4"},
+       {}},
+      {"unknown option skipped",
+       "fde9 0006 0102 0304 0506 0001 0002 0069",
+       true,
+       {},
+       {"Warning: Pim Hello - Unsupport Hello Option - Type: 65001"}},
+      {"unknown option past the end",
+       "fde9 0006 0102 0304",
+       false,
+       {"Invalid Pim Hello - Hello Option Length - Remaining: -2 Expected: 4"},
+       {"Warning: Pim Hello - Unsupport Hello Option - Type: 65001"}},
+      {"address list past the end",
+       "0018 000c 0100 0a01 0001",
+       false,
+       {"Invalid Pim Hello - Address List Option Length - Remaining: 6 Expected: 12"},
+       {}},
+      {"address cut by the option length",
+       "0018 0004 0100 0a01 0001 0002 0069",
+       false,
+       {"Invalid Encoded Unicast Address - Ip Address Length - Remaining: 2 Expected: 4",
+        "Invalid Pim Hello - Address List Option - Unicast Address - Parse Error"},
+       {}},
+      {"empty address list", "0018 0000 0001 0002 0069", true, {}, {}},
+      {"tcp family 1 with 16 bytes",
+       "001b 0014 0001 0000 2001 0db8 0000 0000 0000 0000 0000 0001",
+       true,
+       {"Invalid Pim Hello - Pim over Tcp Option - IPv4 address family has unexpected length 16"},
+       {}},
+      {"sctp family 2 with 4 bytes",
+       "001c 0008 0002 0000 0a00 0001",
+       true,
+       {"Invalid Pim Hello - Pim over Sctp Option - IPv6 address family has unexpected length 4"},
+       {}},
+      {"sctp family 3",
+       "001c 0008 0003 0000 0a00 0001",
+       true,
+       {"Invalid Pim Hello - Pim over Sctp Option - Invalid address family 3 with length 4"},
+       {}},
+      {"sctp of length 4",
+       "001c 0004 0001 0000",
+       false,
+       {"Invalid Pim Hello - Pim over Sctp Option Size - Received Value: 4"},
+       {}},
+      {"tcp past the end",
+       "001b 0008 0001 0000 0a00",
+       false,
+       {"Invalid Pim Hello - Hello Option Length - Remaining: -2 Expected: 4"},
+       {}},
+      {"interface id of length 4",
+       "001f 0004 0000 0001",
+       false,
+       {"Invalid Pim Hello - Interface Identifier Option Size - Received Value: 4"},
+       {}},
+      {"interface id past the end",
+       "001f 0008 0000 0001",
+       false,
+       {"Invalid Pim Hello - Hello Option Length - Remaining: -4 Expected: 4"},
+       {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    clear();
+    Kel::Ptr<HelloMessage> h;
+    const Bytes options = hex(c.options);
+    EXPECT_EQ(read(options, h), c.ok ? options.size() + 4 : 0u);
+    EXPECT_EQ(errors(), c.errors);
+    EXPECT_EQ(warnings(), c.warnings);
+  }
+}
+
+TEST_F(HelloReadTest, NoHoldtimeIsANoteNotAnError) {
+  Kel::Ptr<HelloMessage> h;
+  EXPECT_EQ(read({}, h), 4u);
+  EXPECT_FALSE(h->holdTimeOption());
+  EXPECT_THAT(at(9), ElementsAre("Invalid Pim Hello - No Holdtime Option"));
+  EXPECT_THAT(at(4), Contains("RX: <PIM version=2 type=0 (Hello) reserved=0 length=4 "
+                              "src=10.0.0.1 dst=224.0.0.13>"));
+}
+
+TEST_F(HelloReadTest, RepeatedOptionOverwrites) {
+  Kel::Ptr<HelloMessage> h;
+  ASSERT_EQ(read(hex("0013 0004 0000 0005  0013 0004 0000 0009"), h), 20u);
+  EXPECT_EQ(h->drPriority(), 9u);
+}
+
+TEST_F(HelloReadTest, AddressListKeepsOnlyTheMessageFamily) {
+  Kel::Ptr<HelloMessage> h;
+  ASSERT_EQ(read(hex("0018 001e  0200 2001 0db8 0000 0000 0000 0000 0000 0001"
+                     "           0100 e001 0101  0100 0a00 0005"),
+                 h),
+            38u);
+  EXPECT_THAT(h->secondaryAddr(),
+              ElementsAre(Nimo::IpGenAddr("10.0.0.5"), Nimo::IpGenAddr("224.1.1.1")));
+  EXPECT_THAT(warnings(),
+              ElementsAre("Warning: Pim Hello - Address List Option - Family: 2 Skipping "
+                          "Address: 2001:db8::1",
+                          "Warning: Pim Hello - Address List Option - Skipping Invalid Address: "
+                          "224.1.1.1"));
+}
+
+// Hellos as deployed routers send them.
+TEST_F(HelloReadTest, RealRouterHellos) {
+  struct Case {
+    const char* name;
+    const char* options;
+    std::vector<std::string> secondary;
+    std::size_t warnings;
+  };
+  const Case cases[] = {
+      // IPv4 Hello whose address list carries the interface's IPv6 addresses.
+      {"ipv6 addresses in an ipv4 hello",
+       "0001 0002 0069  0014 0004 6b8b 4567  0013 0004 0000 0001  0002 0004 01f4 09c4"
+       "0018 0024  0200 fe80 0000 0000 0000 0250 56ff fe8a 1c2d"
+       "           0200 2001 0db8 0001 0000 0000 0000 0000 0001",
+       {},
+       2},
+      // The current address list and the old experimental copy of it (type 65001).
+      {"address list twice, new and old type",
+       "0001 0002 0069  0018 0006 0100 0a00 0002  fde9 0006 0100 0a00 0002",
+       {"10.0.0.2"},
+       1},
+      {"zero-length unknown option 65004", "0001 0002 0069  fdec 0000  0014 0004 0000 0001", {}, 1},
+      {"state refresh capable, option 21", "0001 0002 0069  0015 0004 0100 003c", {}, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    clear();
+    Kel::Ptr<HelloMessage> h;
+    const Bytes options = hex(c.options);
+    ASSERT_EQ(read(options, h), options.size() + 4);
+    EXPECT_EQ(h->holdTime(), 105);
+    std::set<Nimo::IpGenAddr> want;
+    for (const auto& a : c.secondary) want.insert(Nimo::IpGenAddr(a));
+    EXPECT_EQ(h->secondaryAddr(), want);
+    EXPECT_EQ(warnings().size(), c.warnings);
+    EXPECT_THAT(errors(), IsEmpty());
+  }
+}
+
+// ---------------------------------------------------------------------------------------
+// Writer
+
+TEST(HelloRoundTrip, EveryCombinationOfOptions) {
+  for (bool v6 : {false, true}) {
+    for (unsigned mask = 0; mask < (1u << 9); ++mask) {
+      auto tx = hello(v6);
+      auto bit = [mask](unsigned i) { return (mask >> i & 1u) != 0; };
+      // Values only where the option is on: a reader leaves absent options at zero.
+      tx->holdTimeOptionIs(bit(0));
+      tx->holdTimeIs(bit(0) ? static_cast<std::uint16_t>(mask * 7) : 0);
+      tx->lanPruneDelayOptionIs(bit(1));
+      if (bit(1)) {
+        tx->tBitIs(mask & 0x10);
+        tx->propagationDelayIs(Delay(static_cast<std::uint16_t>(mask * 61 % 32768)));
+        tx->overrideIntervalIs(static_cast<std::uint16_t>(mask * 3));
+      }
+      tx->drPriorityOptionIs(bit(2));
+      tx->drPriorityIs(bit(2) ? mask * 0x01010101u : 0);
+      tx->generationIdOptionIs(bit(3));
+      tx->generationIdIs(bit(3) ? ~mask : 0);
+      tx->bidirectionalCapableIs(bit(4));
+      if (bit(5)) {
+        for (unsigned i = 0; i < 1 + mask % 5; ++i) {
+          tx->secondaryAddrIs(v6 ? Nimo::IpGenAddr(fmt::format("2001:db8::{:x}", i + 1))
+                                 : Nimo::IpGenAddr::v4(0x0a000001 + i),
+                              true);
+        }
+      }
+      const Nimo::IpGenAddr conn =
+          v6 ? Nimo::IpGenAddr("2001:db8::aa") : Nimo::IpGenAddr("10.9.9.9");
+      tx->tcpConnectionOptionIs(bit(6));
+      tx->tcpConnectionIdIs(bit(6) ? conn : Nimo::IpGenAddr());
+      tx->sctpConnectionOptionIs(bit(7));
+      tx->sctpConnectionIdIs(bit(7) ? conn : Nimo::IpGenAddr());
+      tx->interfaceIdOptionIs(bit(8));
+      tx->routerIdIs(bit(8) ? mask : 0);
+      tx->interfaceIdIs(bit(8) ? mask + 1 : 0);
+
+      auto p = Nimo::Pkt::create(600);
+      const std::uint32_t n = tx->writeHelloMessage(p, 0);
+      ASSERT_GT(n, 0u) << mask;
+      p->sizeIs(n);
+      auto rx = hello(v6);
+      ASSERT_EQ(rx->readHelloMessage(p, 0), n) << mask;
+      EXPECT_EQ(*rx, *tx) << "mask " << mask << (v6 ? " IPv6" : " IPv4");
+    }
+  }
+}
+
+class HelloWriteTest : public TraceTest {};
+
+// With one byte less than an option needs, the write fails with that option's text.
+TEST_F(HelloWriteTest, SpaceChecksPerOption) {
+  struct Case {
+    const char* name;
+    void (*fill)(HelloMessage&);
+    std::uint32_t room;  // one byte short; one more byte makes the write succeed
+    std::string error;
+  };
+  const Case cases[] = {
+      {"header", [](HelloMessage&) {}, 3,
+       "Invalid Pim Hello - Header - Unavailable Space - Remaining: 3"},
+      {"holdtime", [](HelloMessage& h) { h.holdTimeOptionIs(true); }, 9,
+       "Invalid Pim Hello - Holdtime Option - Unavailable Space - Remaining: 5 Expected: 6"},
+      {"lan prune delay", [](HelloMessage& h) { h.lanPruneDelayOptionIs(true); }, 11,
+       "Invalid Pim Hello - Lan Prune Delay Option - Unavailable Space - Remaining: 7"},
+      {"dr priority", [](HelloMessage& h) { h.drPriorityOptionIs(true); }, 11,
+       "Invalid Pim Hello - Dr Priority Option - Unavailable Space - Remaining: 7"},
+      {"generation id", [](HelloMessage& h) { h.generationIdOptionIs(true); }, 11,
+       "Invalid Pim Hello - Generation Id Option - Unavailable Space - Remaining: 7"},
+      {"bidir", [](HelloMessage& h) { h.bidirectionalCapableIs(true); }, 7,
+       "Invalid Pim Hello - Bidirectional Capable Option - Unavailable Space - Remaining: 3"},
+      {"tcp",
+       [](HelloMessage& h) {
+         h.tcpConnectionOptionIs(true);
+         h.tcpConnectionIdIs(Nimo::IpGenAddr("10.0.0.1"));
+       },
+       15, "Invalid Pim Hello - TCP capable  Option - Unavailable Space - Remaining: 11"},
+      {"sctp",
+       [](HelloMessage& h) {
+         h.sctpConnectionOptionIs(true);
+         h.sctpConnectionIdIs(Nimo::IpGenAddr("10.0.0.1"));
+       },
+       15, "Invalid Pim Hello - STCP capable  Option - Unavailable Space - Remaining: 11"},
+      {"interface id", [](HelloMessage& h) { h.interfaceIdOptionIs(true); }, 15,
+       "Invalid Pim Hello - InterfaceId Option - Unavailable Space - Remaining: 11 Expected: 12"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto h = hello(false);
+    c.fill(*h);
+    clear();
+    EXPECT_EQ(h->writeHelloMessage(Nimo::Pkt::create(c.room), 0), 0u);
+    EXPECT_THAT(errors(), ElementsAre(c.error));
+    clear();
+    EXPECT_GT(h->writeHelloMessage(Nimo::Pkt::create(c.room + 1), 0), 0u);
+  }
+  // The address list's own header reuses the generation id text.
+  auto h = hello(false);
+  h->secondaryAddrIs(Nimo::IpGenAddr("10.0.0.9"), true);
+  clear();
+  EXPECT_EQ(h->writeHelloMessage(Nimo::Pkt::create(7), 0), 0u);
+  EXPECT_EQ(h->writeHelloMessage(Nimo::Pkt::create(13), 0), 0u);
+  EXPECT_THAT(
+      errors(),
+      ElementsAre("Invalid Pim Hello - Generation Id Option - Unavailable Space - Remaining: 3",
+                  "Invalid Encoded Unicast Address - Ip Address Length - Remaining: 3 "
+                  "Expected: 4",
+                  "Invalid Pim Hello - Address List Option - Unicast Address - Write Error"));
+  EXPECT_EQ(h->writeHelloMessage(Nimo::Pkt::create(14), 0), 14u);
+}
+
+TEST_F(HelloWriteTest, FamilyChecks) {
+  struct Case {
+    const char* name;
+    void (*fill)(HelloMessage&);
+    std::vector<std::string> errors;
+  };
+  const Case cases[] = {
+      {"secondary of the other family",
+       [](HelloMessage& h) {
+         h.secondaryAddrIs(Nimo::IpGenAddr("10.0.0.9"), true);
+         h.secondaryAddrIs(Nimo::IpGenAddr("2001:db8::9"), true);
+       },
+       {"Invalid Pim Hello - Address List Option - Family: 2 Address: 2001:db8::9"}},
+      {"multicast secondary",
+       [](HelloMessage& h) { h.secondaryAddrIs(Nimo::IpGenAddr("239.1.1.1"), true); },
+       {"Invalid Encoded Unicast Address - Not Unicast - Address: 239.1.1.1",
+        "Invalid Pim Hello - Address List Option - Unicast Address - Write Error"}},
+      {"tcp of the other family",
+       [](HelloMessage& h) {
+         h.tcpConnectionOptionIs(true);
+         h.tcpConnectionIdIs(Nimo::IpGenAddr("::1"));
+       },
+       {"Invalid Pim Hello - tcpConnectionId Option - Family: 2"}},
+      {"sctp unset",
+       [](HelloMessage& h) { h.sctpConnectionOptionIs(true); },
+       {"Invalid Pim Hello - sctpConnectionId Option - Family: 0"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto h = hello(false);
+    c.fill(*h);
+    clear();
+    EXPECT_EQ(h->writeHelloMessage(Nimo::Pkt::create(200), 0), 0u);
+    EXPECT_EQ(errors(), c.errors);
+  }
+  auto none = Kel::Ptr<HelloMessage>::make();
+  none->sctpConnectionOptionIs(true);
+  clear();
+  EXPECT_EQ(none->writeHelloMessage(Nimo::Pkt::create(200), 0), 0u);
+  EXPECT_THAT(errors(),
+              ElementsAre("Invalid Pim Hello - SCTP capable Option - Invalid address family 0"));
+}
+
+TEST_F(HelloWriteTest, V6SctpTraceAndPrintForm) {
+  auto h = goldenObject(false);
+  std::ostringstream os;
+  os << *h;
+  EXPECT_EQ(os.str(),
+            "version=2 type=0 (Hello) reserved=0 length=0 src=10.0.0.1 dst=224.0.0.13"
+            " | Option: holdtime=105 | Option: tbit=1, propagationDelay=500, override=2500"
+            " | Option: drPriority=1 | Option: generationId=305441741"
+            " | Option: secondary address=[ 10.1.0.1 10.2.0.1 ] | Option: bidirectional capable"
+            " | Option: sctpConnectionId = 10.0.0.1 | Option: sctpConnectionId=10.0.0.1"
+            " | Option: [ RouterId :167772161 InterfaceId:3]");
+  auto v6 = goldenObject(true);
+  ASSERT_GT(v6->writeHelloMessage(Nimo::Pkt::create(200), 0), 0u);
+  EXPECT_THAT(at(4), Contains(" write v6 sctpConnectionId with size 24"));
+  EXPECT_THAT(at(4), Contains(::testing::StartsWith("TX: <PIM version=2 type=0 (Hello)")));
+}
+
+// ---------------------------------------------------------------------------------------
+// Propagation delay values
+
+TEST(HelloPropagationDelay, RangeAndBits) {
+  auto h = hello(false);
+  h->tBitIs(true);
+  h->propagationDelayIs(Delay(32767));
+  EXPECT_TRUE(h->tBit());
+  EXPECT_EQ(h->propagationDelay().value(), 32767);
+  EXPECT_EQ(h->implPropagationDelay(), HelloMessage::HelloImplPropagationDelay(0xff, 0xff));
+  h->tBitIs(false);
+  EXPECT_EQ(h->propagationDelay().value(), 32767);
+  EXPECT_EQ(h->implPropagationDelay().v0, 0x7f);
+
+  try {
+    Delay d(32768);
+    FAIL() << "32768 accepted";
+  } catch (const Kel::RangeError& e) {
+    EXPECT_STREQ(e.what(),
+                 "HelloPropagationDelay::value < HelloPropagationDelay::min or > "
+                 "HelloPropagationDelay::max not allowed");
+  }
+  const std::string ok = Kel::valueToStrep(Delay(500));
+  EXPECT_EQ(ok,
+            "Value('Routing::Pim::Packet::HelloMessage::HelloPropagationDelay', ** "
+            "{'value': 500})");
+  EXPECT_EQ(Delay(ok.data(), ok.data() + ok.size()), Delay(500));
+  const std::string big =
+      "Value('Routing::Pim::Packet::HelloMessage::HelloPropagationDelay', "
+      "** {'value': 32768})";
+  EXPECT_THROW(Delay(big.data(), big.data() + big.size()), Kel::RangeError);
+  EXPECT_EQ(Kel::valueToStrep(HelloMessage::HelloImplPropagationDelay(0x81, 0xf4)),
+            "Value('Routing::Pim::Packet::HelloMessage::HelloImplPropagationDelay', ** "
+            "{'v0': 129, 'v1': 244})");
+}
+
+}  // namespace
