@@ -62,17 +62,10 @@ std::uint32_t readGroupAddress(const std::uint8_t* data, std::size_t size);
 std::uint32_t readSourceAddress(const std::uint8_t* data, std::size_t size);
 std::uint32_t readHelloMessage(const std::uint8_t* data, std::size_t size);
 
-struct NamedTarget {
-  std::string_view name;  // also the fuzzer's binary suffix and corpus directory
-  Target target;
-};
-inline constexpr NamedTarget kTargets[] = {
-    {"readHeader", &readHeader},
-    {"readUnicastAddress", &readUnicastAddress},
-    {"readGroupAddress", &readGroupAddress},
-    {"readSourceAddress", &readSourceAddress},
-    {"readHelloMessage", &readHelloMessage},
-};
+// The targets by name: the fuzzers' binary suffix (pimfuzz_<name>) and corpus directory.
+inline constexpr std::string_view kTargetNames[] = {"readHeader", "readUnicastAddress",
+                                                    "readGroupAddress", "readSourceAddress",
+                                                    "readHelloMessage"};
 
 // Valid inputs for a target, built with the codec's writers plus a few by hand: the
 // fuzzers' seed corpus and the fixed inputs of the regression test. Each is accepted by

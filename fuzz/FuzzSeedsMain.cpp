@@ -12,11 +12,11 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::size_t total = 0;
-  for (const auto& t : PimFuzz::kTargets) {
-    std::filesystem::path dir = std::filesystem::path(argv[1]) / t.name;
+  for (std::string_view name : PimFuzz::kTargetNames) {
+    std::filesystem::path dir = std::filesystem::path(argv[1]) / name;
     std::filesystem::create_directories(dir);
     std::size_t i = 0;
-    for (const auto& seed : PimFuzz::seeds(t.name)) {
+    for (const auto& seed : PimFuzz::seeds(name)) {
       std::ofstream(dir / ("seed-" + std::to_string(i++)), std::ios::binary)
           .write(reinterpret_cast<const char*>(seed.data()),
                  static_cast<std::streamsize>(seed.size()));
