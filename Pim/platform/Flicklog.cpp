@@ -95,7 +95,8 @@ void FileSink::write(const Facility& f, int level, std::string_view text) {
 CaptureSink::CaptureSink() : previous_(sinkIs(this)) { registry().capture = this; }
 CaptureSink::~CaptureSink() {
   auto& r = registry();
-  if (r.capture == this) r.capture = nullptr;
+  // An enclosing capture becomes current again for system-log lines too.
+  if (r.capture == this) r.capture = dynamic_cast<CaptureSink*>(previous_);
   sinkIs(previous_);
 }
 void CaptureSink::write(const Facility& f, int level, std::string_view text) {

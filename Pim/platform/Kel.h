@@ -205,18 +205,24 @@ class BaseNotifiee {
   BaseNotifiee() = default;
   BaseNotifiee(const BaseNotifiee&) = delete;
   BaseNotifiee& operator=(const BaseNotifiee&) = delete;
-  virtual ~BaseNotifiee() { notifierIs(nullptr); }
+  // No downcast here: the derived part is already destroyed, so the pointer saved when
+  // attaching is what gets removed.
+  virtual ~BaseNotifiee() {
+    if (notifier_) notifier_->notifieeRemove(self_);
+  }
 
   const Ptr<E>& notifier() const noexcept { return notifier_; }
   void notifierIs(const Ptr<E>& n) {
     if (notifier_ == n) return;
-    if (notifier_) notifier_->notifieeRemove(static_cast<Self*>(this));
+    if (notifier_) notifier_->notifieeRemove(self_);
     notifier_ = n;
-    if (notifier_) notifier_->notifieeAdd(static_cast<Self*>(this));
+    self_ = static_cast<Self*>(this);
+    if (notifier_) notifier_->notifieeAdd(self_);
   }
 
  private:
   Ptr<E> notifier_;
+  Self* self_ = nullptr;
 };
 
 // ---------------------------------------------------------------------------------------
@@ -467,7 +473,12 @@ void parseValueInto(ValueParser& in, T& v) {
               }
               using F = std::remove_cvref_t<decltype(v.*(f.member))>;
               ValueText<F>::parse(in, v.*(f.member));
-              if (!in.ok()) throwParseError(T::kTypeName, f.name);
+              // The value must end where the field does ("Truest" is no bool), so that
+              // the error names this field rather than the next one.
+              const std::string_view after = in.rest();
+              if (!in.ok() || !(after.starts_with(", ") || after.starts_with("})"))) {
+                throwParseError(T::kTypeName, f.name);
+              }
             }(),
             ...);
       },

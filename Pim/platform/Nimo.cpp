@@ -260,6 +260,14 @@ void Pkt::delSharedTailData(std::uint32_t n) {
   updateSharedIovec();
 }
 
+Kel::Ptr<Pkt> Pkt::withoutBufferForTest() { return Kel::Ptr<Pkt>(new Pkt()); }
+
+Kel::Ptr<Pkt> Pkt::withoutIovecForTest(std::uint32_t size) {
+  auto p = create(size);
+  p->firstIoVec_ = maxIovecs_;
+  return p;
+}
+
 void Pkt::updateSharedIovec() {
   if (!sharedBuffer_) {
     firstIoVec_ = maxIovecs_;

@@ -222,6 +222,11 @@ class Pkt : public Kel::PtrInterface {
   const iovec* iovecs() const noexcept { return iov_.data(); }
   std::size_t iovecCount() const noexcept { return maxIovecs_ - firstIoVec_; }
 
+  // Test hooks: Pkts in the states the removal assertions guard against, which no public
+  // factory produces (no buffer at all; a buffer whose scatter/gather view was never set).
+  static Kel::Ptr<Pkt> withoutBufferForTest();
+  static Kel::Ptr<Pkt> withoutIovecForTest(std::uint32_t size);
+
  private:
   struct Buffer : Kel::PtrInterface {
     explicit Buffer(std::uint32_t cap) : bytes(new std::uint8_t[cap]()), capacity(cap) {}
