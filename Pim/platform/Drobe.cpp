@@ -106,9 +106,10 @@ class Mapping {
 };
 
 std::uint32_t slotCountFor(std::uint32_t capacity) {
-  // At most 3/4 of the slots live keeps linear probes short.
-  const std::uint64_t want = std::max<std::uint64_t>(8, (std::uint64_t{capacity} * 4 + 2) / 3);
-  return static_cast<std::uint32_t>(std::bit_ceil(want));
+  // At most 3/4 of the slots live keeps linear probes short, and leaves empty slots to
+  // end every probe.
+  return static_cast<std::uint32_t>(
+      std::max<std::uint64_t>(8, (std::uint64_t{capacity} * 4 + 2) / 3));
 }
 
 std::uint32_t ringSizeFor(std::uint32_t requested) {
@@ -258,10 +259,7 @@ WriterCore::WriterCore(std::string path, std::string name, const Layout& layout)
     map_ = nullptr;
     return;
   }
-  sendFd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (sendFd_ < 0) {
-    FLICK_TRACE(trace(), 1, "{}: wake-up socket: {}", file_, std::strerror(errno));
-  }
+  peers_.resize(kMaxReaders);
   FLICK_TRACE(trace(), 4, "{}: mounted, generation {}, capacity {}, {} slots, {} bytes", file_,
               generation, layout_.capacity, layout_.slotCount, size);
 }
@@ -275,7 +273,9 @@ WriterCore::~WriterCore() {
     if (::stat(file_.c_str(), &st) == 0 && map_->sameFile(st)) ::unlink(file_.c_str());
     delete map_;
   }
-  if (sendFd_ >= 0) ::close(sendFd_);
+  for (Peer& p : peers_) {
+    if (p.fd >= 0) ::close(p.fd);
+  }
 }
 
 std::byte* WriterCore::slot(std::uint32_t i) const noexcept {
@@ -301,23 +301,38 @@ void WriterCore::publish(std::uint64_t newHead, std::uint32_t liveCount) {
 }
 
 void WriterCore::signalReaders() {
-  Header* h = map_->header();
   for (std::uint32_t i = 0; i < kMaxReaders; ++i) {
     ReaderEntry* e = map_->reader(i);
     if (e->state.load(std::memory_order_acquire) != kEntryActive) continue;
     if (e->signalled.exchange(1, std::memory_order_seq_cst) != 0) continue;
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
+    Peer& p = peers_[i];
     const std::uint32_t len = std::min<std::uint32_t>(e->nameLen, sizeof e->name);
-    std::memcpy(addr.sun_path, e->name, len);
+    if (p.fd < 0 || p.pid != e->pid.load() || p.nameLen != len ||
+        std::memcmp(p.name, e->name, len) != 0) {
+      if (p.fd >= 0) ::close(p.fd);
+      p.pid = e->pid.load();
+      p.nameLen = len;
+      std::memcpy(p.name, e->name, len);
+      sockaddr_un addr{};
+      addr.sun_family = AF_UNIX;
+      std::memcpy(addr.sun_path, e->name, len);
+      const auto alen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + len);
+      p.fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+      if (p.fd >= 0 && ::connect(p.fd, reinterpret_cast<const sockaddr*>(&addr), alen) != 0) {
+        const int err = errno;
+        ::close(p.fd);
+        p.fd = -1;
+        errno = err;
+      }
+    }
     const char byte = 1;
-    const auto alen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + len);
-    if (::sendto(sendFd_, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL,
-                 reinterpret_cast<const sockaddr*>(&addr), alen) < 0) {
+    if (p.fd < 0 || ::send(p.fd, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
       if (errno == ECONNREFUSED || errno == ENOENT) {
         // The reader is gone without unregistering (killed): free its entry.
         std::uint32_t active = kEntryActive;
         e->state.compare_exchange_strong(active, kEntryFree);
+        if (p.fd >= 0) ::close(p.fd);
+        p.fd = -1;
         FLICK_TRACE(trace(), 4, "{}: reader {} gone, entry {} freed", file_, e->pid.load(), i);
       } else if (errno != EAGAIN) {
         FLICK_TRACE(trace(), 1, "{}: wake-up of reader {} failed: {}", file_, e->pid.load(),
@@ -326,7 +341,6 @@ void WriterCore::signalReaders() {
       }
     }
   }
-  (void)h;
 }
 
 void WriterCore::refusedInc() { map_->header()->refused.fetch_add(1, std::memory_order_relaxed); }
@@ -459,10 +473,11 @@ std::uint64_t ReaderCore::rearmAndHead() noexcept {
 CollectionStats ReaderCore::stats() const { return statsOf(map_); }
 
 void ReaderCore::drainSocket() {
+  // Wake-ups are coalesced, so one datagram is normally all there is; should more be
+  // queued, the level-triggered loop calls again. Reading until EAGAIN would cost every
+  // wake-up a second system call.
   char buf[64];
-  for (int i = 0; i < 1024; ++i) {
-    if (::recv(sock_, buf, sizeof buf, MSG_DONTWAIT) < 0) break;
-  }
+  (void)::recv(sock_, buf, sizeof buf, MSG_DONTWAIT);
 }
 
 bool ReaderCore::writerAlive() const {
