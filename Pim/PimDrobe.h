@@ -94,6 +94,8 @@ struct Dispatch {
 template <typename K, typename V>
 class Collection {
  public:
+  using Key = K;
+  using Value = V;
   using Writer = ::Drobe::Writer<K, V>;
   using Reader = ::Drobe::Reader<K, V>;
 

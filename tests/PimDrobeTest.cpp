@@ -363,11 +363,17 @@ Model finalModel(std::uint32_t rounds) {
   return m;
 }
 
-// Writer child: runs rounds 0..rounds, committing each, then marks "done" (drPriority =
-// rounds) and waits for the parent to close `hold`. After round `tellAfter` it writes one
+// Writer child: runs rounds 0..rounds1, committing each, marks "done" (drPriority =
+// rounds1); then, given `go`, waits for a byte on it and runs rounds2 more rounds the same
+// way. Then it waits for the parent to close `hold`. After round `tellAfter` it writes one
 // byte to `tell`.
-[[noreturn]] void writerChild(const std::string& path, std::uint32_t rounds, int hold, int tell,
-                              std::uint32_t tellAfter) {
+struct WriterScript {
+  std::uint32_t rounds1 = 0, rounds2 = 0;
+  int hold = -1, go = -1, tell = -1;
+  std::uint32_t tellAfter = 0;
+};
+
+[[noreturn]] void writerChild(const std::string& path, const WriterScript& w) {
   auto s = D::statusFactory(path);
   if (!s->mountWriter()) _exit(3);
   for (std::uint32_t i = 0; i < kIntfs; ++i) {
@@ -375,28 +381,33 @@ Model finalModel(std::uint32_t rounds) {
   }
   s->commit();
   Model m;
-  for (std::uint32_t r = 0; r <= rounds; ++r) {
-    runRound(
-        r, m, [&](std::uint32_t i, std::uint32_t seq) { s->neighborIs(record(i, seq)); },
-        [&](std::uint32_t i) { s->neighborDel(keyOf(i)); });
+  auto run = [&](std::uint32_t from, std::uint32_t to) {
+    for (std::uint32_t r = from; r <= to; ++r) {
+      runRound(
+          r, m, [&](std::uint32_t i, std::uint32_t seq) { s->neighborIs(record(i, seq)); },
+          [&](std::uint32_t i) { s->neighborDel(keyOf(i)); });
+      s->commit();
+      if (r == w.tellAfter && w.tell >= 0) (void)!::write(w.tell, "x", 1);
+    }
+    D::Intf done(kDone, IpGenAddrWithMask());
+    done.drPriorityIs(to);
+    s->pimIntfIs(done);
     s->commit();
-    if (r == tellAfter && tell >= 0) (void)!::write(tell, "x", 1);
-    // Paced so that readers mostly follow key by key rather than by resync.
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  D::Intf done(kDone, IpGenAddrWithMask());
-  done.drPriorityIs(rounds);
-  s->pimIntfIs(done);
-  s->commit();
+  };
   char c;
-  while (::read(hold, &c, 1) > 0) {
+  run(0, w.rounds1);
+  if (w.go >= 0 && ::read(w.go, &c, 1) == 1) run(w.rounds1 + 1, w.rounds1 + w.rounds2);
+  while (::read(w.hold, &c, 1) > 0) {
   }
   _exit(0);
 }
 
-// Reader child: mirrors neighbours from notifications; exits 0 once the mirror equals the
-// final model of `rounds` after "done" was seen, 1 on a torn or foreign record, 2 on
-// timeout. Prints its counts on failure.
+// Reader child: mirrors neighbours from notifications. Phase 1: converge to the model of
+// rounds1 after its "done" (whatever mix of key notices and resyncs it takes). With
+// rounds2, it then says so on `progress` and must converge to the model of
+// rounds1 + rounds2 through key notices alone: those rounds are small enough for the
+// change ring, so a resync there would mean lost keys. Exit 0 on success, 1 on a torn
+// or foreign record, 2 on timeout, 3 on a resync in phase 2.
 class Mirror : public D::Status::NotifieeConst {
  public:
   explicit Mirror(Kel::Ptr<D::Status> s) : s_(std::move(s)) { notifierIs(s_); }
@@ -444,24 +455,31 @@ class Mirror : public D::Status::NotifieeConst {
   Kel::Ptr<D::Status> s_;
 };
 
-[[noreturn]] void readerChild(const std::string& path, std::uint32_t rounds, int ready) {
-  const Model expected = finalModel(rounds);
+[[noreturn]] void readerChild(const std::string& path, std::uint32_t rounds1, std::uint32_t rounds2,
+                              int ready, int progress) {
   Ulm::EventLoop loop(Kel::Ptr<Kel::Clock>(new Kel::SystemClock));
   auto s = D::statusFactory(path);
   s->mountReader(loop);
   Mirror m(s);
   (void)!::write(ready, "r", 1);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-  while (std::chrono::steady_clock::now() < deadline) {
-    loop.runOnce(0.05);
-    if (m.bad) break;
-    // Converged, and not only through whole-table resyncs.
-    if (m.doneRounds == rounds && m.mirror == expected && m.keyNotices > 0) _exit(0);
-  }
-  std::fprintf(stderr, "reader %d: bad %d, keys %d, resyncs %d, mounts %d, done %u, %zu/%zu\n",
-               ::getpid(), m.bad, m.keyNotices, m.resyncs, m.mountChanges, m.doneRounds,
-               m.mirror.size(), expected.size());
-  _exit(m.bad ? 1 : 2);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(150);
+  auto converge = [&](std::uint32_t rounds) {
+    const Model expected = finalModel(rounds);
+    while (std::chrono::steady_clock::now() < deadline && !m.bad) {
+      loop.runOnce(0.05);
+      if (m.doneRounds == rounds && m.mirror == expected) return true;
+    }
+    std::fprintf(stderr, "reader %d: bad %d, keys %d, resyncs %d, mounts %d, done %u, %zu/%zu\n",
+                 ::getpid(), m.bad, m.keyNotices, m.resyncs, m.mountChanges, m.doneRounds,
+                 m.mirror.size(), expected.size());
+    return false;
+  };
+  if (!converge(rounds1)) _exit(m.bad ? 1 : 2);
+  if (rounds2 == 0) _exit(0);
+  (void)!::write(progress, "c", 1);
+  const int resyncs = m.resyncs, keys = m.keyNotices;
+  if (!converge(rounds1 + rounds2)) _exit(m.bad ? 1 : 2);
+  _exit(m.resyncs == resyncs && m.keyNotices > keys ? 0 : 3);
 }
 
 // Waits for pid at most `seconds`; kills it (our own child) on timeout. Returns the exit
@@ -511,11 +529,13 @@ pid_t forkChild(F body) {
   return pid;
 }
 
-std::vector<pid_t> startReaders(const std::string& path, std::uint32_t rounds, int n) {
+std::vector<pid_t> startReaders(const std::string& path, std::uint32_t rounds1,
+                                std::uint32_t rounds2, int progress) {
   std::vector<pid_t> readers;
-  for (int i = 0; i < n; ++i) {
+  for (int i = 0; i < 2; ++i) {
     Pipe ready;
-    readers.push_back(forkChild([&] { readerChild(path, rounds, ready.fd[1]); }));
+    readers.push_back(
+        forkChild([&] { readerChild(path, rounds1, rounds2, ready.fd[1], progress); }));
     EXPECT_TRUE(ready.readByte(30));
   }
   return readers;
@@ -523,14 +543,18 @@ std::vector<pid_t> startReaders(const std::string& path, std::uint32_t rounds, i
 
 TEST(PimDrobeCrossProcess, ReadersConvergeToTheWritersState) {
   const std::string path = uniquePath("xproc");
-  constexpr std::uint32_t kRounds = 60;
-  const auto readers = startReaders(path, kRounds, 2);  // before the writer: mount later
-  Pipe hold;
+  Pipe hold, go, progress;
+  const auto readers = startReaders(path, 40, 2, progress.fd[1]);  // before the writer
   const pid_t writer = forkChild([&] {
     hold.closeWrite();
-    writerChild(path, kRounds, hold.fd[0], -1, 0);
+    go.closeWrite();
+    writerChild(path, {.rounds1 = 40, .rounds2 = 2, .hold = hold.fd[0], .go = go.fd[0]});
   });
   hold.closeRead();
+  go.closeRead();
+  // Phase 2 starts once both readers hold the phase-1 state.
+  EXPECT_TRUE(progress.readByte(150) && progress.readByte(150));
+  EXPECT_EQ(::write(go.fd[1], "g", 1), 1);
   for (pid_t r : readers) EXPECT_EQ(waitChild(r, 180), 0) << "reader " << r;
   hold.closeWrite();  // lets the writer go
   EXPECT_EQ(waitChild(writer, 30), 0);
@@ -544,17 +568,18 @@ TEST(PimDrobeCrossProcess, ReadersResyncAfterTheWriterIsKilled) {
   const pid_t first = forkChild([&] {
     hold.closeWrite();
     tell.closeRead();
-    writerChild(path, 1000000, hold.fd[0], tell.fd[1], 20);
+    writerChild(path,
+                {.rounds1 = 1000000, .hold = hold.fd[0], .tell = tell.fd[1], .tellAfter = 20});
   });
   tell.closeWrite();
-  const auto readers = startReaders(path, kFinalRounds, 2);
+  const auto readers = startReaders(path, kFinalRounds, 0, -1);
   ASSERT_TRUE(tell.readByte(60));
   ::kill(first, SIGKILL);
   EXPECT_EQ(waitChild(first, 30), -1);
 
   const pid_t second = forkChild([&] {
     hold.closeWrite();
-    writerChild(path, kFinalRounds, hold.fd[0], -1, 0);
+    writerChild(path, {.rounds1 = kFinalRounds, .hold = hold.fd[0]});
   });
   hold.closeRead();
   for (pid_t r : readers) EXPECT_EQ(waitChild(r, 180), 0) << "reader " << r;
