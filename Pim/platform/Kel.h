@@ -167,13 +167,20 @@ class NotifieeList {
   // when its turn comes. Notifiees attached during the dispatch wait for the next one.
   template <typename F>
   void forEach(F&& fn) {
+    // The depth must come back down even if a handler throws, or detached slots would
+    // never be compacted again.
+    struct Depth {
+      NotifieeList& l;
+      explicit Depth(NotifieeList& list) : l(list) { ++l.depth_; }
+      ~Depth() {
+        --l.depth_;
+        l.compact();
+      }
+    } depth(*this);
     const std::size_t count = list_.size();
-    ++depth_;
     for (std::size_t i = 0; i < count && i < list_.size(); ++i) {
       if (N* n = list_[i]) fn(*n);
     }
-    --depth_;
-    compact();
   }
 
  private:
