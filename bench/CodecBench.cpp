@@ -14,7 +14,9 @@
 //   cmake --preset release && cmake --build build/release --target CodecBench
 //   build/release/bench/CodecBench
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -183,10 +185,18 @@ std::uint16_t ref16(const void* p, std::size_t n) {
 
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
+  explicit RatioReporter(OutputOptions o) : ConsoleReporter(o) {}
+
+  // Keeps each benchmark's time: its median when repetitions report aggregates, else the
+  // median of its plain runs.
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& r : runs) {
-      if (r.run_type == Run::RT_Iteration && !r.error_occurred) {
-        ns_[r.benchmark_name()] = r.GetAdjustedRealTime();
+      if (r.error_occurred) continue;
+      const std::string name = r.run_name.str();
+      if (r.run_type == Run::RT_Iteration) {
+        samples_[name].push_back(r.GetAdjustedRealTime());
+      } else if (r.aggregate_name == "median") {
+        median_[name] = r.GetAdjustedRealTime();
       }
     }
     ConsoleReporter::ReportRuns(runs);
@@ -204,15 +214,23 @@ class RatioReporter : public benchmark::ConsoleReporter {
     };
     std::printf("\n%-26s %10s   %-26s %10s %8s\n", "figure", "ns/op", "baseline", "ns/op", "ratio");
     for (auto [figure, baseline] : kPairs) {
-      auto f = ns_.find(figure), b = ns_.find(baseline);
-      if (f == ns_.end() || b == ns_.end()) continue;  // filtered out or failed
-      std::printf("%-26s %10.1f   %-26s %10.1f %7.2fx\n", figure, f->second, baseline, b->second,
-                  f->second / b->second);
+      double f = ns(figure), b = ns(baseline);
+      if (f <= 0 || b <= 0) continue;  // filtered out or failed
+      std::printf("%-26s %10.1f   %-26s %10.1f %7.2fx\n", figure, f, baseline, b, f / b);
     }
   }
 
  private:
-  std::map<std::string, double> ns_;
+  double ns(const std::string& name) const {
+    if (auto m = median_.find(name); m != median_.end()) return m->second;
+    auto s = samples_.find(name);
+    if (s == samples_.end() || s->second.empty()) return 0;
+    std::vector<double> v = s->second;
+    std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2), v.end());
+    return v[v.size() / 2];
+  }
+  std::map<std::string, std::vector<double>> samples_;
+  std::map<std::string, double> median_;
 };
 
 }  // namespace
@@ -238,7 +256,8 @@ int main(int argc, char** argv) {
 
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
+  RatioReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Color
+                                               : benchmark::ConsoleReporter::OO_None);
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.printRatios();
   benchmark::Shutdown();
