@@ -164,9 +164,9 @@ bool MessageCounters::msgCounterInc(const CounterKey& k, IO::MessageCounterDirec
                                     IO::MessageCounterType t) {
   // A missing entry starts as six zero counts. Writing that zero entry separately first
   // would be invisible: readers see nothing before the commit.
-  MessageCounterData entry = msgCounter_.find(k).value_or(MessageCounterData(k));
-  entry.countInc(d, t);
-  return msgCounter_.isChanged(entry);
+  return msgCounter_.update(
+      k, [&k] { return MessageCounterData(k); },
+      [d, t](MessageCounterData& e) { e.countInc(d, t); });
 }
 
 Kel::Ptr<MessageCounters> messageCountersFactory(const Kel::Name& name) {

@@ -150,12 +150,19 @@ class Collection {
     dispatch_.key(k);
     return true;
   }
-  // The counting rule's write: the caller has just looked the entry up.
-  bool isChanged(const V& v) {
+  // Read-modify-write in one probe (the counting rule): fn(V&) changes k's entry, which
+  // starts as init() if there is none. A corrupt slot met on the way is cleared by the
+  // table and the entry starts again from init().
+  template <typename Init, typename F>
+  bool update(const K& k, Init&& init, F&& fn) {
     KEL_ASSERT(writer_ && "table not mounted for writing");
-    if (!writer_->is(v)) return false;
-    dispatch_.key(v.key());
-    return true;
+    const std::uint64_t corruptBefore = writer_->corrupt();
+    const bool ok = writer_->update(k, std::forward<Init>(init), std::forward<F>(fn));
+    if (writer_->corrupt() != corruptBefore) {
+      FLICK_TRACE(pimDrobeTrace(), 1, "{}: corrupt entry met while updating, cleared", name_);
+    }
+    if (ok) dispatch_.key(k);
+    return ok;
   }
   bool del(const K& k) {
     KEL_ASSERT(writer_ && "table not mounted for writing");

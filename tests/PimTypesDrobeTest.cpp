@@ -42,23 +42,24 @@ std::uint32_t refKeyHash(std::uint32_t a, std::uint32_t b) {
 }
 
 TEST(PimTypesDrobeHash, WorkedByHand) {
-  // FNV-1a component hashes (platform): "Ethernet1" -> 0x0d09c72d, 10.0.0.2 (family byte 1
-  // then the four bytes) -> 0xe8600ac0, "" -> 0x811c9dc5.
-  // NeighborKey: rotl(0xe8600ac0, 8) ^ rotl(0x0d09c72d, 16) = 0xa727cde1, mixed 0xddd2e64d.
-  // CounterKey(3, 255): first 0xff03; rotl(0xff03, 8) ^ rotl(0x0d09c72d, 16) = 0xc7d20e09,
-  // mixed 0x42480cdc.
+  // Component hashes (platform): "Ethernet1" -> 0x88539b3f and "" -> 0 (the NUL-padded
+  // name's four little-endian words, each times its odd constant, xor-folded); 10.0.0.2 ->
+  // 0xe8600ac0 (FNV-1a over family byte 1 then the four bytes).
+  // NeighborKey: rotl(0xe8600ac0, 8) ^ rotl(0x88539b3f, 16) = 0xfb3548bb, mixed 0x54b08425.
+  // CounterKey(3, 255): first 0xff03; rotl(0xff03, 8) ^ rotl(0x88539b3f, 16) = 0x9bc08b53,
+  // mixed 0xceed5940.
   const IntfId e1("Ethernet1");
   struct Case {
     const char* what;
     std::uint32_t hash;
     std::uint32_t expected;
   } cases[] = {
-      {"NeighborKey", D::NeighborKey(IpGenAddr("10.0.0.2"), e1).hash(), 0xddd2e64du},
-      {"CounterKey", D::CounterKey(3, 255, e1).hash(), 0x42480cdcu},
-      {"null CounterKey", D::CounterKey().hash(), 0x45a44907u},
-      {"IntfVrfKey", N::IntfVrfKey(e1, 7).hash(), 0x1563203fu},
+      {"NeighborKey", D::NeighborKey(IpGenAddr("10.0.0.2"), e1).hash(), 0x54b08425u},
+      {"CounterKey", D::CounterKey(3, 255, e1).hash(), 0xceed5940u},
+      {"null CounterKey", D::CounterKey().hash(), 0xcaa3caa3u},
+      {"IntfVrfKey", N::IntfVrfKey(e1, 7).hash(), 0x5fc2b0f6u},
       {"IPv6 NeighborKey", N::NeighborKey(IpGenAddr("fe80::1"), N::IntfVrfKey(e1, 7)).hash(),
-       0x43689f23u},
+       0xf5a83beau},
   };
   for (const auto& c : cases) EXPECT_EQ(c.hash, c.expected) << c.what;
 }

@@ -340,6 +340,12 @@ class Writer : public Kel::PtrInterface {
 
   // Insert or overwrite; false (refused, traced, counted) if the table is full.
   bool is(const V& v);
+  // Read-modify-write in one probe: fn(V&) changes k's entry in place; an absent entry
+  // starts as init() (whose key must be k). The entry is announced as changed without
+  // comparing, since callers use this to change it (a counter). False (as is()) if the
+  // table is full.
+  template <typename Init, typename F>
+  bool update(const K& k, Init&& init, F&& fn);
   // Remove; false if k was absent.
   bool del(const K& k);
   void delAll();
@@ -403,14 +409,26 @@ class Writer : public Kel::PtrInterface {
   void queueCollection();
   void sweepTombstones(std::uint32_t slot);
   void rebuild();
+  // The slot holding k (found), else the first tombstone or empty slot on its probe path
+  // (slotCount if none). A scribbled slot on the path is cleared and the probe restarted.
+  struct Probe {
+    std::uint32_t slot;
+    bool found;
+  };
+  Probe probe(const K& k, std::uint32_t h);
+  bool insertAt(std::uint32_t slot, std::uint32_t h, const K& k, const V& v);
 
   detail::Layout layout_;
   detail::WriterCore core_;
   std::byte* slotBase_ = nullptr;
   std::byte* ringBase_ = nullptr;
   std::vector<detail::SlotBody<V>> shadow_;
-  std::vector<std::uint64_t> dirtyMark_;  // commit epoch in which the slot was dirtied
-  std::vector<std::uint64_t> keyMark_;    // commit epoch in which the slot's key was queued
+  // Per slot, side by side so that one update touches one cache line of marks.
+  struct Marks {
+    std::uint64_t dirty = 0;  // commit epoch in which the slot was dirtied
+    std::uint64_t key = 0;    // commit epoch in which the slot's key was queued
+  };
+  std::vector<Marks> marks_;
   std::vector<std::uint32_t> dirty_;
   std::vector<K> pendingKeys_;
   std::uint64_t epoch_ = 1;
@@ -608,8 +626,7 @@ requires TableKey<K> && TableValue<V, K> Writer<K, V>::Writer(std::string_view p
     : layout_(layout),
       core_(std::string(path), info.name, layout),
       shadow_(layout.slotCount),
-      dirtyMark_(layout.slotCount, 0),
-      keyMark_(layout.slotCount, 0) {
+      marks_(layout.slotCount) {
   if (!core_.ok()) return;
   for (std::uint32_t i = 0; i < layout_.slotCount; ++i) new (core_.slot(i)) detail::Slot<V>{};
   for (std::uint32_t i = 0; i < layout_.ringSize; ++i) {
@@ -658,53 +675,87 @@ const {
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
-bool Writer<K, V>::is(const V& v) {
-  const K k = v.key();
-  const std::uint32_t h = static_cast<std::uint32_t>(k.hash());
+typename Writer<K, V>::Probe Writer<K, V>::probe(const K& k, std::uint32_t h) {
   const std::uint32_t slots = layout_.slotCount;
-  // Probe: the key's slot, else the first tombstone or empty slot on its path.
-  std::uint32_t freeSlot = slots;
-  std::uint32_t i = detail::homeSlot(h, slots);
-  for (std::uint32_t n = 0; n < slots; ++n, i = detail::nextSlot(i, slots)) {
-    detail::SlotBody<V>& b = shadow_[i];
-    if (b.state == detail::kSlotEmpty) {
-      if (freeSlot == layout_.slotCount) freeSlot = i;
-      break;
+  for (;;) {
+    std::uint32_t freeSlot = slots;
+    bool restart = false;
+    std::uint32_t i = detail::homeSlot(h, slots);
+    for (std::uint32_t n = 0; n < slots; ++n, i = detail::nextSlot(i, slots)) {
+      const detail::SlotBody<V>& b = shadow_[i];
+      if (b.state == detail::kSlotEmpty) {
+        if (freeSlot == slots) freeSlot = i;
+        break;
+      }
+      if (b.state == detail::kSlotTomb) {
+        if (freeSlot == slots) freeSlot = i;
+        continue;
+      }
+      if (b.state != detail::kSlotLive || (b.hash != h && b.value.key() == k)) {
+        // A scribbled slot on our path: clear it and start over (it is now a tombstone,
+        // so the restart terminates).
+        corruptionIs(i);
+        restart = true;
+        break;
+      }
+      if (b.hash == h && b.value.key() == k) return {i, true};
     }
-    if (b.state == detail::kSlotTomb) {
-      if (freeSlot == layout_.slotCount) freeSlot = i;
-      continue;
-    }
-    if (b.state != detail::kSlotLive || (b.hash != h && b.value.key() == k)) {
-      // A scribbled slot on our path: clear it and start over.
-      corruptionIs(i);
-      return is(v);
-    }
-    if (b.hash == h && b.value.key() == k) {
-      if (std::memcmp(static_cast<const void*>(&b.value), &v, sizeof v) == 0) return true;
-      b.value = v;
-      markDirty(i);
-      queueKey(i, k);
-      return true;
-    }
+    if (!restart) return {freeSlot, false};
   }
-  if (live_ >= layout_.capacity || freeSlot == layout_.slotCount) {
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+bool Writer<K, V>::insertAt(std::uint32_t slot, std::uint32_t h, const K& k, const V& v) {
+  if (live_ >= layout_.capacity || slot == layout_.slotCount) {
     ++refused_;
     core_.refusedInc();
     FLICK_TRACE(trace(), 1, "{}: table full ({} entries), insert refused", core_.file(),
                 layout_.capacity);
     return false;
   }
-  detail::SlotBody<V>& b = shadow_[freeSlot];
+  detail::SlotBody<V>& b = shadow_[slot];
   if (b.state == detail::kSlotTomb) --tombs_;
   b.state = detail::kSlotLive;
   b.hash = h;
   b.value = v;
   ++live_;
-  markDirty(freeSlot);
-  keyMark_[freeSlot] = 0;  // a new key in this slot: announce it even if the old one was
-  queueKey(freeSlot, k);
+  markDirty(slot);
+  marks_[slot].key = 0;  // a new key in this slot: announce it even if the old one was
+  queueKey(slot, k);
   if (std::uint64_t{live_ + tombs_} * 8 > std::uint64_t{layout_.slotCount} * 7) rebuild();
+  return true;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+bool Writer<K, V>::is(const V& v) {
+  const K k = v.key();
+  const std::uint32_t h = static_cast<std::uint32_t>(k.hash());
+  const Probe p = probe(k, h);
+  if (!p.found) return insertAt(p.slot, h, k, v);
+  detail::SlotBody<V>& b = shadow_[p.slot];
+  if (std::memcmp(static_cast<const void*>(&b.value), &v, sizeof v) == 0) return true;
+  b.value = v;
+  markDirty(p.slot);
+  queueKey(p.slot, k);
+  return true;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+template <typename Init, typename F>
+bool Writer<K, V>::update(const K& k, Init&& init, F&& fn) {
+  const std::uint32_t h = static_cast<std::uint32_t>(k.hash());
+  const Probe p = probe(k, h);
+  if (!p.found) {
+    V v = init();
+    fn(v);
+    return insertAt(p.slot, h, k, v);
+  }
+  fn(shadow_[p.slot].value);
+  markDirty(p.slot);
+  queueKey(p.slot, k);
   return true;
 }
 
@@ -838,16 +889,16 @@ const noexcept {
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
 void Writer<K, V>::markDirty(std::uint32_t slot) {
-  if (allDirty_ || dirtyMark_[slot] == epoch_) return;
-  dirtyMark_[slot] = epoch_;
+  if (allDirty_ || marks_[slot].dirty == epoch_) return;
+  marks_[slot].dirty = epoch_;
   dirty_.push_back(slot);
 }
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
 void Writer<K, V>::queueKey(std::uint32_t slot, const K& k) {
-  if (pendingCollection_ || keyMark_[slot] == epoch_) return;
-  keyMark_[slot] = epoch_;
+  if (pendingCollection_ || marks_[slot].key == epoch_) return;
+  marks_[slot].key = epoch_;
   // More keys than the ring holds would lap every reader anyway.
   if (pendingKeys_.size() >= layout_.ringSize) return queueCollection();
   pendingKeys_.push_back(k);

@@ -167,6 +167,7 @@ class NotifieeList {
   // when its turn comes. Notifiees attached during the dispatch wait for the next one.
   template <typename F>
   void forEach(F&& fn) {
+    if (list_.empty()) return;  // the common case on hot paths: nobody watching
     // The depth must come back down even if a handler throws, or detached slots would
     // never be compacted again.
     struct Depth {

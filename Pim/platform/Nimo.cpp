@@ -167,15 +167,6 @@ IntfId::IntfId(std::string_view name) {
   std::memcpy(name_.data(), name.data(), name.size());
 }
 
-std::uint32_t IntfId::hash() const noexcept {
-  // FNV-1a over the name, in one pass up to the NUL padding (no separate strlen).
-  std::uint32_t h = 2166136261u;
-  for (std::size_t i = 0; i < name_.size() && name_[i] != 0; ++i) {
-    h = (h ^ static_cast<std::uint8_t>(name_[i])) * 16777619u;
-  }
-  return h;
-}
-
 std::ostream& operator<<(std::ostream& os, const IntfId& i) { return os << i.name(); }
 
 // ---------------------------------------------------------------------------------------
