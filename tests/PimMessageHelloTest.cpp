@@ -77,6 +77,52 @@ Kel::Ptr<HelloMessage> goldenObject(bool v6) {
   return h;
 }
 
+// Option bits for the generated Hellos below.
+enum : unsigned {
+  kHold = 1,
+  kLpd = 2,
+  kDr = 4,
+  kGen = 8,
+  kBidir = 16,
+  kAddrs = 32,
+  kTcp = 64,
+  kSctp = 128,
+  kIfId = 256,
+  kAllOptions = 511
+};
+
+// Turns on the options in mask with values drawn from seed; absent options keep their
+// zero values, as a reader leaves them.
+void setOptions(HelloMessage& h, unsigned mask, unsigned seed, bool v6) {
+  const auto u16 = [](unsigned v) { return static_cast<std::uint16_t>(v); };
+  h.holdTimeOptionIs(mask & kHold);
+  h.holdTimeIs(mask & kHold ? u16(seed * 7) : 0);
+  h.lanPruneDelayOptionIs(mask & kLpd);
+  if (mask & kLpd) {
+    h.tBitIs(seed & 0x10);
+    h.propagationDelayIs(Delay(u16(seed * 61 % 32768)));
+    h.overrideIntervalIs(u16(seed * 3));
+  }
+  h.drPriorityOptionIs(mask & kDr);
+  h.drPriorityIs(mask & kDr ? seed * 0x01010101u : 0);
+  h.generationIdOptionIs(mask & kGen);
+  h.generationIdIs(mask & kGen ? ~seed : 0);
+  h.bidirectionalCapableIs(mask & kBidir);
+  for (unsigned i = 0; mask & kAddrs && i < 1 + seed % 5; ++i) {
+    h.secondaryAddrIs(v6 ? Nimo::IpGenAddr(fmt::format("2001:db8::{:x}", i + 1))
+                         : Nimo::IpGenAddr::v4(0x0a000001 + i),
+                      true);
+  }
+  const Nimo::IpGenAddr conn(v6 ? "2001:db8::aa" : "10.9.9.9");
+  h.tcpConnectionOptionIs(mask & kTcp);
+  h.tcpConnectionIdIs(mask & kTcp ? conn : Nimo::IpGenAddr());
+  h.sctpConnectionOptionIs(mask & kSctp);
+  h.sctpConnectionIdIs(mask & kSctp ? conn : Nimo::IpGenAddr());
+  h.interfaceIdOptionIs(mask & kIfId);
+  h.routerIdIs(mask & kIfId ? seed : 0);
+  h.interfaceIdIs(mask & kIfId ? seed + 1 : 0);
+}
+
 class HelloGoldenTest : public TraceTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(HelloGoldenTest, GoldenChecksumAgreesWithReference) {
@@ -160,116 +206,59 @@ class HelloReadTest : public TraceTest {
 };
 
 TEST_F(HelloReadTest, OptionEdgeCases) {
+  const std::string kHello = "Invalid Pim Hello - ";
   struct Case {
-    const char* name;
     const char* options;
     bool ok;
-    std::vector<std::string> errors;
-    std::vector<std::string> warnings;
+    std::vector<std::string> errors;  // "Invalid Pim Hello - " implied
+    std::string warning;
   };
+  const std::string kUnsupported = "Warning: Pim Hello - Unsupport Hello Option - Type: 65001";
+  // clang-format off
   const Case cases[] = {
-      {"header only", "", true, {}, {}},
-      {"holdtime of length 4",
-       "0001 0004 0069 0000",
-       false,
-       {"Invalid Pim Hello - Holdtime Option Size - Received Value: 4"},
-       {}},
-      {"holdtime cut short",
-       "0001 0002 00",
-       false,
-       {"Invalid Pim Hello - Holdtime Option Length - Remaining: 1 Expected: 2"},
-       {}},
-      {"lan prune delay of length 2",
-       "0002 0002 0000",
-       false,
-       {"Invalid Pim Hello - Lan Prune Delay Option Size - Received Value: 2"},
-       {}},
-      {"dr priority cut short",
-       "0013 0004 0000 01",
-       false,
-       {"Invalid Pim Hello - Dr Priority Option Length - Remaining: 3 Expected: 4"},
-       {}},
-      {"generation id of length 8",
-       "0014 0008 0000 0001 0000 0002",
-       false,
-       {"Invalid Pim Hello - Generation Id Option Size - Received Value: 8"},
-       {}},
-      {"bidir with a value",
-       "0016 0001 00",
-       false,
-       {"Invalid Pim Hello - Non-zero Bidirectional Capable Option Size - Received Value: 1"},
-       {}},
-      {"two trailing bytes",
-       "0001 0002 0069 0000",
-       false,
-       {"Invalid Pim Hello - Hello Option Length - Remaining: 2 Expected: 4"},
-       {}},
-      {"unknown option skipped",
-       "fde9 0006 0102 0304 0506 0001 0002 0069",
-       true,
-       {},
-       {"Warning: Pim Hello - Unsupport Hello Option - Type: 65001"}},
-      {"unknown option past the end",
-       "fde9 0006 0102 0304",
-       false,
-       {"Invalid Pim Hello - Hello Option Length - Remaining: -2 Expected: 4"},
-       {"Warning: Pim Hello - Unsupport Hello Option - Type: 65001"}},
-      {"address list past the end",
-       "0018 000c 0100 0a01 0001",
-       false,
-       {"Invalid Pim Hello - Address List Option Length - Remaining: 6 Expected: 12"},
-       {}},
-      {"address cut by the option length",
-       "0018 0004 0100 0a01 0001 0002 0069",
-       false,
+      {"", true, {}, ""},
+      {"0001 0004 0069 0000", false, {"Holdtime Option Size - Received Value: 4"}, ""},
+      {"0001 0002 00", false, {"Holdtime Option Length - Remaining: 1 Expected: 2"}, ""},
+      {"0002 0002 0000", false, {"Lan Prune Delay Option Size - Received Value: 2"}, ""},
+      {"0013 0004 0000 01", false, {"Dr Priority Option Length - Remaining: 3 Expected: 4"}, ""},
+      {"0014 0008 0000 0001 0000 0002", false,
+       {"Generation Id Option Size - Received Value: 8"}, ""},
+      {"0016 0001 00", false,
+       {"Non-zero Bidirectional Capable Option Size - Received Value: 1"}, ""},
+      {"0001 0002 0069 0000", false, {"Hello Option Length - Remaining: 2 Expected: 4"}, ""},
+      {"fde9 0006 0102 0304 0506 0001 0002 0069", true, {}, kUnsupported},
+      {"fde9 0006 0102 0304", false,
+       {"Hello Option Length - Remaining: -2 Expected: 4"}, kUnsupported},
+      {"0018 000c 0100 0a01 0001", false,
+       {"Address List Option Length - Remaining: 6 Expected: 12"}, ""},
+      // An address cut short by its option's length, though the packet goes on.
+      {"0018 0004 0100 0a01 0001 0002 0069", false,
        {"Invalid Encoded Unicast Address - Ip Address Length - Remaining: 2 Expected: 4",
-        "Invalid Pim Hello - Address List Option - Unicast Address - Parse Error"},
-       {}},
-      {"empty address list", "0018 0000 0001 0002 0069", true, {}, {}},
-      {"tcp family 1 with 16 bytes",
-       "001b 0014 0001 0000 2001 0db8 0000 0000 0000 0000 0000 0001",
-       true,
-       {"Invalid Pim Hello - Pim over Tcp Option - IPv4 address family has unexpected length 16"},
-       {}},
-      {"sctp family 2 with 4 bytes",
-       "001c 0008 0002 0000 0a00 0001",
-       true,
-       {"Invalid Pim Hello - Pim over Sctp Option - IPv6 address family has unexpected length 4"},
-       {}},
-      {"sctp family 3",
-       "001c 0008 0003 0000 0a00 0001",
-       true,
-       {"Invalid Pim Hello - Pim over Sctp Option - Invalid address family 3 with length 4"},
-       {}},
-      {"sctp of length 4",
-       "001c 0004 0001 0000",
-       false,
-       {"Invalid Pim Hello - Pim over Sctp Option Size - Received Value: 4"},
-       {}},
-      {"tcp past the end",
-       "001b 0008 0001 0000 0a00",
-       false,
-       {"Invalid Pim Hello - Hello Option Length - Remaining: -2 Expected: 4"},
-       {}},
-      {"interface id of length 4",
-       "001f 0004 0000 0001",
-       false,
-       {"Invalid Pim Hello - Interface Identifier Option Size - Received Value: 4"},
-       {}},
-      {"interface id past the end",
-       "001f 0008 0000 0001",
-       false,
-       {"Invalid Pim Hello - Hello Option Length - Remaining: -4 Expected: 4"},
-       {}},
+        "Address List Option - Unicast Address - Parse Error"}, ""},
+      {"0018 0000 0001 0002 0069", true, {}, ""},
+      {"001b 0014 0001 0000 2001 0db8 0000 0000 0000 0000 0000 0001", true,
+       {"Pim over Tcp Option - IPv4 address family has unexpected length 16"}, ""},
+      {"001c 0008 0002 0000 0a00 0001", true,
+       {"Pim over Sctp Option - IPv6 address family has unexpected length 4"}, ""},
+      {"001c 0008 0003 0000 0a00 0001", true,
+       {"Pim over Sctp Option - Invalid address family 3 with length 4"}, ""},
+      {"001c 0004 0001 0000", false, {"Pim over Sctp Option Size - Received Value: 4"}, ""},
+      {"001b 0008 0001 0000 0a00", false, {"Hello Option Length - Remaining: -2 Expected: 4"}, ""},
+      {"001f 0004 0000 0001", false, {"Interface Identifier Option Size - Received Value: 4"}, ""},
+      {"001f 0008 0000 0001", false, {"Hello Option Length - Remaining: -4 Expected: 4"}, ""},
   };
+  // clang-format on
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.options);
     clear();
     Kel::Ptr<HelloMessage> h;
     const Bytes options = hex(c.options);
     EXPECT_EQ(read(options, h), c.ok ? options.size() + 4 : 0u);
-    EXPECT_EQ(errors(), c.errors);
-    EXPECT_EQ(warnings(), c.warnings);
+    std::vector<std::string> want;
+    for (const auto& e : c.errors) want.push_back(e.starts_with("Invalid ") ? e : kHello + e);
+    EXPECT_EQ(errors(), want);
+    EXPECT_EQ(warnings(),
+              c.warning.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.warning});
   }
 }
 
@@ -347,40 +336,9 @@ TEST_F(HelloReadTest, RealRouterHellos) {
 
 TEST(HelloRoundTrip, EveryCombinationOfOptions) {
   for (bool v6 : {false, true}) {
-    for (unsigned mask = 0; mask < (1u << 9); ++mask) {
+    for (unsigned mask = 0; mask <= kAllOptions; ++mask) {
       auto tx = hello(v6);
-      auto bit = [mask](unsigned i) { return (mask >> i & 1u) != 0; };
-      // Values only where the option is on: a reader leaves absent options at zero.
-      tx->holdTimeOptionIs(bit(0));
-      tx->holdTimeIs(bit(0) ? static_cast<std::uint16_t>(mask * 7) : 0);
-      tx->lanPruneDelayOptionIs(bit(1));
-      if (bit(1)) {
-        tx->tBitIs(mask & 0x10);
-        tx->propagationDelayIs(Delay(static_cast<std::uint16_t>(mask * 61 % 32768)));
-        tx->overrideIntervalIs(static_cast<std::uint16_t>(mask * 3));
-      }
-      tx->drPriorityOptionIs(bit(2));
-      tx->drPriorityIs(bit(2) ? mask * 0x01010101u : 0);
-      tx->generationIdOptionIs(bit(3));
-      tx->generationIdIs(bit(3) ? ~mask : 0);
-      tx->bidirectionalCapableIs(bit(4));
-      if (bit(5)) {
-        for (unsigned i = 0; i < 1 + mask % 5; ++i) {
-          tx->secondaryAddrIs(v6 ? Nimo::IpGenAddr(fmt::format("2001:db8::{:x}", i + 1))
-                                 : Nimo::IpGenAddr::v4(0x0a000001 + i),
-                              true);
-        }
-      }
-      const Nimo::IpGenAddr conn =
-          v6 ? Nimo::IpGenAddr("2001:db8::aa") : Nimo::IpGenAddr("10.9.9.9");
-      tx->tcpConnectionOptionIs(bit(6));
-      tx->tcpConnectionIdIs(bit(6) ? conn : Nimo::IpGenAddr());
-      tx->sctpConnectionOptionIs(bit(7));
-      tx->sctpConnectionIdIs(bit(7) ? conn : Nimo::IpGenAddr());
-      tx->interfaceIdOptionIs(bit(8));
-      tx->routerIdIs(bit(8) ? mask : 0);
-      tx->interfaceIdIs(bit(8) ? mask + 1 : 0);
-
+      setOptions(*tx, mask, mask, v6);
       auto p = Nimo::Pkt::create(600);
       const std::uint32_t n = tx->writeHelloMessage(p, 0);
       ASSERT_GT(n, 0u) << mask;
@@ -397,43 +355,28 @@ class HelloWriteTest : public TraceTest {};
 // With one byte less than an option needs, the write fails with that option's text.
 TEST_F(HelloWriteTest, SpaceChecksPerOption) {
   struct Case {
-    const char* name;
-    void (*fill)(HelloMessage&);
+    unsigned option;
     std::uint32_t room;  // one byte short; one more byte makes the write succeed
     std::string error;
   };
   const Case cases[] = {
-      {"header", [](HelloMessage&) {}, 3,
-       "Invalid Pim Hello - Header - Unavailable Space - Remaining: 3"},
-      {"holdtime", [](HelloMessage& h) { h.holdTimeOptionIs(true); }, 9,
+      {0, 3, "Invalid Pim Hello - Header - Unavailable Space - Remaining: 3"},
+      {kHold, 9,
        "Invalid Pim Hello - Holdtime Option - Unavailable Space - Remaining: 5 Expected: 6"},
-      {"lan prune delay", [](HelloMessage& h) { h.lanPruneDelayOptionIs(true); }, 11,
-       "Invalid Pim Hello - Lan Prune Delay Option - Unavailable Space - Remaining: 7"},
-      {"dr priority", [](HelloMessage& h) { h.drPriorityOptionIs(true); }, 11,
-       "Invalid Pim Hello - Dr Priority Option - Unavailable Space - Remaining: 7"},
-      {"generation id", [](HelloMessage& h) { h.generationIdOptionIs(true); }, 11,
-       "Invalid Pim Hello - Generation Id Option - Unavailable Space - Remaining: 7"},
-      {"bidir", [](HelloMessage& h) { h.bidirectionalCapableIs(true); }, 7,
+      {kLpd, 11, "Invalid Pim Hello - Lan Prune Delay Option - Unavailable Space - Remaining: 7"},
+      {kDr, 11, "Invalid Pim Hello - Dr Priority Option - Unavailable Space - Remaining: 7"},
+      {kGen, 11, "Invalid Pim Hello - Generation Id Option - Unavailable Space - Remaining: 7"},
+      {kBidir, 7,
        "Invalid Pim Hello - Bidirectional Capable Option - Unavailable Space - Remaining: 3"},
-      {"tcp",
-       [](HelloMessage& h) {
-         h.tcpConnectionOptionIs(true);
-         h.tcpConnectionIdIs(Nimo::IpGenAddr("10.0.0.1"));
-       },
-       15, "Invalid Pim Hello - TCP capable  Option - Unavailable Space - Remaining: 11"},
-      {"sctp",
-       [](HelloMessage& h) {
-         h.sctpConnectionOptionIs(true);
-         h.sctpConnectionIdIs(Nimo::IpGenAddr("10.0.0.1"));
-       },
-       15, "Invalid Pim Hello - STCP capable  Option - Unavailable Space - Remaining: 11"},
-      {"interface id", [](HelloMessage& h) { h.interfaceIdOptionIs(true); }, 15,
+      {kTcp, 15, "Invalid Pim Hello - TCP capable  Option - Unavailable Space - Remaining: 11"},
+      {kSctp, 15, "Invalid Pim Hello - STCP capable  Option - Unavailable Space - Remaining: 11"},
+      {kIfId, 15,
        "Invalid Pim Hello - InterfaceId Option - Unavailable Space - Remaining: 11 Expected: 12"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.error);
     auto h = hello(false);
-    c.fill(*h);
+    setOptions(*h, c.option, 1, false);
     clear();
     EXPECT_EQ(h->writeHelloMessage(Nimo::Pkt::create(c.room), 0), 0u);
     EXPECT_THAT(errors(), ElementsAre(c.error));
