@@ -137,11 +137,6 @@ const Flicklog::LogMessage PIMBSR_CRPADV_ZONE_SET{
     "In order to not see this message remove Candidate-RP configuration from the multicast "
     "boundary router."};
 
-Flicklog::Facility& codecTrace() noexcept {
-  static Flicklog::Facility& f = Flicklog::facility("Pim::Packet");
-  return f;
-}
-
 // ---------------------------------------------------------------------------------------
 // Message
 

@@ -47,8 +47,11 @@ namespace Routing::Pim::Packet {
 using MessageType = std::uint8_t;     // the PIM type number, low nibble of the first byte
 using MessageSubtype = std::uint8_t;  // subtype of the types that have one; 255: none
 
-// The codec's trace facility, "Pim::Packet".
-Flicklog::Facility& codecTrace() noexcept;
+// The codec's trace facility, "Pim::Packet". Inline: every trace site tests its level.
+inline Flicklog::Facility& codecTrace() noexcept {
+  static Flicklog::Facility& f = Flicklog::facility("Pim::Packet");
+  return f;
+}
 
 // System log messages defined with the codec; the I/O layer and the bootstrap-router logic
 // emit them with Flicklog::logMessage(msg, args...).

@@ -7,6 +7,8 @@
 //                                  context, a plain 16-bit-word loop)
 //   Hello read, tracing on         the same read with the codec facility at level 0
 //                                  (lines formatted into a discarding sink)
+//   16 disabled trace sites        the same loop without them: what tracing off costs
+//                                  per read (a Hello read passes about that many)
 //
 // A read includes making the message object, as the receive path does per packet. Every
 // other figure runs with tracing off (level 0), so the on/off ratio says what the level
@@ -31,6 +33,21 @@
 namespace {
 
 using Routing::Pim::Packet::HelloMessage;
+
+// Sixteen trace sites at a disabled level, with arguments that would need formatting,
+// against the same loop without them.
+template <bool kWithTrace>
+void traceSites(benchmark::State& state) {
+  auto& f = Flicklog::facility("CodecBench::Off");
+  f.levelIs(0);
+  const Nimo::IpGenAddr a("10.0.0.1");
+  for (auto _ : state) {
+    for (int i = 0; i < 16; ++i) {
+      if constexpr (kWithTrace) FLICK_TRACE(f, 4, "site {} address {}", i, a);
+      benchmark::ClobberMemory();
+    }
+  }
+}
 
 // ---------------------------------------------------------------------------------------
 // Inputs
@@ -211,6 +228,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
         {"Checksum1500/Plain16", "Checksum1500/Reference64"},
         {"ReadHello/IPv4/TraceOn", "ReadHello/IPv4"},
         {"ReadHello/IPv6/TraceOn", "ReadHello/IPv6"},
+        {"Trace/16SitesOff", "Trace/16SitesAbsent"},
     };
     std::printf("\n%-26s %10s   %-26s %10s %8s\n", "figure", "ns/op", "baseline", "ns/op", "ratio");
     for (auto [figure, baseline] : kPairs) {
@@ -253,6 +271,8 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("Checksum1500/Nimo", checksum<nimoSum>);
   benchmark::RegisterBenchmark("Checksum1500/Reference64", checksum<ref64>);
   benchmark::RegisterBenchmark("Checksum1500/Plain16", checksum<ref16>);
+  benchmark::RegisterBenchmark("Trace/16SitesOff", traceSites<true>);
+  benchmark::RegisterBenchmark("Trace/16SitesAbsent", traceSites<false>);
 
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
