@@ -46,81 +46,9 @@ std::string Status::mountPath(Nimo::AddressFamily af, const L3::VrfName& vrf) {
 }
 
 Status::Status(Kel::Name name)
-    : Kel::Entity(std::move(name)),
-      pimIntf_("pimIntf", dispatch<Nimo::IntfId>(
-                              [](NotifieeConst& n, const Nimo::IntfId& k) { n.onPimIntf(k); },
-                              [](NotifieeConst& n) { n.onPimIntf(); },
-                              [](NotifieeConst& n, bool m) { n.onPimIntfMountStatus(m); })),
-      neighbor_("neighbor", dispatch<NeighborKey>(
-                                [](NotifieeConst& n, const NeighborKey& k) { n.onNeighbor(k); },
-                                [](NotifieeConst& n) { n.onNeighbor(); },
-                                [](NotifieeConst& n, bool m) { n.onNeighborMountStatus(m); })),
-      inactiveNeighbor_("inactiveNeighbor",
-                        dispatch<NeighborKey>(
-                            [](NotifieeConst& n, const NeighborKey& k) { n.onInactiveNeighbor(k); },
-                            [](NotifieeConst& n) { n.onInactiveNeighbor(); },
-                            [](NotifieeConst& n, bool m) { n.onInactiveNeighborMountStatus(m); })),
-      intfSecondaryAddress_(
-          "intfSecondaryAddress",
-          dispatch<IntfSecondaryAddressKey>(
-              [](NotifieeConst& n, const IntfSecondaryAddressKey& k) {
-                n.onIntfSecondaryAddress(k);
-              },
-              [](NotifieeConst& n) { n.onIntfSecondaryAddress(); },
-              [](NotifieeConst& n, bool m) { n.onIntfSecondaryAddressMountStatus(m); })),
-      intfSecondaryPrefix_(
-          "intfSecondaryPrefix",
-          dispatch<IntfSecondaryPrefixKey>(
-              [](NotifieeConst& n, const IntfSecondaryPrefixKey& k) { n.onIntfSecondaryPrefix(k); },
-              [](NotifieeConst& n) { n.onIntfSecondaryPrefix(); },
-              [](NotifieeConst& n, bool m) { n.onIntfSecondaryPrefixMountStatus(m); })),
-      neighborSecondaryAddress_(
-          "neighborSecondaryAddress",
-          dispatch<NeighborSecondaryAddressKey>(
-              [](NotifieeConst& n, const NeighborSecondaryAddressKey& k) {
-                n.onNeighborSecondaryAddress(k);
-              },
-              [](NotifieeConst& n) { n.onNeighborSecondaryAddress(); },
-              [](NotifieeConst& n, bool m) { n.onNeighborSecondaryAddressMountStatus(m); })) {}
-
-bool Status::mountWriter() {
-  const ::Drobe::TableSet set(name().str(), writerMountInfo());
-  const bool ok = pimIntf_.mountWriter(set) && neighbor_.mountWriter(set) &&
-                  inactiveNeighbor_.mountWriter(set) && intfSecondaryAddress_.mountWriter(set) &&
-                  intfSecondaryPrefix_.mountWriter(set) &&
-                  neighborSecondaryAddress_.mountWriter(set);
-  if (!ok) unmount();
-  return ok;
-}
-
-void Status::mountReader(Ulm::EventLoop& loop) {
-  const ::Drobe::TableSet set(name().str());
-  pimIntf_.mountReader(loop, set);
-  neighbor_.mountReader(loop, set);
-  inactiveNeighbor_.mountReader(loop, set);
-  intfSecondaryAddress_.mountReader(loop, set);
-  intfSecondaryPrefix_.mountReader(loop, set);
-  neighborSecondaryAddress_.mountReader(loop, set);
-}
-
-void Status::unmount() {
-  // Dependants first.
-  neighborSecondaryAddress_.unmount();
-  intfSecondaryPrefix_.unmount();
-  intfSecondaryAddress_.unmount();
-  inactiveNeighbor_.unmount();
-  neighbor_.unmount();
-  pimIntf_.unmount();
-}
-
-void Status::commit() {
-  pimIntf_.commit();
-  neighbor_.commit();
-  inactiveNeighbor_.commit();
-  intfSecondaryAddress_.commit();
-  intfSecondaryPrefix_.commit();
-  neighborSecondaryAddress_.commit();
-}
+    : StatusTables(std::move(name), writerMountInfo(), "pimIntf",
+                   {&NotifieeConst::onPimIntf, &NotifieeConst::onPimIntf,
+                    &NotifieeConst::onPimIntfMountStatus}) {}
 
 Kel::Ptr<Status> statusFactory(const Kel::Name& name) { return Kel::Ptr<Status>::make(name); }
 
@@ -144,11 +72,10 @@ std::string MessageCounters::mountPath(Nimo::AddressFamily af, const L3::VrfName
 
 MessageCounters::MessageCounters(Kel::Name name)
     : Kel::Entity(std::move(name)),
-      msgCounter_(
-          "msgCounter",
-          dispatch<CounterKey>([](NotifieeConst& n, const CounterKey& k) { n.onMsgCounter(k); },
-                               [](NotifieeConst& n) { n.onMsgCounter(); },
-                               [](NotifieeConst& n, bool m) { n.onMsgCounterMountStatus(m); })) {}
+      msgCounter_("msgCounter",
+                  DrobeDetail::dispatchTo<CounterKey>(
+                      notifiees_, {&NotifieeConst::onMsgCounter, &NotifieeConst::onMsgCounter,
+                                   &NotifieeConst::onMsgCounterMountStatus})) {}
 
 bool MessageCounters::mountWriter() {
   return msgCounter_.mountWriter(::Drobe::TableSet(name().str(), writerMountInfo()));

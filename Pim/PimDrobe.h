@@ -23,6 +23,11 @@
 // setter changes something (a setter that changes nothing notifies nothing); a reader
 // calls them from its event loop when the writer's commits arrive.
 //
+// Status and IntfStatus (PimDrobeIntf.h) differ only in their keys, their interface
+// collection and their capacities: they share one body (DrobeDetail::StatusTables), and
+// every collection's operations and handlers are declared by one macro each
+// (PIM_DROBE_COLLECTION, PIM_DROBE_HANDLERS), so that all collections spell them alike.
+//
 // Writers keep the tables consistent in dependency order: an interface before its
 // neighbours and secondary addresses, a neighbour before its secondary addresses and its
 // inactiveNeighbor entry; removal the other way. commit() commits in dependency order;
@@ -235,11 +240,195 @@ class Collection {
   Watch watch_;
 };
 
+// The generated-style operations of collection `name`, held in member `table` (a
+// Collection<Key, Value>): the list in the header comment, and nameTable() for tools.
+#define PIM_DROBE_COLLECTION(name, table, Key, Value)                                       \
+  std::optional<Value> name(const Key& k) const { return table.find(k); }                   \
+  bool name##Is(const Value& v) { return table.is(v); }                                     \
+  bool name##Del(const Key& k) { return table.del(k); }                                     \
+  void name##DelAll() { table.delAll(); }                                                   \
+  void name##Commit() { table.commit(); }                                                   \
+  void name##Notify(const Key& k) { table.notify(k); }                                      \
+  void name##NotifyCollection() { table.notifyCollection(); }                               \
+  void name##NotifyMountStatus(bool mounted) { table.notifyMountStatus(mounted); }          \
+  template <typename F>                                                                     \
+  void name##ForEach(F&& fn) const {                                                        \
+    table.forEach(std::forward<F>(fn));                                                     \
+  }                                                                                         \
+  std::uint32_t name##Size() const { return table.size(); }                                 \
+  const ::Routing::Pim::DrobeDetail::Collection<Key, Value>& name##Table() const noexcept { \
+    return table;                                                                           \
+  }
+
+// A notifiee's three handlers of collection Name: a key changed, the whole collection
+// changed, the table (dis)appeared.
+#define PIM_DROBE_HANDLERS(Name, Key)  \
+  virtual void on##Name(const Key&) {} \
+  virtual void on##Name() {}           \
+  virtual void on##Name##MountStatus(bool) {}
+
+// The handlers of one collection in notifiee N, by member pointer.
+template <typename N, typename K>
+struct Handlers {
+  void (N::*key)(const K&);
+  void (N::*all)();
+  void (N::*mount)(bool);
+};
+
+// A collection's events reach handlers h of every notifiee in list.
+template <typename K, typename N>
+Dispatch<K> dispatchTo(Kel::NotifieeList<N>& list, Handlers<N, K> h) {
+  return {[&list, h](const K& k) { list.forEach([&](N& n) { (n.*h.key)(k); }); },
+          [&list, h] { list.forEach([&](N& n) { (n.*h.all)(); }); },
+          [&list, h](bool m) { list.forEach([&](N& n) { (n.*h.mount)(m); }); }};
+}
+
+// The notifiee handlers of the five collections that both status containers hold beside
+// their interface collection; each container's NotifieeConst adds the interface's. E is
+// the container, N its NotifieeConst, T its generation's StatusTypes.
+template <typename E, typename N, typename T>
+class StatusHandlers : public Kel::BaseNotifiee<E, N> {
+ public:
+  PIM_DROBE_HANDLERS(Neighbor, typename T::NeighborKey)
+  PIM_DROBE_HANDLERS(InactiveNeighbor, typename T::NeighborKey)
+  PIM_DROBE_HANDLERS(IntfSecondaryAddress, typename T::IntfSecondaryAddressKey)
+  PIM_DROBE_HANDLERS(IntfSecondaryPrefix, typename T::IntfSecondaryPrefixKey)
+  PIM_DROBE_HANDLERS(NeighborSecondaryAddress, typename T::NeighborSecondaryAddressKey)
+};
+
+// The body of both status containers (Drobe::Status, IntfNghbr::Drobe::IntfStatus): the
+// notifiee list and the six collections, mounted, committed and unmounted together in
+// dependency order. The container names its interface collection (pimIntf, intf) and
+// declares that collection's operations; the other five are declared here. N is the
+// container's NotifieeConst, T its generation's StatusTypes.
+template <typename N, typename T>
+class StatusTables : public Kel::Entity {
+ public:
+  using NotifieeConst = N;
+  void notifieeAdd(N* n) { notifiees_.add(n); }
+  void notifieeRemove(N* n) { notifiees_.remove(n); }
+
+  // Mounts every collection in dependency order as the writer; false (nothing mounted)
+  // if one cannot be created, e.g. because another live process writes it.
+  bool mountWriter() {
+    const ::Drobe::TableSet set(name().str(), writerInfo_);
+    const bool ok = intf_.mountWriter(set) && neighbor_.mountWriter(set) &&
+                    inactiveNeighbor_.mountWriter(set) && intfSecondaryAddress_.mountWriter(set) &&
+                    intfSecondaryPrefix_.mountWriter(set) &&
+                    neighborSecondaryAddress_.mountWriter(set);
+    if (!ok) unmount();
+    return ok;
+  }
+  // Mounts every collection in dependency order for reading on loop; the notifiees learn
+  // of each table's availability through the MountStatus handlers.
+  void mountReader(Ulm::EventLoop& loop) {
+    const ::Drobe::TableSet set(name().str());
+    intf_.mountReader(loop, set);
+    neighbor_.mountReader(loop, set);
+    inactiveNeighbor_.mountReader(loop, set);
+    intfSecondaryAddress_.mountReader(loop, set);
+    intfSecondaryPrefix_.mountReader(loop, set);
+    neighborSecondaryAddress_.mountReader(loop, set);
+  }
+  void unmount() {
+    // Dependants first.
+    neighborSecondaryAddress_.unmount();
+    intfSecondaryPrefix_.unmount();
+    intfSecondaryAddress_.unmount();
+    inactiveNeighbor_.unmount();
+    neighbor_.unmount();
+    intf_.unmount();
+  }
+  bool writable() const noexcept { return intf_.writable(); }
+  // Commits every collection, in dependency order.
+  void commit() {
+    intf_.commit();
+    neighbor_.commit();
+    inactiveNeighbor_.commit();
+    intfSecondaryAddress_.commit();
+    intfSecondaryPrefix_.commit();
+    neighborSecondaryAddress_.commit();
+  }
+
+  // neighbor: Neighbor by NeighborKey.
+  PIM_DROBE_COLLECTION(neighbor, neighbor_, typename T::NeighborKey, typename T::Neighbor)
+  // inactiveNeighbor: NeighborRef by NeighborKey.
+  PIM_DROBE_COLLECTION(inactiveNeighbor, inactiveNeighbor_, typename T::NeighborKey,
+                       typename T::NeighborRef)
+  // intfSecondaryAddress: IntfSecondaryAddress by IntfSecondaryAddressKey.
+  PIM_DROBE_COLLECTION(intfSecondaryAddress, intfSecondaryAddress_,
+                       typename T::IntfSecondaryAddressKey, typename T::IntfSecondaryAddress)
+  // intfSecondaryPrefix: IntfSecondaryPrefix by IntfSecondaryPrefixKey.
+  PIM_DROBE_COLLECTION(intfSecondaryPrefix, intfSecondaryPrefix_,
+                       typename T::IntfSecondaryPrefixKey, typename T::IntfSecondaryPrefix)
+  // neighborSecondaryAddress: NeighborSecondaryAddress by NeighborSecondaryAddressKey.
+  PIM_DROBE_COLLECTION(neighborSecondaryAddress, neighborSecondaryAddress_,
+                       typename T::NeighborSecondaryAddressKey,
+                       typename T::NeighborSecondaryAddress)
+
+ protected:
+  // writerInfo lists the six collections in dependency order, the interface collection
+  // (intfName, reported through onIntf) first.
+  StatusTables(Kel::Name name, ::Drobe::MountInfo writerInfo, std::string_view intfName,
+               Handlers<N, typename T::IntfKey> onIntf)
+      : Kel::Entity(std::move(name)),
+        writerInfo_(std::move(writerInfo)),
+        intf_(intfName, dispatchTo(notifiees_, onIntf)),
+        neighbor_("neighbor",
+                  dispatchTo<typename T::NeighborKey>(
+                      notifiees_, {&N::onNeighbor, &N::onNeighbor, &N::onNeighborMountStatus})),
+        inactiveNeighbor_("inactiveNeighbor",
+                          dispatchTo<typename T::NeighborKey>(
+                              notifiees_, {&N::onInactiveNeighbor, &N::onInactiveNeighbor,
+                                           &N::onInactiveNeighborMountStatus})),
+        intfSecondaryAddress_(
+            "intfSecondaryAddress",
+            dispatchTo<typename T::IntfSecondaryAddressKey>(
+                notifiees_, {&N::onIntfSecondaryAddress, &N::onIntfSecondaryAddress,
+                             &N::onIntfSecondaryAddressMountStatus})),
+        intfSecondaryPrefix_("intfSecondaryPrefix",
+                             dispatchTo<typename T::IntfSecondaryPrefixKey>(
+                                 notifiees_, {&N::onIntfSecondaryPrefix, &N::onIntfSecondaryPrefix,
+                                              &N::onIntfSecondaryPrefixMountStatus})),
+        neighborSecondaryAddress_(
+            "neighborSecondaryAddress",
+            dispatchTo<typename T::NeighborSecondaryAddressKey>(
+                notifiees_, {&N::onNeighborSecondaryAddress, &N::onNeighborSecondaryAddress,
+                             &N::onNeighborSecondaryAddressMountStatus})) {}
+
+ private:
+  // Declared first: the collections' dispatch refers to it.
+  Kel::NotifieeList<N> notifiees_;
+  ::Drobe::MountInfo writerInfo_;
+
+ protected:
+  Collection<typename T::IntfKey, typename T::Intf> intf_;
+
+ private:
+  Collection<typename T::NeighborKey, typename T::Neighbor> neighbor_;
+  Collection<typename T::NeighborKey, typename T::NeighborRef> inactiveNeighbor_;
+  Collection<typename T::IntfSecondaryAddressKey, typename T::IntfSecondaryAddress>
+      intfSecondaryAddress_;
+  Collection<typename T::IntfSecondaryPrefixKey, typename T::IntfSecondaryPrefix>
+      intfSecondaryPrefix_;
+  Collection<typename T::NeighborSecondaryAddressKey, typename T::NeighborSecondaryAddress>
+      neighborSecondaryAddress_;
+};
+
 }  // namespace Routing::Pim::DrobeDetail
 
 namespace Routing::Pim::Drobe {
 
-class Status : public Kel::Entity {
+class Status;
+
+// Status::NotifieeConst. Declared ahead of Status, unlike a nested class, so that the
+// shared body can hold the list of them.
+class StatusNotifiee : public DrobeDetail::StatusHandlers<Status, StatusNotifiee, StatusTypes> {
+ public:
+  PIM_DROBE_HANDLERS(PimIntf, Nimo::IntfId)
+};
+
+class Status : public DrobeDetail::StatusTables<StatusNotifiee, StatusTypes> {
  public:
   static constexpr std::string_view kTypeName = "Routing::Pim::Drobe::Status";
   static constexpr std::uint32_t kPimIntfCapacity = 2048;
@@ -254,198 +443,11 @@ class Status : public Kel::Entity {
   // The six collections with their capacities, in dependency order.
   static ::Drobe::MountInfo writerMountInfo();
 
-  class NotifieeConst : public Kel::BaseNotifiee<Status, NotifieeConst> {
-   public:
-    virtual void onPimIntf(const Nimo::IntfId&) {}
-    virtual void onPimIntf() {}
-    virtual void onPimIntfMountStatus(bool) {}
-    virtual void onNeighbor(const NeighborKey&) {}
-    virtual void onNeighbor() {}
-    virtual void onNeighborMountStatus(bool) {}
-    virtual void onInactiveNeighbor(const NeighborKey&) {}
-    virtual void onInactiveNeighbor() {}
-    virtual void onInactiveNeighborMountStatus(bool) {}
-    virtual void onIntfSecondaryAddress(const IntfSecondaryAddressKey&) {}
-    virtual void onIntfSecondaryAddress() {}
-    virtual void onIntfSecondaryAddressMountStatus(bool) {}
-    virtual void onIntfSecondaryPrefix(const IntfSecondaryPrefixKey&) {}
-    virtual void onIntfSecondaryPrefix() {}
-    virtual void onIntfSecondaryPrefixMountStatus(bool) {}
-    virtual void onNeighborSecondaryAddress(const NeighborSecondaryAddressKey&) {}
-    virtual void onNeighborSecondaryAddress() {}
-    virtual void onNeighborSecondaryAddressMountStatus(bool) {}
-  };
-  void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
-  void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
-
   // The name is the mount path.
   explicit Status(Kel::Name name);
 
-  // Mounts every collection in dependency order as the writer; false (nothing mounted)
-  // if one cannot be created, e.g. because another live process writes it.
-  bool mountWriter();
-  // Mounts every collection in dependency order for reading on loop; the notifiees learn
-  // of each table's availability through the MountStatus handlers.
-  void mountReader(Ulm::EventLoop& loop);
-  void unmount();
-  bool writable() const noexcept { return pimIntf_.writable(); }
-  // Commits every collection, in dependency order.
-  void commit();
-
   // pimIntf: Intf by Nimo::IntfId.
-  std::optional<Intf> pimIntf(const Nimo::IntfId& k) const { return pimIntf_.find(k); }
-  bool pimIntfIs(const Intf& v) { return pimIntf_.is(v); }
-  bool pimIntfDel(const Nimo::IntfId& k) { return pimIntf_.del(k); }
-  void pimIntfDelAll() { pimIntf_.delAll(); }
-  void pimIntfCommit() { pimIntf_.commit(); }
-  void pimIntfNotify(const Nimo::IntfId& k) { pimIntf_.notify(k); }
-  void pimIntfNotifyCollection() { pimIntf_.notifyCollection(); }
-  void pimIntfNotifyMountStatus(bool mounted) { pimIntf_.notifyMountStatus(mounted); }
-  template <typename F>
-  void pimIntfForEach(F&& fn) const {
-    pimIntf_.forEach(std::forward<F>(fn));
-  }
-  std::uint32_t pimIntfSize() const { return pimIntf_.size(); }
-  const DrobeDetail::Collection<Nimo::IntfId, Intf>& pimIntfTable() const noexcept {
-    return pimIntf_;
-  }
-  // neighbor: Neighbor by NeighborKey.
-  std::optional<Neighbor> neighbor(const NeighborKey& k) const { return neighbor_.find(k); }
-  bool neighborIs(const Neighbor& v) { return neighbor_.is(v); }
-  bool neighborDel(const NeighborKey& k) { return neighbor_.del(k); }
-  void neighborDelAll() { neighbor_.delAll(); }
-  void neighborCommit() { neighbor_.commit(); }
-  void neighborNotify(const NeighborKey& k) { neighbor_.notify(k); }
-  void neighborNotifyCollection() { neighbor_.notifyCollection(); }
-  void neighborNotifyMountStatus(bool mounted) { neighbor_.notifyMountStatus(mounted); }
-  template <typename F>
-  void neighborForEach(F&& fn) const {
-    neighbor_.forEach(std::forward<F>(fn));
-  }
-  std::uint32_t neighborSize() const { return neighbor_.size(); }
-  const DrobeDetail::Collection<NeighborKey, Neighbor>& neighborTable() const noexcept {
-    return neighbor_;
-  }
-  // inactiveNeighbor: NeighborRef by NeighborKey.
-  std::optional<NeighborRef> inactiveNeighbor(const NeighborKey& k) const {
-    return inactiveNeighbor_.find(k);
-  }
-  bool inactiveNeighborIs(const NeighborRef& v) { return inactiveNeighbor_.is(v); }
-  bool inactiveNeighborDel(const NeighborKey& k) { return inactiveNeighbor_.del(k); }
-  void inactiveNeighborDelAll() { inactiveNeighbor_.delAll(); }
-  void inactiveNeighborCommit() { inactiveNeighbor_.commit(); }
-  void inactiveNeighborNotify(const NeighborKey& k) { inactiveNeighbor_.notify(k); }
-  void inactiveNeighborNotifyCollection() { inactiveNeighbor_.notifyCollection(); }
-  void inactiveNeighborNotifyMountStatus(bool mounted) {
-    inactiveNeighbor_.notifyMountStatus(mounted);
-  }
-  template <typename F>
-  void inactiveNeighborForEach(F&& fn) const {
-    inactiveNeighbor_.forEach(std::forward<F>(fn));
-  }
-  std::uint32_t inactiveNeighborSize() const { return inactiveNeighbor_.size(); }
-  const DrobeDetail::Collection<NeighborKey, NeighborRef>& inactiveNeighborTable() const noexcept {
-    return inactiveNeighbor_;
-  }
-  // intfSecondaryAddress: IntfSecondaryAddress by IntfSecondaryAddressKey.
-  std::optional<IntfSecondaryAddress> intfSecondaryAddress(const IntfSecondaryAddressKey& k) const {
-    return intfSecondaryAddress_.find(k);
-  }
-  bool intfSecondaryAddressIs(const IntfSecondaryAddress& v) { return intfSecondaryAddress_.is(v); }
-  bool intfSecondaryAddressDel(const IntfSecondaryAddressKey& k) {
-    return intfSecondaryAddress_.del(k);
-  }
-  void intfSecondaryAddressDelAll() { intfSecondaryAddress_.delAll(); }
-  void intfSecondaryAddressCommit() { intfSecondaryAddress_.commit(); }
-  void intfSecondaryAddressNotify(const IntfSecondaryAddressKey& k) {
-    intfSecondaryAddress_.notify(k);
-  }
-  void intfSecondaryAddressNotifyCollection() { intfSecondaryAddress_.notifyCollection(); }
-  void intfSecondaryAddressNotifyMountStatus(bool mounted) {
-    intfSecondaryAddress_.notifyMountStatus(mounted);
-  }
-  template <typename F>
-  void intfSecondaryAddressForEach(F&& fn) const {
-    intfSecondaryAddress_.forEach(std::forward<F>(fn));
-  }
-  std::uint32_t intfSecondaryAddressSize() const { return intfSecondaryAddress_.size(); }
-  const DrobeDetail::Collection<IntfSecondaryAddressKey, IntfSecondaryAddress>&
-  intfSecondaryAddressTable() const noexcept {
-    return intfSecondaryAddress_;
-  }
-  // intfSecondaryPrefix: IntfSecondaryPrefix by IntfSecondaryPrefixKey.
-  std::optional<IntfSecondaryPrefix> intfSecondaryPrefix(const IntfSecondaryPrefixKey& k) const {
-    return intfSecondaryPrefix_.find(k);
-  }
-  bool intfSecondaryPrefixIs(const IntfSecondaryPrefix& v) { return intfSecondaryPrefix_.is(v); }
-  bool intfSecondaryPrefixDel(const IntfSecondaryPrefixKey& k) {
-    return intfSecondaryPrefix_.del(k);
-  }
-  void intfSecondaryPrefixDelAll() { intfSecondaryPrefix_.delAll(); }
-  void intfSecondaryPrefixCommit() { intfSecondaryPrefix_.commit(); }
-  void intfSecondaryPrefixNotify(const IntfSecondaryPrefixKey& k) {
-    intfSecondaryPrefix_.notify(k);
-  }
-  void intfSecondaryPrefixNotifyCollection() { intfSecondaryPrefix_.notifyCollection(); }
-  void intfSecondaryPrefixNotifyMountStatus(bool mounted) {
-    intfSecondaryPrefix_.notifyMountStatus(mounted);
-  }
-  template <typename F>
-  void intfSecondaryPrefixForEach(F&& fn) const {
-    intfSecondaryPrefix_.forEach(std::forward<F>(fn));
-  }
-  std::uint32_t intfSecondaryPrefixSize() const { return intfSecondaryPrefix_.size(); }
-  const DrobeDetail::Collection<IntfSecondaryPrefixKey, IntfSecondaryPrefix>&
-  intfSecondaryPrefixTable() const noexcept {
-    return intfSecondaryPrefix_;
-  }
-  // neighborSecondaryAddress: NeighborSecondaryAddress by NeighborSecondaryAddressKey.
-  std::optional<NeighborSecondaryAddress> neighborSecondaryAddress(
-      const NeighborSecondaryAddressKey& k) const {
-    return neighborSecondaryAddress_.find(k);
-  }
-  bool neighborSecondaryAddressIs(const NeighborSecondaryAddress& v) {
-    return neighborSecondaryAddress_.is(v);
-  }
-  bool neighborSecondaryAddressDel(const NeighborSecondaryAddressKey& k) {
-    return neighborSecondaryAddress_.del(k);
-  }
-  void neighborSecondaryAddressDelAll() { neighborSecondaryAddress_.delAll(); }
-  void neighborSecondaryAddressCommit() { neighborSecondaryAddress_.commit(); }
-  void neighborSecondaryAddressNotify(const NeighborSecondaryAddressKey& k) {
-    neighborSecondaryAddress_.notify(k);
-  }
-  void neighborSecondaryAddressNotifyCollection() { neighborSecondaryAddress_.notifyCollection(); }
-  void neighborSecondaryAddressNotifyMountStatus(bool mounted) {
-    neighborSecondaryAddress_.notifyMountStatus(mounted);
-  }
-  template <typename F>
-  void neighborSecondaryAddressForEach(F&& fn) const {
-    neighborSecondaryAddress_.forEach(std::forward<F>(fn));
-  }
-  std::uint32_t neighborSecondaryAddressSize() const { return neighborSecondaryAddress_.size(); }
-  const DrobeDetail::Collection<NeighborSecondaryAddressKey, NeighborSecondaryAddress>&
-  neighborSecondaryAddressTable() const noexcept {
-    return neighborSecondaryAddress_;
-  }
-
- private:
-  template <typename K, typename FK, typename FA, typename FM>
-  DrobeDetail::Dispatch<K> dispatch(FK onKey, FA onAll, FM onMount) {
-    return {
-        [this, onKey](const K& k) { notifiees_.forEach([&](NotifieeConst& n) { onKey(n, k); }); },
-        [this, onAll] { notifiees_.forEach([&](NotifieeConst& n) { onAll(n); }); },
-        [this, onMount](bool m) { notifiees_.forEach([&](NotifieeConst& n) { onMount(n, m); }); }};
-  }
-
-  Kel::NotifieeList<NotifieeConst> notifiees_;
-  DrobeDetail::Collection<Nimo::IntfId, Intf> pimIntf_;
-  DrobeDetail::Collection<NeighborKey, Neighbor> neighbor_;
-  DrobeDetail::Collection<NeighborKey, NeighborRef> inactiveNeighbor_;
-  DrobeDetail::Collection<IntfSecondaryAddressKey, IntfSecondaryAddress> intfSecondaryAddress_;
-  DrobeDetail::Collection<IntfSecondaryPrefixKey, IntfSecondaryPrefix> intfSecondaryPrefix_;
-  DrobeDetail::Collection<NeighborSecondaryAddressKey, NeighborSecondaryAddress>
-      neighborSecondaryAddress_;
+  PIM_DROBE_COLLECTION(pimIntf, intf_, Nimo::IntfId, Intf)
 };
 
 class MessageCounters : public Kel::Entity {
@@ -461,9 +463,7 @@ class MessageCounters : public Kel::Entity {
 
   class NotifieeConst : public Kel::BaseNotifiee<MessageCounters, NotifieeConst> {
    public:
-    virtual void onMsgCounter(const CounterKey&) {}
-    virtual void onMsgCounter() {}
-    virtual void onMsgCounterMountStatus(bool) {}
+    PIM_DROBE_HANDLERS(MsgCounter, CounterKey)
   };
   void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
   void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
@@ -477,24 +477,7 @@ class MessageCounters : public Kel::Entity {
   bool writable() const noexcept { return msgCounter_.writable(); }
 
   // msgCounter: MessageCounterData by CounterKey.
-  std::optional<MessageCounterData> msgCounter(const CounterKey& k) const {
-    return msgCounter_.find(k);
-  }
-  bool msgCounterIs(const MessageCounterData& v) { return msgCounter_.is(v); }
-  bool msgCounterDel(const CounterKey& k) { return msgCounter_.del(k); }
-  void msgCounterDelAll() { msgCounter_.delAll(); }
-  void msgCounterCommit() { msgCounter_.commit(); }
-  void msgCounterNotify(const CounterKey& k) { msgCounter_.notify(k); }
-  void msgCounterNotifyCollection() { msgCounter_.notifyCollection(); }
-  void msgCounterNotifyMountStatus(bool mounted) { msgCounter_.notifyMountStatus(mounted); }
-  template <typename F>
-  void msgCounterForEach(F&& fn) const {
-    msgCounter_.forEach(std::forward<F>(fn));
-  }
-  std::uint32_t msgCounterSize() const { return msgCounter_.size(); }
-  const DrobeDetail::Collection<CounterKey, MessageCounterData>& msgCounterTable() const noexcept {
-    return msgCounter_;
-  }
+  PIM_DROBE_COLLECTION(msgCounter, msgCounter_, CounterKey, MessageCounterData)
 
   // The counting rule: adds one to the count of type t in the rx or tx counter of k's
   // entry, starting from an all-zero entry when k has none (or its slot was corrupt).
@@ -502,14 +485,6 @@ class MessageCounters : public Kel::Entity {
   bool msgCounterInc(const CounterKey& k, IO::MessageCounterDirection d, IO::MessageCounterType t);
 
  private:
-  template <typename K, typename FK, typename FA, typename FM>
-  DrobeDetail::Dispatch<K> dispatch(FK onKey, FA onAll, FM onMount) {
-    return {
-        [this, onKey](const K& k) { notifiees_.forEach([&](NotifieeConst& n) { onKey(n, k); }); },
-        [this, onAll] { notifiees_.forEach([&](NotifieeConst& n) { onAll(n); }); },
-        [this, onMount](bool m) { notifiees_.forEach([&](NotifieeConst& n) { onMount(n, m); }); }};
-  }
-
   Kel::NotifieeList<NotifieeConst> notifiees_;
   DrobeDetail::Collection<CounterKey, MessageCounterData> msgCounter_;
 };

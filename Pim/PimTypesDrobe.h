@@ -9,6 +9,8 @@
 // Intf, Neighbor and the key-only records (NeighborRef, NeighborSecondaryAddress,
 // IntfSecondaryAddress, IntfSecondaryPrefix) are the same in both; they are written once
 // as templates over the key type (DrobeDetail) and named in each namespace by aliases.
+// The two-field keys (all but CounterKey) derive from one template, DrobeDetail::KeyPair,
+// which holds the fields, their text names, the order and the hash; each names its getters.
 //
 // Every key and record:
 // - is a plain, trivially copyable value (it is copied byte-wise into shared memory);
@@ -52,6 +54,7 @@
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 
 #include "Pim/PimReliableTypes.h"
 #include "Pim/platform/Kel.h"
@@ -155,6 +158,15 @@ constexpr std::uint32_t wangMix(std::uint32_t h) noexcept {
 constexpr std::uint32_t keyHash(std::uint32_t first, std::uint32_t second) noexcept {
   return wangMix(std::rotl(first, 8) ^ std::rotl(second, 16));
 }
+// A field's part in a key's hash: its own hash(), or the number itself.
+template <typename F>
+constexpr std::uint32_t fieldHash(const F& f) noexcept {
+  if constexpr (std::is_integral_v<F>) {
+    return static_cast<std::uint32_t>(f);
+  } else {
+    return f.hash();
+  }
+}
 
 // A record's full type name as a template argument, so that one template serves both
 // namespaces under their own names.
@@ -208,6 +220,38 @@ void appendHuman(std::string& out, const T& v) {
     appendStreamed(out, v);
   }
 }
+
+// A key of two fields, printed and parsed under the names FirstName and SecondName. Each
+// key class derives from it and names the two getters. Keys order field by field and hash as
+// keyHash of the fields' hashes, a number being its own hash.
+template <typename First, typename Second, TypeName Name, TypeName FirstName, TypeName SecondName>
+class KeyPair {
+ public:
+  KeyPair() noexcept = default;
+  KeyPair(const First& a, const Second& b) noexcept : first_(a), second_(b) {}
+  template <TextIterator It>
+  KeyPair(It begin, It end) {
+    parseText(begin, end, *this);
+  }
+
+  std::uint32_t hash() const noexcept { return keyHash(fieldHash(first_), fieldHash(second_)); }
+  bool operator!() const noexcept { return *this == KeyPair(); }
+  friend bool operator==(const KeyPair&, const KeyPair&) = default;
+  friend auto operator<=>(const KeyPair&, const KeyPair&) = default;
+
+ protected:
+  const First& first() const noexcept { return first_; }
+  const Second& second() const noexcept { return second_; }
+
+ private:
+  First first_{};
+  Second second_{};
+
+ public:
+  static constexpr std::string_view kTypeName = Name.view();
+  static constexpr auto kFields = std::make_tuple(Kel::field(FirstName.view(), &KeyPair::first_),
+                                                  Kel::field(SecondName.view(), &KeyPair::second_));
+};
 
 // Key-only record: a table of them is a set.
 template <typename Key, TypeName Name>
@@ -456,6 +500,33 @@ class NeighborT {
       Kel::field("transportProtocol", &NeighborT::transportProtocol_));
 };
 
+// The key type of a record.
+template <typename R>
+using KeyOf = std::remove_cvref_t<decltype(std::declval<const R&>().key())>;
+
+// One generation's status records and their keys, as the status containers (PimDrobe.h)
+// take them; the records are checked here to be copyable byte-wise into shared memory.
+template <typename IntfR, typename NeighborR, typename NeighborRefR, typename IntfSecondaryAddressR,
+          typename IntfSecondaryPrefixR, typename NeighborSecondaryAddressR>
+struct StatusTypes {
+  using Intf = IntfR;
+  using IntfKey = KeyOf<Intf>;
+  using Neighbor = NeighborR;
+  using NeighborKey = KeyOf<Neighbor>;
+  using NeighborRef = NeighborRefR;
+  using IntfSecondaryAddress = IntfSecondaryAddressR;
+  using IntfSecondaryAddressKey = KeyOf<IntfSecondaryAddress>;
+  using IntfSecondaryPrefix = IntfSecondaryPrefixR;
+  using IntfSecondaryPrefixKey = KeyOf<IntfSecondaryPrefix>;
+  using NeighborSecondaryAddress = NeighborSecondaryAddressR;
+  using NeighborSecondaryAddressKey = KeyOf<NeighborSecondaryAddress>;
+  static_assert(std::is_trivially_copyable_v<Intf> && std::is_trivially_copyable_v<Neighbor> &&
+                std::is_trivially_copyable_v<NeighborRef> &&
+                std::is_trivially_copyable_v<IntfSecondaryAddress> &&
+                std::is_trivially_copyable_v<IntfSecondaryPrefix> &&
+                std::is_trivially_copyable_v<NeighborSecondaryAddress>);
+};
+
 }  // namespace Routing::Pim::DrobeDetail
 
 // ---------------------------------------------------------------------------------------
@@ -466,128 +537,44 @@ namespace Routing::Pim::Drobe {
 using DrobeDetail::operator<<;
 using DrobeDetail::valueToStrep;
 
-class NeighborKey {
+// Keys of the per-VRF tables: interfaces by Nimo::IntfId.
+class NeighborKey
+    : public DrobeDetail::KeyPair<Nimo::IpGenAddr, Nimo::IntfId, "Routing::Pim::Drobe::NeighborKey",
+                                  "address", "intfId"> {
  public:
-  NeighborKey() noexcept = default;
-  NeighborKey(const Nimo::IpGenAddr& address, const Nimo::IntfId& intfId) noexcept
-      : address_(address), intfId_(intfId) {}
-  template <DrobeDetail::TextIterator It>
-  NeighborKey(It begin, It end) {
-    DrobeDetail::parseText(begin, end, *this);
-  }
-
-  const Nimo::IpGenAddr& address() const noexcept { return address_; }
-  const Nimo::IntfId& intfId() const noexcept { return intfId_; }
-  std::uint32_t hash() const noexcept {
-    return DrobeDetail::keyHash(address_.hash(), intfId_.hash());
-  }
-  bool operator!() const noexcept { return *this == NeighborKey(); }
-  friend bool operator==(const NeighborKey&, const NeighborKey&) = default;
-  friend auto operator<=>(const NeighborKey&, const NeighborKey&) = default;
-
- private:
-  Nimo::IpGenAddr address_;
-  Nimo::IntfId intfId_;
-
- public:
-  static constexpr std::string_view kTypeName = "Routing::Pim::Drobe::NeighborKey";
-  static constexpr auto kFields = std::make_tuple(Kel::field("address", &NeighborKey::address_),
-                                                  Kel::field("intfId", &NeighborKey::intfId_));
+  using KeyPair::KeyPair;
+  const Nimo::IpGenAddr& address() const noexcept { return first(); }
+  const Nimo::IntfId& intfId() const noexcept { return second(); }
 };
 
-class NeighborSecondaryAddressKey {
+class NeighborSecondaryAddressKey
+    : public DrobeDetail::KeyPair<NeighborKey, Nimo::IpGenAddr,
+                                  "Routing::Pim::Drobe::NeighborSecondaryAddressKey", "neighbor",
+                                  "secondaryAddress"> {
  public:
-  NeighborSecondaryAddressKey() noexcept = default;
-  NeighborSecondaryAddressKey(const NeighborKey& neighbor,
-                              const Nimo::IpGenAddr& secondaryAddress) noexcept
-      : neighbor_(neighbor), secondaryAddress_(secondaryAddress) {}
-  template <DrobeDetail::TextIterator It>
-  NeighborSecondaryAddressKey(It begin, It end) {
-    DrobeDetail::parseText(begin, end, *this);
-  }
-
-  const NeighborKey& neighbor() const noexcept { return neighbor_; }
-  const Nimo::IpGenAddr& secondaryAddress() const noexcept { return secondaryAddress_; }
-  std::uint32_t hash() const noexcept {
-    return DrobeDetail::keyHash(neighbor_.hash(), secondaryAddress_.hash());
-  }
-  bool operator!() const noexcept { return *this == NeighborSecondaryAddressKey(); }
-  friend bool operator==(const NeighborSecondaryAddressKey&,
-                         const NeighborSecondaryAddressKey&) = default;
-  friend auto operator<=>(const NeighborSecondaryAddressKey&,
-                          const NeighborSecondaryAddressKey&) = default;
-
- private:
-  NeighborKey neighbor_;
-  Nimo::IpGenAddr secondaryAddress_;
-
- public:
-  static constexpr std::string_view kTypeName = "Routing::Pim::Drobe::NeighborSecondaryAddressKey";
-  static constexpr auto kFields = std::make_tuple(
-      Kel::field("neighbor", &NeighborSecondaryAddressKey::neighbor_),
-      Kel::field("secondaryAddress", &NeighborSecondaryAddressKey::secondaryAddress_));
+  using KeyPair::KeyPair;
+  const NeighborKey& neighbor() const noexcept { return first(); }
+  const Nimo::IpGenAddr& secondaryAddress() const noexcept { return second(); }
 };
 
-class IntfSecondaryAddressKey {
+class IntfSecondaryAddressKey
+    : public DrobeDetail::KeyPair<Nimo::IntfId, Nimo::IpGenAddr,
+                                  "Routing::Pim::Drobe::IntfSecondaryAddressKey", "intfId",
+                                  "secondaryAddress"> {
  public:
-  IntfSecondaryAddressKey() noexcept = default;
-  IntfSecondaryAddressKey(const Nimo::IntfId& intfId,
-                          const Nimo::IpGenAddr& secondaryAddress) noexcept
-      : intfId_(intfId), secondaryAddress_(secondaryAddress) {}
-  template <DrobeDetail::TextIterator It>
-  IntfSecondaryAddressKey(It begin, It end) {
-    DrobeDetail::parseText(begin, end, *this);
-  }
-
-  const Nimo::IntfId& intfId() const noexcept { return intfId_; }
-  const Nimo::IpGenAddr& secondaryAddress() const noexcept { return secondaryAddress_; }
-  std::uint32_t hash() const noexcept {
-    return DrobeDetail::keyHash(intfId_.hash(), secondaryAddress_.hash());
-  }
-  bool operator!() const noexcept { return *this == IntfSecondaryAddressKey(); }
-  friend bool operator==(const IntfSecondaryAddressKey&, const IntfSecondaryAddressKey&) = default;
-  friend auto operator<=>(const IntfSecondaryAddressKey&, const IntfSecondaryAddressKey&) = default;
-
- private:
-  Nimo::IntfId intfId_;
-  Nimo::IpGenAddr secondaryAddress_;
-
- public:
-  static constexpr std::string_view kTypeName = "Routing::Pim::Drobe::IntfSecondaryAddressKey";
-  static constexpr auto kFields =
-      std::make_tuple(Kel::field("intfId", &IntfSecondaryAddressKey::intfId_),
-                      Kel::field("secondaryAddress", &IntfSecondaryAddressKey::secondaryAddress_));
+  using KeyPair::KeyPair;
+  const Nimo::IntfId& intfId() const noexcept { return first(); }
+  const Nimo::IpGenAddr& secondaryAddress() const noexcept { return second(); }
 };
 
-class IntfSecondaryPrefixKey {
+class IntfSecondaryPrefixKey
+    : public DrobeDetail::KeyPair<Nimo::IntfId, Nimo::IpGenPrefix,
+                                  "Routing::Pim::Drobe::IntfSecondaryPrefixKey", "intfId",
+                                  "secondaryPrefix"> {
  public:
-  IntfSecondaryPrefixKey() noexcept = default;
-  IntfSecondaryPrefixKey(const Nimo::IntfId& intfId,
-                         const Nimo::IpGenPrefix& secondaryPrefix) noexcept
-      : intfId_(intfId), secondaryPrefix_(secondaryPrefix) {}
-  template <DrobeDetail::TextIterator It>
-  IntfSecondaryPrefixKey(It begin, It end) {
-    DrobeDetail::parseText(begin, end, *this);
-  }
-
-  const Nimo::IntfId& intfId() const noexcept { return intfId_; }
-  const Nimo::IpGenPrefix& secondaryPrefix() const noexcept { return secondaryPrefix_; }
-  std::uint32_t hash() const noexcept {
-    return DrobeDetail::keyHash(intfId_.hash(), secondaryPrefix_.hash());
-  }
-  bool operator!() const noexcept { return *this == IntfSecondaryPrefixKey(); }
-  friend bool operator==(const IntfSecondaryPrefixKey&, const IntfSecondaryPrefixKey&) = default;
-  friend auto operator<=>(const IntfSecondaryPrefixKey&, const IntfSecondaryPrefixKey&) = default;
-
- private:
-  Nimo::IntfId intfId_;
-  Nimo::IpGenPrefix secondaryPrefix_;
-
- public:
-  static constexpr std::string_view kTypeName = "Routing::Pim::Drobe::IntfSecondaryPrefixKey";
-  static constexpr auto kFields =
-      std::make_tuple(Kel::field("intfId", &IntfSecondaryPrefixKey::intfId_),
-                      Kel::field("secondaryPrefix", &IntfSecondaryPrefixKey::secondaryPrefix_));
+  using KeyPair::KeyPair;
+  const Nimo::IntfId& intfId() const noexcept { return first(); }
+  const Nimo::IpGenPrefix& secondaryPrefix() const noexcept { return second(); }
 };
 
 // A message counter's key. The empty intfId counts all interfaces; stype 255 "any subtype".
@@ -681,12 +668,8 @@ class MessageCounterData {
                       Kel::field("txMsgCounter", &MessageCounterData::txMsgCounter_));
 };
 
-static_assert(std::is_trivially_copyable_v<Intf>);
-static_assert(std::is_trivially_copyable_v<Neighbor>);
-static_assert(std::is_trivially_copyable_v<NeighborRef>);
-static_assert(std::is_trivially_copyable_v<NeighborSecondaryAddress>);
-static_assert(std::is_trivially_copyable_v<IntfSecondaryAddress>);
-static_assert(std::is_trivially_copyable_v<IntfSecondaryPrefix>);
+using StatusTypes = DrobeDetail::StatusTypes<Intf, Neighbor, NeighborRef, IntfSecondaryAddress,
+                                             IntfSecondaryPrefix, NeighborSecondaryAddress>;
 static_assert(std::is_trivially_copyable_v<MessageCounterData>);
 
 }  // namespace Routing::Pim::Drobe
@@ -699,159 +682,53 @@ namespace Routing::Pim::IntfNghbr::Drobe {
 using DrobeDetail::operator<<;
 using DrobeDetail::valueToStrep;
 
-class IntfVrfKey {
+// Keys of the all-VRF tables: interfaces by IntfVrfKey.
+class IntfVrfKey
+    : public DrobeDetail::KeyPair<Nimo::IntfId, Vrf::VrfIdMap::VrfId,
+                                  "Routing::Pim::IntfNghbr::Drobe::IntfVrfKey", "intfId", "vrfId"> {
  public:
-  IntfVrfKey() noexcept = default;
-  IntfVrfKey(const Nimo::IntfId& intfId, Vrf::VrfIdMap::VrfId vrfId) noexcept
-      : intfId_(intfId), vrfId_(vrfId) {}
-  template <DrobeDetail::TextIterator It>
-  IntfVrfKey(It begin, It end) {
-    DrobeDetail::parseText(begin, end, *this);
-  }
-
-  const Nimo::IntfId& intfId() const noexcept { return intfId_; }
-  Vrf::VrfIdMap::VrfId vrfId() const noexcept { return vrfId_; }
-  std::uint32_t hash() const noexcept { return DrobeDetail::keyHash(intfId_.hash(), vrfId_); }
-  bool operator!() const noexcept { return *this == IntfVrfKey(); }
-  friend bool operator==(const IntfVrfKey&, const IntfVrfKey&) = default;
-  friend auto operator<=>(const IntfVrfKey&, const IntfVrfKey&) = default;
-
- private:
-  Nimo::IntfId intfId_;
-  Vrf::VrfIdMap::VrfId vrfId_ = 0;
-
- public:
-  static constexpr std::string_view kTypeName = "Routing::Pim::IntfNghbr::Drobe::IntfVrfKey";
-  static constexpr auto kFields = std::make_tuple(Kel::field("intfId", &IntfVrfKey::intfId_),
-                                                  Kel::field("vrfId", &IntfVrfKey::vrfId_));
+  using KeyPair::KeyPair;
+  const Nimo::IntfId& intfId() const noexcept { return first(); }
+  Vrf::VrfIdMap::VrfId vrfId() const noexcept { return second(); }
 };
 
-class NeighborKey {
+class NeighborKey : public DrobeDetail::KeyPair<Nimo::IpGenAddr, IntfVrfKey,
+                                                "Routing::Pim::IntfNghbr::Drobe::NeighborKey",
+                                                "address", "intfVrfKey"> {
  public:
-  NeighborKey() noexcept = default;
-  NeighborKey(const Nimo::IpGenAddr& address, const IntfVrfKey& intfVrfKey) noexcept
-      : address_(address), intfVrfKey_(intfVrfKey) {}
-  template <DrobeDetail::TextIterator It>
-  NeighborKey(It begin, It end) {
-    DrobeDetail::parseText(begin, end, *this);
-  }
-
-  const Nimo::IpGenAddr& address() const noexcept { return address_; }
-  const IntfVrfKey& intfVrfKey() const noexcept { return intfVrfKey_; }
-  std::uint32_t hash() const noexcept {
-    return DrobeDetail::keyHash(address_.hash(), intfVrfKey_.hash());
-  }
-  bool operator!() const noexcept { return *this == NeighborKey(); }
-  friend bool operator==(const NeighborKey&, const NeighborKey&) = default;
-  friend auto operator<=>(const NeighborKey&, const NeighborKey&) = default;
-
- private:
-  Nimo::IpGenAddr address_;
-  IntfVrfKey intfVrfKey_;
-
- public:
-  static constexpr std::string_view kTypeName = "Routing::Pim::IntfNghbr::Drobe::NeighborKey";
-  static constexpr auto kFields =
-      std::make_tuple(Kel::field("address", &NeighborKey::address_),
-                      Kel::field("intfVrfKey", &NeighborKey::intfVrfKey_));
+  using KeyPair::KeyPair;
+  const Nimo::IpGenAddr& address() const noexcept { return first(); }
+  const IntfVrfKey& intfVrfKey() const noexcept { return second(); }
 };
 
-class NeighborSecondaryAddressKey {
+class NeighborSecondaryAddressKey
+    : public DrobeDetail::KeyPair<NeighborKey, Nimo::IpGenAddr,
+                                  "Routing::Pim::IntfNghbr::Drobe::NeighborSecondaryAddressKey",
+                                  "neighbor", "secondaryAddress"> {
  public:
-  NeighborSecondaryAddressKey() noexcept = default;
-  NeighborSecondaryAddressKey(const NeighborKey& neighbor,
-                              const Nimo::IpGenAddr& secondaryAddress) noexcept
-      : neighbor_(neighbor), secondaryAddress_(secondaryAddress) {}
-  template <DrobeDetail::TextIterator It>
-  NeighborSecondaryAddressKey(It begin, It end) {
-    DrobeDetail::parseText(begin, end, *this);
-  }
-
-  const NeighborKey& neighbor() const noexcept { return neighbor_; }
-  const Nimo::IpGenAddr& secondaryAddress() const noexcept { return secondaryAddress_; }
-  std::uint32_t hash() const noexcept {
-    return DrobeDetail::keyHash(neighbor_.hash(), secondaryAddress_.hash());
-  }
-  bool operator!() const noexcept { return *this == NeighborSecondaryAddressKey(); }
-  friend bool operator==(const NeighborSecondaryAddressKey&,
-                         const NeighborSecondaryAddressKey&) = default;
-  friend auto operator<=>(const NeighborSecondaryAddressKey&,
-                          const NeighborSecondaryAddressKey&) = default;
-
- private:
-  NeighborKey neighbor_;
-  Nimo::IpGenAddr secondaryAddress_;
-
- public:
-  static constexpr std::string_view kTypeName =
-      "Routing::Pim::IntfNghbr::Drobe::NeighborSecondaryAddressKey";
-  static constexpr auto kFields = std::make_tuple(
-      Kel::field("neighbor", &NeighborSecondaryAddressKey::neighbor_),
-      Kel::field("secondaryAddress", &NeighborSecondaryAddressKey::secondaryAddress_));
+  using KeyPair::KeyPair;
+  const NeighborKey& neighbor() const noexcept { return first(); }
+  const Nimo::IpGenAddr& secondaryAddress() const noexcept { return second(); }
 };
 
-class IntfSecondaryAddressKey {
+class IntfSecondaryAddressKey
+    : public DrobeDetail::KeyPair<IntfVrfKey, Nimo::IpGenAddr,
+                                  "Routing::Pim::IntfNghbr::Drobe::IntfSecondaryAddressKey",
+                                  "intfVrfKey", "secondaryAddress"> {
  public:
-  IntfSecondaryAddressKey() noexcept = default;
-  IntfSecondaryAddressKey(const IntfVrfKey& intfVrfKey,
-                          const Nimo::IpGenAddr& secondaryAddress) noexcept
-      : intfVrfKey_(intfVrfKey), secondaryAddress_(secondaryAddress) {}
-  template <DrobeDetail::TextIterator It>
-  IntfSecondaryAddressKey(It begin, It end) {
-    DrobeDetail::parseText(begin, end, *this);
-  }
-
-  const IntfVrfKey& intfVrfKey() const noexcept { return intfVrfKey_; }
-  const Nimo::IpGenAddr& secondaryAddress() const noexcept { return secondaryAddress_; }
-  std::uint32_t hash() const noexcept {
-    return DrobeDetail::keyHash(intfVrfKey_.hash(), secondaryAddress_.hash());
-  }
-  bool operator!() const noexcept { return *this == IntfSecondaryAddressKey(); }
-  friend bool operator==(const IntfSecondaryAddressKey&, const IntfSecondaryAddressKey&) = default;
-  friend auto operator<=>(const IntfSecondaryAddressKey&, const IntfSecondaryAddressKey&) = default;
-
- private:
-  IntfVrfKey intfVrfKey_;
-  Nimo::IpGenAddr secondaryAddress_;
-
- public:
-  static constexpr std::string_view kTypeName =
-      "Routing::Pim::IntfNghbr::Drobe::IntfSecondaryAddressKey";
-  static constexpr auto kFields =
-      std::make_tuple(Kel::field("intfVrfKey", &IntfSecondaryAddressKey::intfVrfKey_),
-                      Kel::field("secondaryAddress", &IntfSecondaryAddressKey::secondaryAddress_));
+  using KeyPair::KeyPair;
+  const IntfVrfKey& intfVrfKey() const noexcept { return first(); }
+  const Nimo::IpGenAddr& secondaryAddress() const noexcept { return second(); }
 };
 
-class IntfSecondaryPrefixKey {
+class IntfSecondaryPrefixKey
+    : public DrobeDetail::KeyPair<IntfVrfKey, Nimo::IpGenPrefix,
+                                  "Routing::Pim::IntfNghbr::Drobe::IntfSecondaryPrefixKey",
+                                  "intfVrfKey", "secondaryPrefix"> {
  public:
-  IntfSecondaryPrefixKey() noexcept = default;
-  IntfSecondaryPrefixKey(const IntfVrfKey& intfVrfKey,
-                         const Nimo::IpGenPrefix& secondaryPrefix) noexcept
-      : intfVrfKey_(intfVrfKey), secondaryPrefix_(secondaryPrefix) {}
-  template <DrobeDetail::TextIterator It>
-  IntfSecondaryPrefixKey(It begin, It end) {
-    DrobeDetail::parseText(begin, end, *this);
-  }
-
-  const IntfVrfKey& intfVrfKey() const noexcept { return intfVrfKey_; }
-  const Nimo::IpGenPrefix& secondaryPrefix() const noexcept { return secondaryPrefix_; }
-  std::uint32_t hash() const noexcept {
-    return DrobeDetail::keyHash(intfVrfKey_.hash(), secondaryPrefix_.hash());
-  }
-  bool operator!() const noexcept { return *this == IntfSecondaryPrefixKey(); }
-  friend bool operator==(const IntfSecondaryPrefixKey&, const IntfSecondaryPrefixKey&) = default;
-  friend auto operator<=>(const IntfSecondaryPrefixKey&, const IntfSecondaryPrefixKey&) = default;
-
- private:
-  IntfVrfKey intfVrfKey_;
-  Nimo::IpGenPrefix secondaryPrefix_;
-
- public:
-  static constexpr std::string_view kTypeName =
-      "Routing::Pim::IntfNghbr::Drobe::IntfSecondaryPrefixKey";
-  static constexpr auto kFields =
-      std::make_tuple(Kel::field("intfVrfKey", &IntfSecondaryPrefixKey::intfVrfKey_),
-                      Kel::field("secondaryPrefix", &IntfSecondaryPrefixKey::secondaryPrefix_));
+  using KeyPair::KeyPair;
+  const IntfVrfKey& intfVrfKey() const noexcept { return first(); }
+  const Nimo::IpGenPrefix& secondaryPrefix() const noexcept { return second(); }
 };
 
 // Human forms: "Ethernet1 (vrf 3)".
@@ -872,12 +749,8 @@ using IntfSecondaryPrefix =
     DrobeDetail::KeyRecord<IntfSecondaryPrefixKey,
                            "Routing::Pim::IntfNghbr::Drobe::IntfSecondaryPrefix">;
 
-static_assert(std::is_trivially_copyable_v<Intf>);
-static_assert(std::is_trivially_copyable_v<Neighbor>);
-static_assert(std::is_trivially_copyable_v<NeighborRef>);
-static_assert(std::is_trivially_copyable_v<NeighborSecondaryAddress>);
-static_assert(std::is_trivially_copyable_v<IntfSecondaryAddress>);
-static_assert(std::is_trivially_copyable_v<IntfSecondaryPrefix>);
+using StatusTypes = DrobeDetail::StatusTypes<Intf, Neighbor, NeighborRef, IntfSecondaryAddress,
+                                             IntfSecondaryPrefix, NeighborSecondaryAddress>;
 
 }  // namespace Routing::Pim::IntfNghbr::Drobe
 
