@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <map>
 #include <random>
-#include <set>
 
 #include "Pim/platform/Drobe.h"
 #include "Pim/platform/Ledra.h"
@@ -36,10 +35,7 @@ std::uint64_t mix(std::uint64_t x) {
 // Every field derives from (key, counter), so a torn copy fails intact().
 struct TVal {
   TKey k;
-  std::uint64_t counter = 0;
-  std::uint64_t a = 0;
-  std::uint64_t b = 0;
-  std::uint64_t check = 0;
+  std::uint64_t counter = 0, a = 0, b = 0, check = 0;
   std::uint64_t fill[24] = {};  // widens the window in which a racing copy could tear
   TKey key() const { return k; }
   static TVal make(TKey k, std::uint64_t counter) {
@@ -59,15 +55,15 @@ using R = Drobe::Reader<TKey, TVal>;
 struct Mirror : R::NotifieeConst {
   std::map<std::uint32_t, TVal> rows;
   std::vector<std::uint32_t> keys;
-  int collections = 0;
-  int mounts = 0;
-  int unmounts = 0;
-  std::uint64_t torn = 0;
-  std::uint64_t checked = 0;
+  int collections = 0, mounts = 0, unmounts = 0;
+  std::uint64_t torn = 0, checked = 0;
 
-  void take(const TVal& v) {
+  void check(const TVal& v) {
     ++checked;
     torn += !v.intact();
+  }
+  void take(const TVal& v) {
+    check(v);
     rows[v.k.id] = v;
   }
   void onKey(const TKey& k) override {
@@ -99,6 +95,10 @@ class DrobeTest : public ::testing::Test {
   void turn(int n = 3) {
     for (int i = 0; i < n; ++i) loop_.runOnce(0.0);
   }
+  void publish(W& w) {
+    w.commit();
+    turn();
+  }
   Kel::Ptr<R> mirrored(Mirror& m, std::string_view name = "rec") {
     auto r = R::create(loop_, kPath, name);
     m.notifierIs(r);
@@ -119,8 +119,7 @@ std::map<std::uint32_t, TVal> contents(const W& w) {
 }
 
 TEST_F(DrobeTest, RandomOperationsMatchAModelForWriterReaderAndNotifications) {
-  // Heavy collisions (7 hashes), a tiny ring and a small table exercise chains,
-  // tombstone reuse and reclamation, refusals, rebuilds and ring overruns together.
+  // 7 hashes, a tiny ring, a small table: chains, tombstones, refusals, ring overruns.
   auto w = W::create(kPath, {"rec", 40, 8});
   ASSERT_TRUE(w);
   Mirror m;
@@ -150,16 +149,13 @@ TEST_F(DrobeTest, RandomOperationsMatchAModelForWriterReaderAndNotifications) {
     ASSERT_EQ(contents(*w), model) << "op " << op;
     ASSERT_EQ(w->size(), model.size());
   }
-  w->commit();
-  turn();
+  publish(*w);
   std::map<std::uint32_t, TVal> seen;
   r->forEach([&](const TVal& v) { seen[v.k.id] = v; });
   EXPECT_EQ(seen, model);
   EXPECT_EQ(m.rows, model);
-  for (std::uint32_t id = 0; id < 100; ++id) {
-    auto v = r->find({id, id % 7 + 1});
-    EXPECT_EQ(v.has_value(), model.count(id) == 1) << id;
-  }
+  for (std::uint32_t id = 0; id < 100; ++id)
+    EXPECT_EQ(r->find({id, id % 7 + 1}).has_value(), model.count(id) == 1) << id;
   EXPECT_EQ(m.torn, 0u);
   EXPECT_GT(r->overflows(), 0u);
   EXPECT_FALSE(m.keys.empty());
@@ -174,17 +170,14 @@ TEST_F(DrobeTest, FullTableRefusesWithTraceAndCountAndKeepsItsContents) {
   EXPECT_FALSE(w->is(TVal::make({101}, 1)));
   EXPECT_TRUE(w->is(TVal::make({3}, 33)));  // overwriting needs no room
   w->commit();
-  EXPECT_EQ(w->refused(), 2u);
   EXPECT_EQ(w->stats().refused, 2u);
   ASSERT_EQ(cap.lines().size(), 2u);
   EXPECT_EQ(cap.lines()[0].facility, "Drobe");
   EXPECT_NE(cap.lines()[0].text.find("table full (8 entries), insert refused"), std::string::npos);
-
   Mirror m;
   auto r = mirrored(m);
   EXPECT_EQ(m.rows.size(), 8u);
   EXPECT_EQ(m.rows.at(3).counter, 33u);
-  EXPECT_FALSE(r->find({100}));
   ASSERT_TRUE(w->del({0}));
   EXPECT_TRUE(w->is(TVal::make({100}, 1)));
 }
@@ -199,24 +192,19 @@ TEST_F(DrobeTest, DeletionKeepsProbeChainsAndTombstonesAreReusedAndReclaimed) {
   EXPECT_EQ(w->lookup(c).slot, w->lookup(a).slot + 2);
   w->commit();
   ASSERT_TRUE(w->del(b));
-  w->commit();
-  turn();
-  // c sits behind b's tombstone: still found by reader and writer.
-  EXPECT_TRUE(r->find(c));
-  EXPECT_TRUE(w->find(c));
+  publish(*w);
+  EXPECT_TRUE(r->find(c) && w->find(c));  // behind b's tombstone
   EXPECT_FALSE(r->find(b));
   ASSERT_TRUE(w->is(TVal::make(d, 4)));
   EXPECT_EQ(w->lookup(d).slot, slotB);
-
-  // Churn far beyond the slot count: without reclamation tombstones would fill the table.
+  // Churn far beyond the slot count: unreclaimed tombstones would fill the table.
   for (std::uint32_t i = 0; i < 2000; ++i) {
     const TKey k{100 + i, i % 3 + 1};
     ASSERT_TRUE(w->is(TVal::make(k, i))) << i;
     ASSERT_TRUE(w->del(k)) << i;
     if (i % 7 == 0) w->commit();
   }
-  w->commit();
-  turn();
+  publish(*w);
   EXPECT_EQ(contents(*w).size(), 3u);
   EXPECT_EQ(m.rows.size(), 3u);
   EXPECT_EQ(w->refused(), 0u);
@@ -226,11 +214,7 @@ TEST_F(DrobeTest, ReaderSeesChangesOnlyAfterCommitAndIsToldWhichKeys) {
   auto w = W::create(kPath, {"rec", 64, 0});
   Mirror m;
   auto r = mirrored(m);
-  ASSERT_EQ(m.mounts, 1);
-  ASSERT_EQ(m.collections, 1);  // initial sync
-
-  ASSERT_TRUE(w->is(TVal::make({1}, 1)));
-  ASSERT_TRUE(w->is(TVal::make({2}, 1)));
+  ASSERT_TRUE(w->is(TVal::make({1}, 1)) && w->is(TVal::make({2}, 1)));
   turn();
   EXPECT_FALSE(r->find({1}));
   EXPECT_EQ(r->size(), 0u);
@@ -239,9 +223,8 @@ TEST_F(DrobeTest, ReaderSeesChangesOnlyAfterCommitAndIsToldWhichKeys) {
   EXPECT_TRUE(r->find({1}));  // visible at once; the notice waits for the loop
   turn();
   EXPECT_EQ(m.keys, (std::vector<std::uint32_t>{1, 2}));
-
-  // Several changes to a key before one commit announce it once; an unchanged
-  // overwrite announces nothing; notify() announces without a change.
+  // Several changes before one commit announce a key once; an unchanged overwrite
+  // announces nothing; notify() announces without a change.
   m.keys.clear();
   w->is(TVal::make({1}, 2));
   w->is(TVal::make({1}, 3));
@@ -250,12 +233,10 @@ TEST_F(DrobeTest, ReaderSeesChangesOnlyAfterCommitAndIsToldWhichKeys) {
   w->notify({9});
   w->commit();
   w->is(TVal::make({1}, 3));
-  w->commit();
-  turn();
+  publish(*w);
   EXPECT_EQ(m.keys, (std::vector<std::uint32_t>{1, 2, 9}));
   EXPECT_EQ(m.rows.size(), 1u);
   EXPECT_EQ(m.rows.at(1).counter, 3u);
-
   // Commits in a burst: one loop turn delivers them all, in order.
   m.keys.clear();
   for (std::uint32_t i = 10; i < 15; ++i) {
@@ -264,15 +245,12 @@ TEST_F(DrobeTest, ReaderSeesChangesOnlyAfterCommitAndIsToldWhichKeys) {
   }
   loop_.runOnce(0.0);
   EXPECT_EQ(m.keys, (std::vector<std::uint32_t>{10, 11, 12, 13, 14}));
-
   const int before = m.collections;
   w->notifyCollection();
-  w->commit();
-  turn();
+  publish(*w);
   EXPECT_EQ(m.collections, before + 1);
   w->delAll();
-  w->commit();
-  turn();
+  publish(*w);
   EXPECT_EQ(m.collections, before + 2);
   EXPECT_TRUE(m.rows.empty());
 }
@@ -291,16 +269,13 @@ TEST_F(DrobeTest, ReaderFallingBehindTheRingResyncsTheWholeCollection) {
   EXPECT_EQ(m.collections, initial + 1);
   EXPECT_TRUE(m.keys.empty());
   EXPECT_EQ(m.rows.size(), 12u);
-
   // Back in step: per-key notices again. One commit larger than the ring becomes a
   // whole-collection notice from the writer itself.
   w->is(TVal::make({40}, 1));
-  w->commit();
-  turn();
+  publish(*w);
   EXPECT_EQ(m.keys, std::vector<std::uint32_t>{40});
   for (std::uint32_t i = 0; i < 20; ++i) w->is(TVal::make({50 + i}, 1));
-  w->commit();
-  turn();
+  publish(*w);
   EXPECT_EQ(m.collections, initial + 2);
   EXPECT_EQ(r->overflows(), 1u);
   EXPECT_EQ(m.rows.size(), 33u);
@@ -315,7 +290,6 @@ TEST_F(DrobeTest, CorruptSlotIsReportedCountedAndCleared) {
   Mirror m;
   auto r = mirrored(m);
   const int before = m.collections;
-
   w->slotStateIsForTest({3}, 0x33);
   auto found = w->lookup({3});
   ASSERT_TRUE(found.corrupt());
@@ -325,13 +299,11 @@ TEST_F(DrobeTest, CorruptSlotIsReportedCountedAndCleared) {
   EXPECT_EQ(w->corrupt(), 1u);
   ASSERT_EQ(cap.lines().size(), 1u);
   EXPECT_NE(cap.lines()[0].text.find("corrupt slot"), std::string::npos);
-
   // An insert walking over a scribbled slot clears it on its own and goes on.
   w->slotStateIsForTest({4}, 0x77);
   EXPECT_TRUE(w->is(TVal::make({4}, 44)));
   EXPECT_EQ(w->corrupt(), 2u);
-  w->commit();
-  turn();
+  publish(*w);
   EXPECT_EQ(w->stats().corrupt, 2u);
   EXPECT_GT(m.collections, before);
   EXPECT_FALSE(r->find({3}));
@@ -344,32 +316,26 @@ TEST_F(DrobeTest, MountStatusFollowsTheWriterAndForeignLayoutsAreIgnored) {
   auto r = mirrored(m);
   EXPECT_FALSE(r->mounted());
   EXPECT_EQ(m.mounts, 0);
-
   Drobe::TableSet set(kPath, {{{"rec", 32, 0}, {"other", 4, 0}}});
   auto w = set.writer<TKey, TVal>("rec");
   ASSERT_TRUE(w);
   w->is(TVal::make({1}, 1));
-  w->commit();
-  turn();  // inotify sees the table appear
+  publish(*w);  // inotify sees the table appear
   EXPECT_TRUE(r->mounted());
   EXPECT_EQ(m.mounts, 1);
   EXPECT_EQ(m.rows.size(), 1u);
-
   w = nullptr;  // retires the table
   turn();
   EXPECT_EQ(m.unmounts, 1);
   EXPECT_FALSE(r->mounted());
   EXPECT_TRUE(m.rows.empty());
   EXPECT_FALSE(r->find({1}));
-
   w = set.writer<TKey, TVal>("rec");
   w->is(TVal::make({2}, 2));
-  w->commit();
-  turn();
+  publish(*w);
   EXPECT_EQ(m.mounts, 2);
   EXPECT_EQ(m.rows.size(), 1u);
   EXPECT_EQ(m.rows.count(2), 1u);
-
   // A reader of another record type must not trust this table.
   struct Other {
     TKey k;
@@ -381,47 +347,39 @@ TEST_F(DrobeTest, MountStatusFollowsTheWriterAndForeignLayoutsAreIgnored) {
   EXPECT_FALSE(foreign->mounted());
 }
 
-// ---------------------------------------------------------------------------------------
-// Across processes. Children are forked and report through pipes; every wait is bounded
-// and the parent kills only the children it forked.
+// Across processes: forked readers and writers report through pipes; every wait is
+// bounded, and the parent kills only the children it forked.
 
-constexpr std::uint32_t kRecords = 4000;
-constexpr std::uint32_t kHot = 16;
-constexpr std::uint32_t kDoneId = 0xFFFFFFFFu;
+constexpr std::uint32_t kRecords = 4000, kHot = 16, kDoneId = 0xFFFFFFFFu;
 constexpr const char* kXPath = "test/xproc";
 
 std::uint64_t digest(const std::map<std::uint32_t, TVal>& rows) {
   std::uint64_t d = 0;
-  for (const auto& [id, v] : rows) {
-    if (id != kDoneId) d += mix(v.check + id);
-  }
+  for (const auto& [id, v] : rows) d += id == kDoneId ? 0 : mix(v.check + id);
   return d;
 }
 
-// The writer's workload; w may be null to compute the expected final state. rounds < 0:
-// run until killed.
+// The writer's workload, ending in a record that carries the digest of the final state; w may
+// be null to compute that digest only. rounds < 0: run until killed.
 std::uint64_t workload(std::uint64_t seed, int rounds, W* w) {
   std::mt19937_64 rng(seed);
   std::map<std::uint32_t, TVal> model;
   std::uint64_t counter = seed << 40;
   for (int round = 0; rounds < 0 || round < rounds; ++round) {
     for (int op = 0; op < 100; ++op) {
-      // Half the updates hit 16 hot keys, which the readers hammer.
-      const auto id = rng() % 2 ? rng() % kRecords : rng() % kHot;
-      const TKey k{static_cast<std::uint32_t>(id)};
+      // Half the updates hit the hot keys, which the readers hammer.
+      const TKey k{static_cast<std::uint32_t>(rng() % 2 ? rng() % kRecords : rng() % kHot)};
       if (rng() % 100 < 85) {
-        const TVal v = TVal::make(k, ++counter);
-        model[k.id] = v;
-        if (w) w->is(v);
+        model[k.id] = TVal::make(k, ++counter);
+        if (w) w->is(model[k.id]);
       } else {
         model.erase(k.id);
         if (w) w->del(k);
       }
     }
-    if (w) {
-      w->commit();
-      if (round % 10 == 0) ::usleep(100);
-    }
+    if (!w) continue;
+    w->commit();
+    if (round % 10 == 0) ::usleep(100);
   }
   const std::uint64_t d = digest(model);
   if (w) {
@@ -431,160 +389,109 @@ std::uint64_t workload(std::uint64_t seed, int rounds, W* w) {
   return d;
 }
 
-[[noreturn]] void writerChild(std::uint64_t seed, int rounds, int holdFd) {
-  auto w = W::create(kXPath, {"rec", kRecords + 1, 16384});
-  if (!w) ::_exit(3);
-  workload(seed, rounds, w.ptr());
-  char c;
-  // Stay mounted until the parent is done with the readers.
-  while (::read(holdFd, &c, 1) > 0) {
-  }
-  ::_exit(0);
-}
-
 struct ReaderResult {
-  std::uint64_t converged = 0;
-  std::uint64_t torn = 0;
-  std::uint64_t checked = 0;
-  std::uint64_t keys = 0;
-  std::uint64_t collections = 0;
-  std::uint64_t mounts = 0;
-  std::uint64_t unmounts = 0;
-  std::uint64_t digest = 0;
-  std::uint64_t generation = 0;
+  bool converged;
+  std::uint64_t torn, checked, keys;
+  int mounts, unmounts;
+  std::uint64_t digest, generation;
 };
 
+// Scans the whole table and the hot keys between loop turns, so that reads race the writer's
+// commits and a torn record has every chance to show, until the done record matches.
 [[noreturn]] void readerChild(int outFd) {
   Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
   Mirror m;
   auto r = R::create(loop, kXPath, "rec");
   m.notifierIs(r);
-  ReaderResult res;
+  bool converged = false;
   const Kel::Time deadline = loop.clock()->now() + 120.0;
-  while (loop.clock()->now() < deadline) {
-    // Busy: scan the whole table between loop turns, so that reads race the writer's
-    // commits and a torn record has every chance to show.
+  while (!converged && loop.clock()->now() < deadline) {
     loop.runOnce(0.0);
-    r->forEach([&](const TVal& v) {
-      ++m.checked;
-      m.torn += !v.intact();
-    });
-    for (int i = 0; i < 100; ++i) {
-      for (std::uint32_t id = 0; id < kHot; ++id) {
-        if (auto v = r->find({id})) {
-          ++m.checked;
-          m.torn += !v->intact();
-        }
-      }
+    r->forEach([&](const TVal& v) { m.check(v); });
+    for (std::uint32_t i = 0; i < 100 * kHot; ++i) {
+      if (auto v = r->find({i % kHot})) m.check(*v);
     }
     auto done = m.rows.find(kDoneId);
-    if (done != m.rows.end() && digest(m.rows) == done->second.counter) {
-      res.converged = 1;
-      break;
-    }
+    converged = done != m.rows.end() && digest(m.rows) == done->second.counter;
   }
-  res.torn = m.torn;
-  res.checked = m.checked;
-  res.keys = m.keys.size();
-  res.collections = static_cast<std::uint64_t>(m.collections);
-  res.mounts = static_cast<std::uint64_t>(m.mounts);
-  res.unmounts = static_cast<std::uint64_t>(m.unmounts);
-  res.digest = digest(m.rows);
-  res.generation = r->stats().generation;
-  ssize_t n = ::write(outFd, &res, sizeof res);
-  ::_exit(n == static_cast<ssize_t>(sizeof res) ? 0 : 4);
+  const std::uint64_t keys = m.keys.size(), d = digest(m.rows), gen = r->stats().generation;
+  const ReaderResult res{converged, m.torn, m.checked, keys, m.mounts, m.unmounts, d, gen};
+  ::_exit(::write(outFd, &res, sizeof res) == static_cast<ssize_t>(sizeof res) ? 0 : 4);
 }
 
 class DrobeCrossProcessTest : public DrobeTest {
  protected:
   void TearDown() override {
+    for (int fd : holdFds_) ::close(fd);
     for (pid_t p : children_) {
       ::kill(p, SIGKILL);
       ::waitpid(p, nullptr, 0);
     }
     DrobeTest::TearDown();
   }
-  pid_t spawn(const std::function<void()>& body) {
+  // Forks body, which gets its end of a pipe; parentEnd gets the other.
+  pid_t spawn(bool childWrites, int& parentEnd, const std::function<void(int)>& body) {
+    int pfd[2];
+    EXPECT_EQ(::pipe(pfd), 0);
     const pid_t p = ::fork();
     if (p == 0) {
-      body();
+      ::close(pfd[!childWrites]);
+      body(pfd[childWrites]);
       ::_exit(5);
     }
     if (p > 0) children_.push_back(p);
+    ::close(pfd[childWrites]);
+    parentEnd = pfd[!childWrites];
     return p;
   }
-  void reap(pid_t p, int sig = 0) {
-    if (sig) ::kill(p, sig);
-    ::waitpid(p, nullptr, 0);
-    std::erase(children_, p);
+  void startReaders() {
+    for (int& fd : readerFds_) spawn(true, fd, readerChild);
   }
-  pid_t startReader(int& fd) {
-    int pfd[2];
-    EXPECT_EQ(::pipe(pfd), 0);
-    const pid_t p = spawn([&] {
-      ::close(pfd[0]);
-      readerChild(pfd[1]);
-    });
-    ::close(pfd[1]);
-    fd = pfd[0];
-    return p;
-  }
+  // The writer stays mounted until the parent closes its pipe (in TearDown).
   pid_t startWriter(std::uint64_t seed, int rounds) {
-    int pfd[2];
-    EXPECT_EQ(::pipe(pfd), 0);
-    const pid_t p = spawn([&] {
-      ::close(pfd[1]);
-      writerChild(seed, rounds, pfd[0]);
+    return spawn(false, holdFds_.emplace_back(), [=](int holdFd) {
+      auto w = W::create(kXPath, {"rec", kRecords + 1, 16384});
+      if (!w) ::_exit(3);
+      workload(seed, rounds, w.ptr());
+      for (char c; ::read(holdFd, &c, 1) > 0;) {
+      }
+      ::_exit(0);
     });
-    ::close(pfd[0]);
-    holdFds_.push_back(pfd[1]);
-    return p;
   }
-  static bool readResult(int fd, ReaderResult& res) {
-    pollfd p{fd, POLLIN, 0};
-    const bool ok = ::poll(&p, 1, 150000) == 1 &&
-                    ::read(fd, &res, sizeof res) == static_cast<ssize_t>(sizeof res);
-    ::close(fd);
-    return ok;
-  }
-  void releaseWriters() {
-    for (int fd : holdFds_) ::close(fd);
-    holdFds_.clear();
+  // Both readers' results, each checked against the digest of the writer's final state.
+  std::vector<ReaderResult> readerResults(std::uint64_t expected) {
+    std::vector<ReaderResult> out;
+    for (int fd : readerFds_) {
+      ReaderResult& x = out.emplace_back();
+      pollfd p{fd, POLLIN, 0};
+      EXPECT_TRUE(::poll(&p, 1, 150000) == 1 &&
+                  ::read(fd, &x, sizeof x) == static_cast<ssize_t>(sizeof x));
+      ::close(fd);
+      EXPECT_TRUE(x.converged);
+      EXPECT_EQ(x.digest, expected);
+      EXPECT_EQ(x.torn, 0u);
+      EXPECT_GT(x.checked, kRecords);
+    }
+    return out;
   }
 
   std::vector<pid_t> children_;
   std::vector<int> holdFds_;
+  int readerFds_[2] = {-1, -1};
 };
 
 TEST_F(DrobeCrossProcessTest, ReadersSeeNoTornRecordAndConvergeToTheWriter) {
-  int fd1 = -1, fd2 = -1;
-  const pid_t r1 = startReader(fd1);
-  const pid_t r2 = startReader(fd2);
-  const pid_t w = startWriter(11, 4000);
-  const std::uint64_t expected = workload(11, 4000, nullptr);
-  ReaderResult res[2];
-  ASSERT_TRUE(readResult(fd1, res[0]));
-  ASSERT_TRUE(readResult(fd2, res[1]));
-  releaseWriters();
-  reap(w);
-  reap(r1);
-  reap(r2);
-  for (const ReaderResult& x : res) {
-    EXPECT_EQ(x.converged, 1u);
-    EXPECT_EQ(x.digest, expected);
-    EXPECT_EQ(x.torn, 0u);
-    EXPECT_GT(x.checked, kRecords);
+  startReaders();
+  startWriter(11, 4000);
+  for (const ReaderResult& x : readerResults(workload(11, 4000, nullptr))) {
     EXPECT_GT(x.keys, kRecords);  // per-key notices carried the changes
-    EXPECT_EQ(x.mounts, 1u);
+    EXPECT_EQ(x.mounts, 1);
   }
 }
 
 TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSuccessor) {
-  int fd1 = -1, fd2 = -1;
-  const pid_t r1 = startReader(fd1);
-  const pid_t r2 = startReader(fd2);
+  startReaders();
   const pid_t victim = startWriter(21, -1);
-
   // Let the victim commit a while, then kill it between (or inside) its commits.
   auto watch = R::create(loop_, kXPath, "rec");
   for (int i = 0; i < 3000 && watch->stats().commits < 300; ++i) {
@@ -592,45 +499,32 @@ TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSu
     ::usleep(1000);
   }
   ASSERT_GE(watch->stats().commits, 300u);
-  reap(victim, SIGKILL);
-
-  const pid_t successor = startWriter(22, 2000);
-  const std::uint64_t expected = workload(22, 2000, nullptr);
-  ReaderResult res[2];
-  ASSERT_TRUE(readResult(fd1, res[0]));
-  ASSERT_TRUE(readResult(fd2, res[1]));
-  releaseWriters();
-  reap(successor);
-  reap(r1);
-  reap(r2);
-  for (const ReaderResult& x : res) {
-    EXPECT_EQ(x.converged, 1u);
-    EXPECT_EQ(x.digest, expected);
-    EXPECT_EQ(x.torn, 0u);
-    EXPECT_EQ(x.mounts, 2u);
-    EXPECT_EQ(x.unmounts, 1u);
+  ::kill(victim, SIGKILL);
+  ::waitpid(victim, nullptr, 0);
+  std::erase(children_, victim);
+  startWriter(22, 2000);
+  for (const ReaderResult& x : readerResults(workload(22, 2000, nullptr))) {
+    EXPECT_EQ(x.mounts, 2);
+    EXPECT_EQ(x.unmounts, 1);
     EXPECT_EQ(x.generation, 2u);
   }
 }
 
-// ---------------------------------------------------------------------------------------
 // Ledra
-
+template <int>
 struct Thing : Kel::Entity {
   using Kel::Entity::Entity;
 };
-struct OtherThing : Kel::Entity {
-  using Kel::Entity::Entity;
-};
+using OtherThing = Thing<1>;
 
 TEST(LedraTest, MountsByNormalisedPathWithTypeCheckedLookup) {
   Ledra::EntityManager em;
-  auto thing = Kel::Ptr<Thing>::make("t");
+  auto thing = Kel::Ptr<Thing<0>>::make("t");
   EXPECT_TRUE(em.mount("/routing//pim/status/default/", thing));
-  EXPECT_FALSE(em.mount("routing/pim/status/default", Kel::Ptr<Thing>::make("dup")));
+  EXPECT_FALSE(em.mount("routing/pim/status/default", Kel::Ptr<Thing<0>>::make("dup")));
   EXPECT_FALSE(em.mount("", thing));
   EXPECT_TRUE(em.mount("routing/pim/statusx", Kel::Ptr<OtherThing>::make("o")));
-  EXPECT_EQ(em.lookup<Thing>("routing/pim/status/default"), thing);
+  EXPECT_EQ(em.lookup<Thing<0>>("routing/pim/status/default"), thing);
   EXPECT_FALSE(em.lookup<OtherThing>("routing/pim/status/default"));
   EXPECT_EQ(em.paths("routing/pim/status"), std::vector<std::string>{"routing/pim/status/default"});
   EXPECT_EQ(em.paths().size(), 2u);
