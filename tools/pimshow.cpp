@@ -95,19 +95,13 @@ void jsonValue(std::string& out, const T& v) {
   if constexpr (Kel::ValueRecord<T>) {
     out += '{';
     bool first = true;
-    std::apply(
-        [&](const auto&... f) {
-          (
-              [&] {
-                if (!first) out += ", ";
-                first = false;
-                jsonString(out, f.name);
-                out += ": ";
-                jsonValue(out, v.*(f.member));
-              }(),
-              ...);
-        },
-        T::kFields);
+    Kel::forEachField(v, [&](std::string_view name, const auto& field) {
+      if (!first) out += ", ";
+      first = false;
+      jsonString(out, name);
+      out += ": ";
+      jsonValue(out, field);
+    });
     out += '}';
   } else if constexpr (std::is_same_v<T, bool>) {
     out += v ? "true" : "false";

@@ -438,27 +438,28 @@ struct ValueText<E, std::enable_if_t<std::is_enum_v<E>>> {
 
 [[noreturn]] void throwParseError(std::string_view typeName, std::string_view attribute);
 
+// Calls fn(name, field) for each field of a value record, in declaration order (const
+// fields for a const record).
+template <typename T, typename F>
+void forEachField(T& v, F&& fn) {
+  std::apply([&](const auto&... f) { (fn(f.name, v.*(f.member)), ...); },
+             fieldsOf<std::remove_const_t<T>>());
+}
+
 template <typename T>
 void appendValue(std::string& out, const T& v) {
   out += "Value('";
   out += T::kTypeName;
   out += "', ** {";
   bool first = true;
-  std::apply(
-      [&](const auto&... f) {
-        (
-            [&] {
-              if (!first) out += ", ";
-              first = false;
-              out += '\'';
-              out += f.name;
-              out += "': ";
-              using F = std::remove_cvref_t<decltype(v.*(f.member))>;
-              ValueText<F>::print(out, v.*(f.member));
-            }(),
-            ...);
-      },
-      fieldsOf<T>());
+  forEachField(v, [&](std::string_view name, const auto& field) {
+    if (!first) out += ", ";
+    first = false;
+    out += '\'';
+    out += name;
+    out += "': ";
+    ValueText<std::remove_cvref_t<decltype(field)>>::print(out, field);
+  });
   out += "})";
 }
 
@@ -470,27 +471,20 @@ void parseValueInto(ValueParser& in, T& v) {
     throwParseError(T::kTypeName, "Value");
   }
   bool first = true;
-  std::apply(
-      [&](const auto&... f) {
-        (
-            [&] {
-              if (!first && !in.expect(", ")) throwParseError(T::kTypeName, f.name);
-              first = false;
-              if (!in.expect("'") || !in.expect(f.name) || !in.expect("': ")) {
-                throwParseError(T::kTypeName, f.name);
-              }
-              using F = std::remove_cvref_t<decltype(v.*(f.member))>;
-              ValueText<F>::parse(in, v.*(f.member));
-              // The value must end where the field does ("Truest" is no bool), so that
-              // the error names this field rather than the next one.
-              const std::string_view after = in.rest();
-              if (!in.ok() || !(after.starts_with(", ") || after.starts_with("})"))) {
-                throwParseError(T::kTypeName, f.name);
-              }
-            }(),
-            ...);
-      },
-      fieldsOf<T>());
+  forEachField(v, [&](std::string_view name, auto& field) {
+    if (!first && !in.expect(", ")) throwParseError(T::kTypeName, name);
+    first = false;
+    if (!in.expect("'") || !in.expect(name) || !in.expect("': ")) {
+      throwParseError(T::kTypeName, name);
+    }
+    ValueText<std::remove_cvref_t<decltype(field)>>::parse(in, field);
+    // The value must end where the field does ("Truest" is no bool), so that the error
+    // names this field rather than the next one.
+    const std::string_view after = in.rest();
+    if (!in.ok() || !(after.starts_with(", ") || after.starts_with("})"))) {
+      throwParseError(T::kTypeName, name);
+    }
+  });
   if (!in.expect("})")) throwParseError(T::kTypeName, "Value");
 }
 
