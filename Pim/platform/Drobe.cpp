@@ -7,6 +7,8 @@
 #include "Pim/platform/Drobe.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -31,7 +33,7 @@ namespace detail {
 namespace {
 
 constexpr std::uint64_t kMagic = 0x31454C4241544244ull;  // "DBTABLE1"
-constexpr std::uint32_t kVersion = 1;
+constexpr std::uint32_t kVersion = 2;                    // 2: reader entries carry an eventfd
 constexpr std::uint32_t kMaxReaders = 64;
 constexpr std::uint32_t kStateLive = 1;
 constexpr std::uint32_t kStateRetired = 2;
@@ -39,6 +41,16 @@ constexpr std::uint32_t kEntryFree = 0;
 constexpr std::uint32_t kEntryClaiming = 1;
 constexpr std::uint32_t kEntryActive = 2;
 constexpr double kHealthPeriod = 1.0;
+// How often the writer asks whether a reader woken through its eventfd, that has not
+// consumed its last wake-up, is still alive (a write to a dead reader's eventfd succeeds).
+constexpr std::uint64_t kPeerCheckNs = 1000000000ull;
+
+std::uint64_t monotonicNs() {
+  timespec ts{};
+  ::clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000ull +
+         static_cast<std::uint64_t>(ts.tv_nsec);
+}
 
 std::uint64_t roundUp64(std::uint64_t n) { return (n + 63) & ~std::uint64_t{63}; }
 
@@ -69,7 +81,8 @@ struct alignas(64) ReaderEntry {
   std::atomic<std::int32_t> pid;
   std::atomic<std::uint32_t> signalled;
   std::uint32_t nameLen;
-  char name[48];  // abstract socket address, sun_path bytes
+  char name[44];         // abstract socket address, sun_path bytes
+  std::int32_t eventFd;  // the reader's eventfd, by its number in the reader; -1 if none
 };
 static_assert(sizeof(ReaderEntry) == 64);
 
@@ -273,9 +286,54 @@ WriterCore::~WriterCore() {
     if (::stat(file_.c_str(), &st) == 0 && map_->sameFile(st)) ::unlink(file_.c_str());
     delete map_;
   }
-  for (Peer& p : peers_) {
-    if (p.fd >= 0) ::close(p.fd);
+  for (Peer& p : peers_) closePeer(p);
+}
+
+void WriterCore::closePeer(Peer& p) {
+  if (p.fd >= 0) ::close(p.fd);
+  if (p.pidfd >= 0) ::close(p.pidfd);
+  p.fd = -1;
+  p.pidfd = -1;
+  p.eventFd = false;
+}
+
+bool WriterCore::openPeer(Peer& p, const ReaderEntry& e) {
+  // Preferred: a duplicate of the reader's eventfd, taken through a pidfd (needs ptrace
+  // access to the reader, as root). The pidfd stays open to tell a dead reader.
+  if (e.eventFd >= 0) {
+    p.pidfd = static_cast<int>(::syscall(SYS_pidfd_open, p.pid, 0));
+    if (p.pidfd >= 0) {
+      p.fd = static_cast<int>(::syscall(SYS_pidfd_getfd, p.pidfd, e.eventFd, 0));
+      if (p.fd >= 0) {
+        // A reader frees its entry before it closes its eventfd: if the entry is still the
+        // same reader's now, the number named its eventfd when we took it, not a reuse.
+        if (e.state.load() != kEntryActive || e.pid.load() != p.pid || e.nameLen != p.nameLen ||
+            std::memcmp(e.name, p.name, p.nameLen) != 0) {
+          closePeer(p);
+          errno = EAGAIN;  // the entry changed hands: the next commit starts again
+          return false;
+        }
+        p.eventFd = true;
+        p.nextCheck = monotonicNs() + kPeerCheckNs;
+        return true;
+      }
+      ::close(p.pidfd);
+      p.pidfd = -1;
+    }
   }
+  // Otherwise (refused, or an old kernel): a datagram socket connected to the reader's.
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, p.name, p.nameLen);
+  const auto alen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + p.nameLen);
+  p.fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (p.fd >= 0 && ::connect(p.fd, reinterpret_cast<const sockaddr*>(&addr), alen) != 0) {
+    const int err = errno;
+    ::close(p.fd);
+    p.fd = -1;
+    errno = err;
+  }
+  return p.fd >= 0;
 }
 
 std::byte* WriterCore::slot(std::uint32_t i) const noexcept {
@@ -304,43 +362,50 @@ void WriterCore::signalReaders() {
   for (std::uint32_t i = 0; i < kMaxReaders; ++i) {
     ReaderEntry* e = map_->reader(i);
     if (e->state.load(std::memory_order_acquire) != kEntryActive) continue;
-    if (e->signalled.exchange(1, std::memory_order_seq_cst) != 0) continue;
     Peer& p = peers_[i];
+    if (e->signalled.exchange(1, std::memory_order_seq_cst) != 0) {
+      // A reader that has not consumed its wake-up may be dead: its eventfd cannot say so.
+      if (p.eventFd && p.pid == e->pid.load()) {
+        const std::uint64_t now = monotonicNs();
+        if (now >= p.nextCheck) {
+          p.nextCheck = now + kPeerCheckNs;
+          pollfd pfd{p.pidfd, POLLIN, 0};
+          if (::poll(&pfd, 1, 0) == 1) freeEntry(*e, p, i);
+        }
+      }
+      continue;
+    }
     const std::uint32_t len = std::min<std::uint32_t>(e->nameLen, sizeof e->name);
     if (p.fd < 0 || p.pid != e->pid.load() || p.nameLen != len ||
         std::memcmp(p.name, e->name, len) != 0) {
-      if (p.fd >= 0) ::close(p.fd);
+      closePeer(p);
       p.pid = e->pid.load();
       p.nameLen = len;
       std::memcpy(p.name, e->name, len);
-      sockaddr_un addr{};
-      addr.sun_family = AF_UNIX;
-      std::memcpy(addr.sun_path, e->name, len);
-      const auto alen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + len);
-      p.fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-      if (p.fd >= 0 && ::connect(p.fd, reinterpret_cast<const sockaddr*>(&addr), alen) != 0) {
-        const int err = errno;
-        ::close(p.fd);
-        p.fd = -1;
-        errno = err;
-      }
+      openPeer(p, *e);
     }
-    const char byte = 1;
-    if (p.fd < 0 || ::send(p.fd, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
-      if (errno == ECONNREFUSED || errno == ENOENT) {
-        // The reader is gone without unregistering (killed): free its entry.
-        std::uint32_t active = kEntryActive;
-        e->state.compare_exchange_strong(active, kEntryFree);
-        if (p.fd >= 0) ::close(p.fd);
-        p.fd = -1;
-        FLICK_TRACE(trace(), 4, "{}: reader {} gone, entry {} freed", file_, e->pid.load(), i);
-      } else if (errno != EAGAIN) {
-        FLICK_TRACE(trace(), 1, "{}: wake-up of reader {} failed: {}", file_, e->pid.load(),
-                    std::strerror(errno));
-        e->signalled.store(0);
-      }
+    if (p.fd >= 0 && p.eventFd) {
+      const std::uint64_t one = 1;
+      if (::write(p.fd, &one, sizeof one) >= 0 || errno == EAGAIN) continue;
+    } else {
+      const char byte = 1;
+      if (p.fd >= 0 && ::send(p.fd, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) continue;
+    }
+    if (errno == ECONNREFUSED || errno == ENOENT) {
+      freeEntry(*e, p, i);  // the reader is gone without unregistering (killed)
+    } else if (errno != EAGAIN) {
+      FLICK_TRACE(trace(), 1, "{}: wake-up of reader {} failed: {}", file_, e->pid.load(),
+                  std::strerror(errno));
+      e->signalled.store(0);
     }
   }
+}
+
+void WriterCore::freeEntry(ReaderEntry& e, Peer& p, std::uint32_t i) {
+  std::uint32_t active = kEntryActive;
+  e.state.compare_exchange_strong(active, kEntryFree);
+  closePeer(p);
+  FLICK_TRACE(trace(), 4, "{}: reader {} gone, entry {} freed", file_, e.pid.load(), i);
 }
 
 void WriterCore::refusedInc() { map_->header()->refused.fetch_add(1, std::memory_order_relaxed); }
@@ -411,6 +476,15 @@ ReaderCore::ReaderCore(Ulm::EventLoop& loop, std::string path, std::string name,
   } else {
     FLICK_TRACE(trace(), 1, "{}: inotify unavailable ({}), polling", dir, std::strerror(errno));
   }
+  // Woken through the eventfd when the writer may duplicate it, else through the socket.
+  // Edge-triggered: every write is an event, so the counter is never read (one system
+  // call less per wake-up); it would take 2^64 wake-ups to fill.
+  eventFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (eventFd_ >= 0 && !loop_.watch(
+                           eventFd_, [this] { woken(); }, true)) {
+    ::close(eventFd_);
+    eventFd_ = -1;
+  }
   sock_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
@@ -420,14 +494,8 @@ ReaderCore::ReaderCore(Ulm::EventLoop& loop, std::string path, std::string name,
     FLICK_TRACE(trace(), 1, "{}: wake-up socket: {}", file_, std::strerror(errno));
   } else {
     loop_.watch(sock_, [this] {
-      Kel::Ptr<const Kel::PtrInterface> hold(hooks_.owner);
       drainSocket();
-      if (!map_) return;
-      if (map_->header()->state.load() != kStateLive) {
-        check();
-      } else {
-        hooks_.wake();
-      }
+      woken();
     });
   }
   tryMount();
@@ -447,6 +515,10 @@ ReaderCore::~ReaderCore() {
   if (sock_ >= 0) {
     loop_.unwatch(sock_);
     ::close(sock_);
+  }
+  if (eventFd_ >= 0) {
+    loop_.unwatch(eventFd_);
+    ::close(eventFd_);
   }
   if (inotify_ >= 0) {
     loop_.unwatch(inotify_);
@@ -471,6 +543,16 @@ std::uint64_t ReaderCore::rearmAndHead() noexcept {
 }
 
 CollectionStats ReaderCore::stats() const { return statsOf(map_); }
+
+void ReaderCore::woken() {
+  Kel::Ptr<const Kel::PtrInterface> hold(hooks_.owner);
+  if (!map_) return;
+  if (map_->header()->state.load() != kStateLive) {
+    check();
+  } else {
+    hooks_.wake();
+  }
+}
 
 void ReaderCore::drainSocket() {
   // Wake-ups are coalesced, so one datagram is normally all there is; should more be
@@ -505,13 +587,14 @@ void ReaderCore::tryMount() {
   if (sock_ >= 0 && ::getsockname(sock_, reinterpret_cast<sockaddr*>(&addr), &alen) == 0) {
     const auto nameLen =
         static_cast<std::uint32_t>(alen - static_cast<socklen_t>(offsetof(sockaddr_un, sun_path)));
-    for (std::uint32_t i = 0; i < h->maxReaders && nameLen <= 48; ++i) {
+    for (std::uint32_t i = 0; i < h->maxReaders && nameLen <= sizeof ReaderEntry::name; ++i) {
       ReaderEntry* e = m->reader(i);
       std::uint32_t expected = kEntryFree;
       if (!e->state.compare_exchange_strong(expected, kEntryClaiming)) continue;
       e->pid.store(::getpid());
       e->nameLen = nameLen;
       std::memcpy(e->name, addr.sun_path, nameLen);
+      e->eventFd = eventFd_;
       e->signalled.store(0);
       e->state.store(kEntryActive, std::memory_order_release);
       registryIndex_ = static_cast<int>(i);

@@ -96,7 +96,7 @@ EventLoop::~EventLoop() {
   if (epfd_ >= 0) ::close(epfd_);
 }
 
-bool EventLoop::watch(int fd, Callback cb) {
+bool EventLoop::watch(int fd, Callback cb, bool edgeTriggered) {
   auto it = fds_.find(fd);
   if (it != fds_.end()) {
     it->second.cb = std::move(cb);
@@ -104,7 +104,7 @@ bool EventLoop::watch(int fd, Callback cb) {
   }
   const std::uint64_t token = nextToken_++;
   epoll_event ev{};
-  ev.events = EPOLLIN;
+  ev.events = EPOLLIN | (edgeTriggered ? EPOLLET : 0u);
   ev.data.u64 = (token << 32) | static_cast<std::uint32_t>(fd);
   if (epfd_ < 0 || epoll_ctl(epfd_, EPOLL_CTL_ADD, fd, &ev) != 0) {
     FLICK_TRACE(ulmTrace(), 1, "epoll_ctl add fd {} failed: {}", fd, std::strerror(errno));

@@ -11,10 +11,11 @@
 //   the tables here hold hundreds of timers, not millions, so buckets would buy nothing.
 // - Timer: one timer; ownership is registration. Destroying a Timer cancels it, so a
 //   machine that owns its timers as members can never be called back after it is gone.
-// - EventLoop: epoll over file descriptors (readable events) plus a TimerWheel. runOnce()
-//   waits at most until the next deadline (or maxWaitSeconds), runs the callbacks of the
-//   ready descriptors, then the expired timers. A callback may unwatch any descriptor,
-//   including one whose event is pending in the same batch: it is not called afterwards.
+// - EventLoop: epoll over file descriptors (readable events, level- or edge-triggered) plus
+//   a TimerWheel. runOnce() waits at most until the next deadline (or maxWaitSeconds), runs
+//   the callbacks of the ready descriptors, then the expired timers. A callback may unwatch any
+//   descriptor, including one whose event is pending in the same batch: it is not called
+//   afterwards.
 // - FdWatch: owned registration of a descriptor on a loop; unwatches on destruction.
 //
 // Threading: one thread, the loop's. No locks.
@@ -115,9 +116,11 @@ class EventLoop {
   TimerWheel& timers() noexcept { return timers_; }
   const Kel::Ptr<Kel::Clock>& clock() const noexcept { return timers_.clock(); }
 
-  // Calls cb whenever fd is readable (level-triggered). Returns false (traced) if epoll
-  // refuses the descriptor. Watching an fd again replaces its callback.
-  bool watch(int fd, Callback cb);
+  // Calls cb whenever fd is readable (level-triggered), or with edgeTriggered once each
+  // time it is made readable, which lets a callback skip draining a counter such as an
+  // eventfd's. Returns false (traced) if epoll refuses the descriptor. Watching an fd again
+  // replaces its callback (the trigger mode stays).
+  bool watch(int fd, Callback cb, bool edgeTriggered = false);
   void unwatch(int fd);
   bool watching(int fd) const { return fds_.count(fd) != 0; }
 
