@@ -284,10 +284,13 @@ constexpr FieldRef<C, F> field(std::string_view name, F C::*member) {
 
 // Records nested in a class that is still incomplete where kFields would be initialised
 // declare a static constexpr function fields() instead.
+// clang-format off  (clang-format 14 breaks concept definitions apart)
 template <typename T>
-concept ValueRecord = requires {
-  T::kTypeName;
-} && (requires { T::kFields; } || requires { T::fields(); });
+concept HasFieldTable = requires { T::kFields; } || requires { T::fields(); };
+
+template <typename T>
+concept ValueRecord = HasFieldTable<T> && requires { T::kTypeName; };
+// clang-format on
 
 template <typename T>
 constexpr auto fieldsOf() {
