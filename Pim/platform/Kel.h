@@ -284,7 +284,8 @@ constexpr FieldRef<C, F> field(std::string_view name, F C::*member) {
 
 // Records nested in a class that is still incomplete where kFields would be initialised
 // declare a static constexpr function fields() instead.
-// clang-format off  (clang-format 14 breaks concept definitions apart)
+// clang-format 14 breaks concept definitions apart.
+// clang-format off
 template <typename T>
 concept HasFieldTable = requires { T::kFields; } || requires { T::fields(); };
 
