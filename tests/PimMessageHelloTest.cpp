@@ -257,8 +257,7 @@ TEST_F(HelloReadTest, OptionEdgeCases) {
     std::vector<std::string> want;
     for (const auto& e : c.errors) want.push_back(e.starts_with("Invalid ") ? e : kHello + e);
     EXPECT_EQ(errors(), want);
-    EXPECT_EQ(warnings(),
-              c.warning.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.warning});
+    EXPECT_EQ(warnings(), only(c.warning));
   }
 }
 

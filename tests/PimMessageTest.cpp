@@ -204,8 +204,7 @@ TEST_F(UnicastTest, Read) {
     if (c.result) {
       EXPECT_EQ(a.address(), Nimo::IpGenAddr(c.address));
     }
-    EXPECT_EQ(errors(),
-              c.error.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.error});
+    EXPECT_EQ(errors(), only(c.error));
   }
 }
 
@@ -242,8 +241,7 @@ TEST_F(UnicastTest, WriteAndValid) {
       EXPECT_EQ(back.readUnicastAddress(p, 0), c.result);
       EXPECT_EQ(back, a);
     }
-    EXPECT_EQ(errors(),
-              c.error.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.error});
+    EXPECT_EQ(errors(), only(c.error));
     clear();
     EXPECT_EQ(a.valid(), c.valid);
   }
@@ -291,7 +289,7 @@ TEST_F(PrefixAddressTest, ReadGroupAndSource) {
     auto expectErrors = [&](std::string_view kind) {
       std::string e = c.groupError;
       if (auto at = e.find("Group"); at != std::string::npos) e.replace(at, 5, kind);
-      EXPECT_EQ(errors(), e.empty() ? std::vector<std::string>{} : std::vector<std::string>{e});
+      EXPECT_EQ(errors(), only(e));
     };
     clear();
     EncodedGroupAddress g;
@@ -393,8 +391,7 @@ TEST_F(PrefixAddressTest, Validity) {
     EXPECT_EQ(EncodedGroupAddress(GroupAddress(c.prefix, 0)).valid(), c.groupValid);
     clear();
     EXPECT_EQ(EncodedSourceAddress(SourceAddress(c.prefix, 0)).valid(), c.sourceValid);
-    EXPECT_EQ(errors(), c.sourceError.empty() ? std::vector<std::string>{}
-                                              : std::vector<std::string>{c.sourceError});
+    EXPECT_EQ(errors(), only(c.sourceError));
   }
 }
 

@@ -103,6 +103,10 @@ class TraceTest : public ::testing::Test {
     return out;
   }
   std::vector<std::string> errors() const { return at(1); }
+  // No line for an empty text, else exactly that one line.
+  static std::vector<std::string> only(const std::string& text) {
+    return text.empty() ? std::vector<std::string>{} : std::vector<std::string>{text};
+  }
   std::vector<std::string> warnings() const { return at(5); }
   void clear() { capture_.clear(); }
 
