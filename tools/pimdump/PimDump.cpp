@@ -322,7 +322,10 @@ int Dumper::dumpFile(const std::string& path) {
   char errbuf[PCAP_ERRBUF_SIZE] = {};
   pcap_t* pcap = pcap_open_offline(path.c_str(), errbuf);
   if (pcap == nullptr) {
-    err_ << "pimdump: " << path << ": " << errbuf << '\n';
+    // libpcap names the file itself in some of its messages.
+    std::string_view why(errbuf);
+    if (why.starts_with(path + ": ")) why.remove_prefix(path.size() + 2);
+    err_ << "pimdump: " << path << ": " << why << '\n';
     return 2;
   }
   const int rc = dump(pcap, path, false);
