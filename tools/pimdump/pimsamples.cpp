@@ -13,64 +13,13 @@
 #include <iostream>
 
 #include "Pim/PimMessage.h"
-#include "tools/pimdump/Capture.h"
+#include "tools/pimdump/Samples.h"
 
 namespace {
 
-namespace P = Routing::Pim::Packet;
-using Nimo::IpGenAddr;
 using PimDump::Bytes;
 using PimDump::CaptureWriter;
 using PimDump::LinkType;
-
-struct Family {
-  IpGenAddr self, peer, allPim, rp, source, group;
-};
-const Family kV4{IpGenAddr("10.1.0.1"), IpGenAddr("10.1.0.2"),  IpGenAddr("224.0.0.13"),
-                 IpGenAddr("10.9.9.9"), IpGenAddr("192.0.2.7"), IpGenAddr("232.1.1.1")};
-const Family kV6{IpGenAddr("fe80::1"),      IpGenAddr("fe80::2"),     IpGenAddr("ff02::d"),
-                 IpGenAddr("2001:db8::99"), IpGenAddr("2001:db8::7"), IpGenAddr("ff3e::1:1")};
-
-// A message written by its writer, between src and dst, as the PIM payload of an IP packet.
-template <typename M, typename Write>
-Bytes written(M& m, Write write, const IpGenAddr& src, const IpGenAddr& dst) {
-  m.srcIpIs(src);
-  m.dstIpIs(dst);
-  auto pkt = Nimo::Pkt::create(9000);
-  const std::uint32_t n = (m.*write)(pkt, 0);
-  if (n == 0) throw std::runtime_error("a sample message failed to write");
-  pkt->sizeIs(n);
-  return PimDump::ipPacket(src, dst, {pkt->data(0, n), n});
-}
-
-Bytes hello(const Family& f, bool everyOption) {
-  P::HelloMessage h;
-  h.holdTimeOptionIs(true);
-  h.holdTimeIs(105);
-  h.drPriorityOptionIs(true);
-  h.drPriorityIs(everyOption ? 7 : 1);
-  h.generationIdOptionIs(true);
-  h.generationIdIs(0x1234abcd);
-  if (everyOption) {
-    h.lanPruneDelayOptionIs(true);
-    h.tBitIs(true);
-    h.propagationDelayIs(P::HelloMessage::HelloPropagationDelay(500));
-    h.overrideIntervalIs(2500);
-    h.bidirectionalCapableIs(true);
-    h.secondaryAddrIs(f.rp, true);
-    h.interfaceIdOptionIs(true);
-    h.routerIdIs(0x0a010001);
-    h.interfaceIdIs(3);
-  }
-  return written(h, &P::HelloMessage::writeHelloMessage, f.self, f.allPim);
-}
-
-// Every message type of one family, in type order.
-std::vector<Bytes> everyType(const Family& f) {
-  std::vector<Bytes> out;
-  out.push_back(hello(f, true));
-  return out;
-}
 
 // What the readers or pimdump reject, and what pimdump skips before any reader runs.
 std::vector<std::pair<Bytes, std::uint32_t>> malformed() {
@@ -78,29 +27,30 @@ std::vector<std::pair<Bytes, std::uint32_t>> malformed() {
   auto add = [&](Bytes b, std::uint32_t wire = 0) { out.emplace_back(std::move(b), wire); };
   const std::size_t v4 = Nimo::Ipv4Hdr::kMinSize, v6 = Nimo::Ipv6Hdr::kSize;
 
-  Bytes bad = hello(kV4, false);  // checksum off by one
+  Bytes bad = PimDump::sampleHello(false, false);  // checksum off by one
   bad[v4 + 3] ^= 1;
   add(bad);
-  Bytes v3 = hello(kV4, false);  // PIM version 3 (the checksum does not matter then)
+  Bytes v3 =
+      PimDump::sampleHello(false, false);  // PIM version 3 (the checksum does not matter then)
   v3[v4] = 0x30;
   add(v3);
   for (const int type : {6, 12}) {  // Graft: known, not handled; 12: unknown
-    Bytes t = hello(kV6, false);
+    Bytes t = PimDump::sampleHello(true, false);
     t[v6] = static_cast<std::uint8_t>(0x20 | type);
     add(t);
   }
-  Bytes cut = hello(kV4, true);  // snap length cut the frame
+  Bytes cut = PimDump::sampleHello(false, true);  // snap length cut the frame
   add(Bytes(cut.begin(), cut.begin() + 30), static_cast<std::uint32_t>(cut.size()));
-  Bytes udp = hello(kV4, false);  // not PIM
+  Bytes udp = PimDump::sampleHello(false, false);  // not PIM
   udp[9] = 17;
   add(udp);
-  Bytes frag = hello(kV4, true);  // first IPv4 fragment (more fragments follow)
+  Bytes frag = PimDump::sampleHello(false, true);  // first IPv4 fragment (more fragments follow)
   frag[6] = 0x20;
   add(frag);
   // IPv6: a Hello behind hop-by-hop and destination-options headers is read; a fragment
   // header stops pimdump.
   for (const std::uint8_t ext : {std::uint8_t{0}, std::uint8_t{44}}) {
-    Bytes h = hello(kV6, false);
+    Bytes h = PimDump::sampleHello(true, false);
     Bytes e = {103, 0, 0, 0, 0, 0, 0, 0};
     if (ext == 44) e[3] = 1;  // offset 0, more fragments
     h.insert(h.begin() + static_cast<std::ptrdiff_t>(v6), e.begin(), e.end());
@@ -115,19 +65,22 @@ void writeAll(const std::filesystem::path& dir) {
   {
     CaptureWriter w((dir / "pim-ipv4.pcap").string(), CaptureWriter::Format::Pcap,
                     LinkType::Ethernet);
-    for (const Bytes& ip : everyType(kV4)) w.add(PimDump::linkFrame(LinkType::Ethernet, ip));
+    for (const Bytes& ip : PimDump::sampleMessages(false))
+      w.add(PimDump::linkFrame(LinkType::Ethernet, ip));
   }
   {
     CaptureWriter w((dir / "pim-ipv6.pcapng").string(), CaptureWriter::Format::Pcapng,
                     LinkType::Ethernet);
     const std::uint16_t vlan[] = {100};
-    for (const Bytes& ip : everyType(kV6)) w.add(PimDump::linkFrame(LinkType::Ethernet, ip, vlan));
+    for (const Bytes& ip : PimDump::sampleMessages(true))
+      w.add(PimDump::linkFrame(LinkType::Ethernet, ip, vlan));
   }
   {
     CaptureWriter w((dir / "pim-cooked.pcap").string(), CaptureWriter::Format::Pcap,
                     LinkType::LinuxSll2);
-    for (const Family* f : {&kV4, &kV6})
-      w.add(PimDump::linkFrame(LinkType::LinuxSll2, hello(*f, false)));
+    for (const bool v6 : {false, true}) {
+      w.add(PimDump::linkFrame(LinkType::LinuxSll2, PimDump::sampleHello(v6, false)));
+    }
   }
   {
     CaptureWriter w((dir / "pim-malformed.pcap").string(), CaptureWriter::Format::Pcap,
