@@ -62,6 +62,19 @@ Bytes ipPacket(const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst,
   return b;
 }
 
+void repairPimChecksum(Bytes& ip) {
+  const bool v4 = (ip[0] >> 4) == 4;
+  const std::size_t at = v4 ? (ip[0] & 0x0fu) * 4u : Nimo::Ipv6Hdr::kSize;
+  std::uint8_t* pim = ip.data() + at;
+  const auto len = static_cast<std::uint32_t>(ip.size() - at);
+  Nimo::store16(pim + 2, 0);
+  const std::uint16_t sum =
+      v4 ? Nimo::inetChecksum(pim, len)
+         : Nimo::inetChecksumV6(Nimo::Ipv6Hdr(ip.data()).src(), Nimo::Ipv6Hdr(ip.data()).dst(), len,
+                                kPim, pim, len);
+  Nimo::store16(pim + 2, sum);
+}
+
 Bytes linkFrame(LinkType link, std::span<const std::uint8_t> ip,
                 std::span<const std::uint16_t> vlans) {
   const bool v4 = !ip.empty() && (ip[0] >> 4) == 4;

@@ -27,6 +27,10 @@ using Bytes = std::vector<std::uint8_t>;
 Bytes ipPacket(const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst,
                std::span<const std::uint8_t> payload);
 
+// Recomputes the PIM checksum of an IP packet made by ipPacket over its whole PIM message
+// (a Register's checksum covers only its first 8 bytes: not for those).
+void repairPimChecksum(Bytes& ip);
+
 // The frame for link around ip. Ethernet frames carry the given 802.1Q VLAN ids (outermost
 // first) and the multicast MAC of a multicast destination.
 Bytes linkFrame(LinkType link, std::span<const std::uint8_t> ip,

@@ -56,6 +56,24 @@ Bytes sampleHello(bool v6, bool everyOption) {
   return written(h, &P::HelloMessage::writeHelloMessage, f.self, f.allPim);
 }
 
+Bytes sampleHelloExtremes(bool v6) {
+  const Family& f = v6 ? kV6 : kV4;
+  P::HelloMessage h;
+  h.holdTimeOptionIs(true);
+  h.holdTimeIs(0xffff);
+  h.lanPruneDelayOptionIs(true);
+  h.tBitIs(false);
+  h.propagationDelayIs(P::HelloMessage::HelloPropagationDelay(32767));
+  h.overrideIntervalIs(0);
+  h.drPriorityOptionIs(true);
+  h.drPriorityIs(0xfffffffe);
+  h.generationIdOptionIs(true);
+  h.generationIdIs(0xdeadbeef);
+  h.secondaryAddrIs(f.rp, true);
+  h.secondaryAddrIs(f.source, true);
+  return written(h, &P::HelloMessage::writeHelloMessage, f.self, f.allPim);
+}
+
 // Every message type of one family, in type order.
 std::vector<Bytes> sampleMessages(bool v6) {
   std::vector<Bytes> out;

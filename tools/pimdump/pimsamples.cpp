@@ -3,7 +3,8 @@
 //
 //   pim-ipv4.pcap       Ethernet, every message type over IPv4
 //   pim-ipv6.pcapng     Ethernet with an 802.1Q tag, every message type over IPv6
-//   pim-cooked.pcap     Linux cooked capture (SLL2): a Hello from each family
+//   pim-cooked.pcap     Linux cooked capture (SLL2): plain Hellos and Hellos at the edges
+//                       of their fields, both families
 //   pim-malformed.pcap  raw IP: messages the readers reject, a truncated frame, a non-PIM
 //                       packet, IPv4 and IPv6 fragments, IPv6 extension headers
 
@@ -37,6 +38,7 @@ std::vector<std::pair<Bytes, std::uint32_t>> malformed() {
   for (const int type : {6, 12}) {  // Graft: known, not handled; 12: unknown
     Bytes t = PimDump::sampleHello(true, false);
     t[v6] = static_cast<std::uint8_t>(0x20 | type);
+    PimDump::repairPimChecksum(t);
     add(t);
   }
   Bytes cut = PimDump::sampleHello(false, true);  // snap length cut the frame
@@ -80,6 +82,7 @@ void writeAll(const std::filesystem::path& dir) {
                     LinkType::LinuxSll2);
     for (const bool v6 : {false, true}) {
       w.add(PimDump::linkFrame(LinkType::LinuxSll2, PimDump::sampleHello(v6, false)));
+      w.add(PimDump::linkFrame(LinkType::LinuxSll2, PimDump::sampleHelloExtremes(v6)));
     }
   }
   {
