@@ -33,8 +33,7 @@ std::span<const std::uint8_t> ipAfterEtherType(std::span<const std::uint8_t> fra
 }
 
 // IPv6 extension headers that may stand between the fixed header and PIM.
-constexpr std::uint8_t kHopByHop = 0, kRouting = 43, kFragment = 44, kAuth = 51, kNoNext = 59,
-                       kDestOpts = 60;
+constexpr std::uint8_t kHopByHop = 0, kRouting = 43, kFragment = 44, kAuth = 51, kDestOpts = 60;
 
 LocatedPim verdict(IpVerdict v, std::string note) {
   LocatedPim r;
