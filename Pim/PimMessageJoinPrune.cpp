@@ -406,8 +406,8 @@ std::uint32_t JoinPruneMessage::writeJoinPruneMessage(
   auto left = [&] { return end - pos; };
 
   // Header, upstream neighbour, J/P info
-  static const Kel::Ptr<JoinPruneData> kNoData = Kel::Ptr<JoinPruneData>::make();
-  JoinPruneData& data = joinPruneData_ ? *joinPruneData_ : *kNoData;
+  JoinPruneData none;  // no data set: written as an empty one
+  JoinPruneData& data = joinPruneData_ ? *joinPruneData_ : none;
   const Nimo::IpGenAddr& upstreamAddr = data.upstreamNeighbor();
   const std::uint32_t upstreamSize = 2u + upstreamAddr.byteLength();
   if (left() < Nimo::PimCommonHdr::kSize + upstreamSize) return fail(kHeaderNoSpace, left());
