@@ -3,6 +3,7 @@
 
 #include <fmt/ostream.h>
 
+#include <cstring>
 #include <sstream>
 
 #include "Pim/PimMessage.h"
@@ -182,6 +183,33 @@ void note(int level, fmt::format_string<Args...> text, Args&&... args) {
   }
 }
 
+enum class SourceRead { Keep, Skip, Fatal };
+
+// Writes one source at pos of the packet whose bytes start at base. The common source is
+// stored directly (a third of the encoder's cost); a multicast one goes through the
+// encoder, which refuses it with its own text.
+std::uint32_t writeSource(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint8_t* base, std::uint32_t pos,
+                          const Nimo::IpGenAddr& a, SourceFlags flags) noexcept {
+  if (a.isSet() && !a.isMulticast()) {
+    const std::uint8_t n = a.byteLength();
+    std::uint8_t* p = base + pos;
+    p[0] = familyOf(a);
+    p[1] = 0;
+    p[2] = flags.value();
+    p[3] = static_cast<std::uint8_t>(n * 8);
+    std::memcpy(p + 4, a.bytes(), n);
+    return 4u + n;
+  }
+  EncodedSourceAddress es(SourceAddress(hostPrefix(a), flags.value()));
+  return es.writeSourceAddress(pkt, pos);
+}
+
+bool isZero(const std::uint8_t* p, std::uint8_t n) noexcept {
+  std::uint8_t any = 0;
+  for (std::uint8_t i = 0; i < n; ++i) any |= p[i];
+  return any == 0;
+}
+
 std::string printed(const JoinPruneMessage& m) {
   std::ostringstream os;
   m.print(os);
@@ -234,6 +262,55 @@ std::uint32_t JoinPruneMessage::readJoinPruneMessage(
   data.reserved2Is(reserved2);
   data.holdTimeIs(holdTime);
 
+  // One source of either list. The common source (this family, encoding 0, host mask,
+  // unicast, not zero) is taken straight from the bytes: it is what valid() would accept,
+  // and the general path costs twice as much per source. Anything else goes through
+  // EncodedSourceAddress, whose checks and texts decide.
+  const std::uint8_t* base = pkt->data(0);
+  const std::uint8_t addrLen = family == 1 ? 4 : 16;
+  const std::uint32_t sourceSize = 4u + addrLen;
+  const auto af = static_cast<Nimo::AddressFamily>(family);
+  auto checkedFlags = [&](SourceFlags f) noexcept {
+    if (f.isInvalid()) {
+      fail(kWcRptCleared);
+      return SourceRead::Fatal;
+    }
+    ++report_.processed;
+    return SourceRead::Keep;
+  };
+  auto readEntry = [&](bool joinedList, Nimo::IpGenAddr& s,
+                       SourceFlags& flags) noexcept -> SourceRead {
+    const std::uint8_t* p = base + pos;
+    if (end - pos >= sourceSize && p[0] == family && p[1] == 0 && p[3] == addrLen * 8 &&
+        !isZero(p + 4, addrLen)) {
+      s = Nimo::IpGenAddr(af, p + 4);
+      flags = SourceFlags(p[2]);
+      if (!s.isMulticast()) {
+        pos += sourceSize;
+        return checkedFlags(flags);
+      }
+    }
+    EncodedSourceAddress es;
+    const std::uint32_t sn = es.readSourceAddress(pkt, pos);
+    if (sn == 0) {
+      joinedList ? fail(kJoinedParse) : fail(kPrunedParse);
+      return SourceRead::Fatal;
+    }
+    pos += sn;
+    if (!es.valid()) {
+      joinedList ? warn(kJoinedInvalid, es.sourceAddress().address)
+                 : warn(kPrunedInvalid, es.sourceAddress().address);
+      return SourceRead::Skip;
+    }
+    s = es.sourceAddress().address.address();
+    if (familyOf(s) != family) {
+      warn(kSourceFamily, unsigned{familyOf(s)});
+      return SourceRead::Skip;
+    }
+    flags = SourceFlags(es.flags());
+    return checkedFlags(flags);
+  };
+
   std::uint32_t kept = 0;
   try {
     for (unsigned g = 0; g < numGroups; ++g) {
@@ -283,23 +360,12 @@ std::uint32_t JoinPruneMessage::readJoinPruneMessage(
       auto& joinedRpt = gd.sourceSet(SourceCollection::JoinedRpt);
       joined.reserve(joined.size() + numJoined);
       bool starGJoined = false;
+      Nimo::IpGenAddr s;
+      SourceFlags flags;
       for (unsigned i = 0; i < numJoined; ++i) {
-        EncodedSourceAddress es;
-        n = es.readSourceAddress(pkt, pos);
-        if (n == 0) return fail(kJoinedParse);
-        pos += n;
-        const Nimo::IpGenAddr& s = es.sourceAddress().address.address();
-        if (!es.valid()) {
-          warn(kJoinedInvalid, es.sourceAddress().address);
-          continue;
-        }
-        if (familyOf(s) != family) {
-          warn(kSourceFamily, unsigned{familyOf(s)});
-          continue;
-        }
-        const SourceFlags flags(es.flags());
-        if (flags.isInvalid()) return fail(kWcRptCleared);
-        ++report_.processed;
+        const SourceRead r = readEntry(true, s, flags);
+        if (r == SourceRead::Fatal) return 0;
+        if (r == SourceRead::Skip) continue;
         if (flags.isSg()) {
           joined.insert(s);
         } else if (flags.isSgRpt()) {
@@ -320,22 +386,9 @@ std::uint32_t JoinPruneMessage::readJoinPruneMessage(
       auto& prunedRpt = gd.sourceSet(SourceCollection::PrunedRpt);
       bool starGJoinPruned = false;
       for (unsigned i = 0; i < numPruned; ++i) {
-        EncodedSourceAddress es;
-        n = es.readSourceAddress(pkt, pos);
-        if (n == 0) return fail(kPrunedParse);
-        pos += n;
-        const Nimo::IpGenAddr& s = es.sourceAddress().address.address();
-        if (!es.valid()) {
-          warn(kPrunedInvalid, es.sourceAddress().address);
-          continue;
-        }
-        if (familyOf(s) != family) {
-          warn(kSourceFamily, unsigned{familyOf(s)});
-          continue;
-        }
-        const SourceFlags flags(es.flags());
-        if (flags.isInvalid()) return fail(kWcRptCleared);
-        ++report_.processed;
+        const SourceRead r = readEntry(false, s, flags);
+        if (r == SourceRead::Fatal) return 0;
+        if (r == SourceRead::Skip) continue;
         if (flags.isSg()) {
           if (joined.erase(s)) warn(kBothSg, s);
           pruned.insert(s);
@@ -402,6 +455,8 @@ std::uint32_t JoinPruneMessage::writeJoinPruneMessage(
   }
   const std::uint32_t groupHeader = groupSize + 4;
   const std::uint32_t end = offset + budget;
+  // Taken once: the packet is private from here on, so the encoders below write here too.
+  std::uint8_t* const base = pkt->writableData(0);
   std::uint32_t pos = offset;
   auto left = [&] { return end - pos; };
 
@@ -531,8 +586,7 @@ std::uint32_t JoinPruneMessage::writeJoinPruneMessage(
           break;
         } else {
           if (!wc->join() && data.periodic()) fail(kPeriodicStarGPrune);
-          EncodedSourceAddress es(SourceAddress(hostPrefix(rp), phase.flags.value()));
-          const std::uint32_t sn = es.writeSourceAddress(pkt, pos);
+          const std::uint32_t sn = writeSource(pkt, base, pos, rp, phase.flags);
           if (sn == 0) return fail(fmt::runtime(phase.writeError));
           pos += sn;
           ++count[wc->join()];
@@ -548,24 +602,24 @@ std::uint32_t JoinPruneMessage::writeJoinPruneMessage(
       std::size_t i = first;
       for (; i < set.size(); ++i) {
         const SourceEntry& e = set[i];
-        if (phase.join && e.suppressed) {
-          note(9, kJoinSuppressed, group, e.address);
+        const Nimo::IpGenAddr a = e.address();
+        if (phase.join && e.suppressed()) {
+          note(9, kJoinSuppressed, group, a);
           ++report_.suppressed;
-        } else if (familyOf(e.address) != family) {
-          note(5, kEntryWrongFamily, unsigned{familyOf(e.address)}, e.address);
+        } else if (familyOf(a) != family) {
+          note(5, kEntryWrongFamily, unsigned{familyOf(a)}, a);
           ++report_.filtered;
         } else if (!fits()) {
-          stopAt(e.address);
+          stopAt(a);
           break;
         } else {
-          EncodedSourceAddress es(SourceAddress(hostPrefix(e.address), phase.flags.value()));
-          const std::uint32_t sn = es.writeSourceAddress(pkt, pos);
+          const std::uint32_t sn = writeSource(pkt, base, pos, a, phase.flags);
           if (sn == 0) return fail(fmt::runtime(phase.writeError));
           pos += sn;
           ++c;
           ++report_.processed;
         }
-        note(9, fmt::runtime(phase.deleting), e.address, group);
+        note(9, fmt::runtime(phase.deleting), a, group);
       }
       set.eraseRange(first, i);
     }
@@ -627,12 +681,12 @@ void JoinPruneMessage::print(std::ostream& os) const {
      << ", numGroups=" << d.joinPruneGroupData().size() << ", groups=[ ";
   for (const auto& [group, gd] : d.joinPruneGroupData()) {
     os << "\n\tgroup=( address=" << group << ", flags=" << unsigned{gd.groupFlags()} << " )";
-    for (const auto& e : gd.joinedRptSource()) os << "\n\t\tjoin=" << e.address << ", (S,G,rpt)";
-    for (const auto& e : gd.joinedSource()) os << "\n\t\tjoin=" << e.address << ", (S,G)";
+    for (const auto& e : gd.joinedRptSource()) os << "\n\t\tjoin=" << e.address() << ", (S,G,rpt)";
+    for (const auto& e : gd.joinedSource()) os << "\n\t\tjoin=" << e.address() << ", (S,G)";
     const auto& wc = gd.wcSourceData();
     if (wc) os << (wc->join() ? "\n\t\tjoin= " : "\n\t\tprune= ") << wc->rp() << ", (*,G)";
-    for (const auto& e : gd.prunedRptSource()) os << "\n\t\tprune=" << e.address << ", (S,G,rpt)";
-    for (const auto& e : gd.prunedSource()) os << "\n\t\tprune=" << e.address << ", (S,G)";
+    for (const auto& e : gd.prunedRptSource()) os << "\n\t\tprune=" << e.address() << ", (S,G,rpt)";
+    for (const auto& e : gd.prunedSource()) os << "\n\t\tprune=" << e.address() << ", (S,G)";
     const std::size_t joins =
         gd.joinedRptSource().size() + gd.joinedSource().size() + (wc && wc->join() ? 1 : 0);
     os << "\n\tGroup " << group << " has " << joins << " joined sources and " << gd.routes() - joins

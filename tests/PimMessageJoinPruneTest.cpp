@@ -91,7 +91,7 @@ std::string describe(const JoinPruneData& d) {
     out += g.str() + (gd.groupFlags() & 0x80 ? "b" : "");
     auto list = [&](const char* tag, const Routing::Pim::SourceSet& set) {
       for (const auto& e : set)
-        out += fmt::format(" {}{}{}", tag, e.address, e.suppressed ? "~" : "");
+        out += fmt::format(" {}{}{}", tag, e.address(), e.suppressed() ? "~" : "");
     };
     list("+R", gd.joinedRptSource());
     list("+S", gd.joinedSource());
@@ -575,11 +575,11 @@ void collect(const JoinPruneData& d, std::set<Entry>& into, bool& twice) {
     auto add = [&](char k, const Nimo::IpGenAddr& a) {
       twice |= !into.insert(Entry{g.str(), k, a.str()}).second;
     };
-    for (const auto& e : gd.joinedRptSource()) add('R', e.address);
-    for (const auto& e : gd.joinedSource()) add('S', e.address);
+    for (const auto& e : gd.joinedRptSource()) add('R', e.address());
+    for (const auto& e : gd.joinedSource()) add('S', e.address());
     if (const auto& wc = gd.wcSourceData()) add(wc->join() ? '*' : '.', wc->rp());
-    for (const auto& e : gd.prunedRptSource()) add('r', e.address);
-    for (const auto& e : gd.prunedSource()) add('s', e.address);
+    for (const auto& e : gd.prunedRptSource()) add('r', e.address());
+    for (const auto& e : gd.prunedSource()) add('s', e.address());
   }
 }
 

@@ -31,6 +31,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <ostream>
@@ -225,10 +226,40 @@ class SourceFlags {
   std::uint8_t value_ = 0;
 };
 
-struct SourceEntry {
-  Nimo::IpGenAddr address;
-  bool suppressed = false;  // joins only: not to be sent
-  friend bool operator==(const SourceEntry&, const SourceEntry&) = default;
+// One source of a set. The address is kept as 16 bytes ahead of its family, so that the
+// next insertion compares against exactly what the last one stored (an IpGenAddr there
+// would put the bytes at an odd offset, and reading them back stalls on every source).
+class SourceEntry {
+ public:
+  SourceEntry(const Nimo::IpGenAddr& a, bool suppressed) noexcept
+      : af_(a.af()), suppressed_(suppressed) {
+    std::memcpy(bytes_, a.bytes(), sizeof bytes_);
+  }
+  Nimo::IpGenAddr address() const noexcept { return Nimo::IpGenAddr(af_, bytes_); }
+  bool suppressed() const noexcept { return suppressed_; }
+  friend bool operator==(const SourceEntry& a, const SourceEntry& b) noexcept {
+    return a.af_ == b.af_ && a.suppressed_ == b.suppressed_ &&
+           std::memcmp(a.bytes_, b.bytes_, sizeof a.bytes_) == 0;
+  }
+
+ private:
+  friend class SourceSet;
+  // Family, then bytes as a big-endian number: IpGenAddr's order.
+  bool less(const Nimo::IpGenAddr& a) const noexcept {
+    if (af_ != a.af()) return af_ < a.af();
+    std::uint64_t x[2], y[2];
+    std::memcpy(x, bytes_, 16);
+    std::memcpy(y, a.bytes(), 16);
+    const std::uint64_t x0 = __builtin_bswap64(x[0]), y0 = __builtin_bswap64(y[0]);
+    if (x0 != y0) return x0 < y0;
+    return __builtin_bswap64(x[1]) < __builtin_bswap64(y[1]);
+  }
+  bool is(const Nimo::IpGenAddr& a) const noexcept {
+    return af_ == a.af() && std::memcmp(bytes_, a.bytes(), sizeof bytes_) == 0;
+  }
+  alignas(8) std::uint8_t bytes_[16];
+  Nimo::AddressFamily af_;
+  bool suppressed_;
 };
 
 // A set of sources kept as a sorted vector.
@@ -245,18 +276,18 @@ class SourceSet {
 
   // False if a was already there.
   bool insert(const Nimo::IpGenAddr& a) {
-    if (v_.empty() || v_.back().address < a) {
-      v_.push_back(SourceEntry{a, false});
+    if (v_.empty() || v_.back().less(a)) {
+      v_.push_back(SourceEntry(a, false));
       return true;
     }
     auto it = lower(a);
-    if (it != v_.end() && it->address == a) return false;
-    v_.insert(it, SourceEntry{a, false});
+    if (it != v_.end() && it->is(a)) return false;
+    v_.insert(it, SourceEntry(a, false));
     return true;
   }
   bool erase(const Nimo::IpGenAddr& a) {
     auto it = lower(a);
-    if (it == v_.end() || it->address != a) return false;
+    if (it == v_.end() || !it->is(a)) return false;
     v_.erase(it);
     return true;
   }
@@ -269,7 +300,7 @@ class SourceSet {
   bool contains(const Nimo::IpGenAddr& a) const noexcept { return find(a) != nullptr; }
   const SourceEntry* find(const Nimo::IpGenAddr& a) const noexcept {
     auto it = lower(a);
-    return it != v_.end() && it->address == a ? &*it : nullptr;
+    return it != v_.end() && it->is(a) ? &*it : nullptr;
   }
   // Index of the first entry not below a.
   std::size_t lowerBound(const Nimo::IpGenAddr& a) const noexcept {
@@ -277,8 +308,8 @@ class SourceSet {
   }
   bool suppressedIs(const Nimo::IpGenAddr& a, bool s) noexcept {
     auto it = lower(a);
-    if (it == v_.end() || it->address != a) return false;
-    it->suppressed = s;
+    if (it == v_.end() || !it->is(a)) return false;
+    it->suppressed_ = s;
     return true;
   }
   friend bool operator==(const SourceSet&, const SourceSet&) = default;
@@ -287,7 +318,7 @@ class SourceSet {
   std::vector<SourceEntry>::iterator lower(const Nimo::IpGenAddr& a) noexcept {
     return std::lower_bound(
         v_.begin(), v_.end(), a,
-        [](const SourceEntry& e, const Nimo::IpGenAddr& x) { return e.address < x; });
+        [](const SourceEntry& e, const Nimo::IpGenAddr& x) { return e.less(x); });
   }
   std::vector<SourceEntry>::const_iterator lower(const Nimo::IpGenAddr& a) const noexcept {
     return const_cast<SourceSet*>(this)->lower(a);
