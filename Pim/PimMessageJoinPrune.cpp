@@ -355,36 +355,46 @@ std::uint32_t JoinPruneMessage::readJoinPruneMessage(
       JoinPruneGroupData& gd = data.joinPruneGroupDataIs(group.address);
       gd.groupFlagsIs(group.flags);
 
-      // Joined sources
+      // Joined sources. The contradiction rules below hold whichever of the two entries
+      // came first: a group may be listed twice, its prunes before its joins.
       auto& joined = gd.sourceSet(SourceCollection::Joined);
       auto& joinedRpt = gd.sourceSet(SourceCollection::JoinedRpt);
+      auto& pruned = gd.sourceSet(SourceCollection::Pruned);
+      auto& prunedRpt = gd.sourceSet(SourceCollection::PrunedRpt);
       joined.reserve(joined.size() + numJoined);
-      bool starGJoined = false;
+      bool starGJoinPruned = false;
       Nimo::IpGenAddr s;
       SourceFlags flags;
       for (unsigned i = 0; i < numJoined; ++i) {
         const SourceRead r = readEntry(true, s, flags);
         if (r == SourceRead::Fatal) return 0;
         if (r == SourceRead::Skip) continue;
+        const auto& wc = gd.wcSourceData();
         if (flags.isSg()) {
+          if (pruned.contains(s)) {
+            warn(kBothSg, s);
+            continue;
+          }
+          if (prunedRpt.erase(s)) warn(kSgAndRpt, s);
           joined.insert(s);
         } else if (flags.isSgRpt()) {
-          joinedRpt.insert(s);
-        } else {
-          if (gd.wcSourceData() && gd.wcSourceData()->join()) {
-            warn(kMultipleStarG, gd.wcSourceData()->rp(), s);
+          if (prunedRpt.contains(s)) {
+            warn(kBothRpt, s);
+            continue;
           }
+          joinedRpt.insert(s);
+        } else if (wc && !wc->join()) {
+          warn(kStarGJoinAndPrune, s, wc->rp());
+          starGJoinPruned = true;
+        } else {
+          if (wc) warn(kMultipleStarG, wc->rp(), s);
           gd.wcSourceDataIs(WcSourceData(s, true));
-          starGJoined = true;
         }
       }
-      // A (*,G) join covers the group's (S,G,rpt) joins, wherever they stood in the list.
-      if (starGJoined) joinedRpt.clear();
+      // A (*,G) join covers the group's (S,G,rpt) joins, wherever they stood.
+      if (gd.wcSourceData() && gd.wcSourceData()->join()) joinedRpt.clear();
 
       // Pruned sources, resolving contradictions with the joins
-      auto& pruned = gd.sourceSet(SourceCollection::Pruned);
-      auto& prunedRpt = gd.sourceSet(SourceCollection::PrunedRpt);
-      bool starGJoinPruned = false;
       for (unsigned i = 0; i < numPruned; ++i) {
         const SourceRead r = readEntry(false, s, flags);
         if (r == SourceRead::Fatal) return 0;
@@ -407,8 +417,8 @@ std::uint32_t JoinPruneMessage::readJoinPruneMessage(
           gd.wcSourceDataIs(WcSourceData(s, false));
         }
       }
-      // The (*,G) prune that overrode a (*,G) join takes the group's (S,G,rpt) state with
-      // it, prunes listed after it included.
+      // A (*,G) prune that met a (*,G) join takes the group's (S,G,rpt) state with it,
+      // entries listed after it included.
       if (starGJoinPruned) {
         joinedRpt.clear();
         prunedRpt.clear();

@@ -254,6 +254,22 @@ const ReadCase kReadCases[] = {
      {{"239.1.1.1/32", 0, {}, {{"10.9.9.2", 0x07}, {"10.0.0.3", 0x05}}}},
      "239.1.1.1/32 -*10.9.9.2 -R10.0.0.3",
      {}},
+    {"GroupListedTwicePrunesFirst",
+     {{"239.1.1.1/32", 0, {}, {{"10.0.0.1"}, {"10.0.0.2", 0x05}, {"10.0.0.3", 0x05}}},
+      {"239.1.1.1/32", 0, {{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3", 0x05}}, {}}},
+     "239.1.1.1/32 +S10.0.0.2 -R10.0.0.3 -S10.0.0.1",
+     {"Invalid Pim Join/Prune Source - Source 10.0.0.1 is both joined and pruned (S,G) source.  "
+      "Only processing  it as a pruned (S,G) source.",
+      "Invalid Pim Join/Prune Source - Source 10.0.0.2 is both joined (S,G) source and pruned "
+      "(S,G,rpt) source. Only processing it as a (S,G) source.",
+      "Invalid Pim Join/Prune Source - Source 10.0.0.3 is both joined and pruned (S,G,rpt) "
+      "source.  Only processing it as a pruned (S,G,rpt) source."}},
+    {"GroupListedTwiceStarGJoinThenRptJoin",
+     {{"239.1.1.1/32", 0, {{"10.9.9.1", 0x07}}, {}},
+      {"239.1.1.1/32", 0, {{"10.0.0.1", 0x05}}, {{"10.9.9.2", 0x07}}}},
+     "239.1.1.1/32 -*10.9.9.2",
+     {"Invalid Pim Join/Prune Source - Received (*,G) join and prune source. Removing (*,G) join "
+      "[RP: 10.9.9.1] and using (*,G) prune [RP: 10.9.9.2"}},
     {"DuplicatesAndUnsortedCollapse",
      {{"239.1.1.1/32", 0, {{"10.0.0.9"}, {"10.0.0.1"}, {"10.0.0.9"}, {"10.0.0.5"}}, {}}},
      "239.1.1.1/32 +S10.0.0.1 +S10.0.0.5 +S10.0.0.9",
