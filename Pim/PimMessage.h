@@ -425,9 +425,11 @@ std::ostream& operator<<(std::ostream& os, const HelloMessage::HelloImplPropagat
 // which resumes at the bookmark the first one left. A sender therefore calls the writer
 // with a fresh packet until the data set is empty; a call that writes nothing returns 0.
 //
-// Units: report counts source entries, the (*,G) entry included; processed = written
-// (or, reading, kept), suppressed = suppressed joins dropped, filtered = entries of groups
-// a filter dropped plus entries of the wrong family.
+// Units: report counts source entries, the (*,G) entry included. Writing: processed =
+// written, suppressed = suppressed joins dropped, filtered = entries of groups a filter
+// dropped plus entries of the wrong family; the three add up to the entries drained.
+// Reading adds up over reads: processed = entries accepted (before contradictions are
+// resolved), filtered = entries of groups the boundary or mode filter dropped.
 //
 // Usage:
 //   auto m = Kel::Ptr<JoinPruneMessage>::make();
