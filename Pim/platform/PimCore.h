@@ -185,12 +185,13 @@ inline std::ostream& operator<<(std::ostream& os, const LanPruneDelayOption& o) 
 // and (S,G,rpt) prunes, and at most one (*,G) entry (its RP, join or prune). Joins carry a
 // suppression mark that the agent's join suppression sets; the writer drops marked joins.
 //
-// Containers: each source collection is a sorted flat vector (SourceSet). A message is
-// read in wire order, which our writer and most peers emit sorted, so inserting is an
-// append after one comparison; the writer drains each collection from a position to its
-// end in one erase. A node per source would cost more than parsing the source. Groups are
-// a std::map by prefix: one node per group is small beside the group's sources, and the
-// writer needs their order to resume from a bookmark.
+// Containers: each source collection is a sorted flat vector (SourceSet), 24 bytes a
+// source. A message is read in wire order; when that is ascending (our writer's order),
+// inserting is an append after one comparison, otherwise a binary search and a move. The
+// writer drains a collection from a position onwards in one erase. A node per source
+// would cost more than parsing the source. Groups are a std::map by prefix: one node per
+// group is small beside its sources, and the writer needs their order to resume from a
+// bookmark.
 //
 // Usage:
 //   auto jp = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
@@ -480,7 +481,6 @@ class JoinPruneData : public Kel::PtrInterface {
   // The group's data, created empty if absent.
   JoinPruneGroupData& joinPruneGroupDataIs(const Nimo::IpGenPrefix& g) { return groups_[g]; }
   void joinPruneGroupDataDel(const Nimo::IpGenPrefix& g) { groups_.erase(g); }
-  void joinPruneGroupDataDelAll() noexcept { groups_.clear(); }
 
   const std::optional<Bookmark>& bookmark() const noexcept { return bookmark_; }
   void bookmarkIs(const Bookmark& b) noexcept { bookmark_ = b; }
