@@ -443,6 +443,12 @@ TEST_F(TraceTest, JoinPruneWriteDrains) {
        {}},
       // 9000 bytes would hold 448 such groups: the count byte allows 255.
       {"Group256InTheNextMessage", groups(0, 256), 9000, {groups(0, 255), groups(255, 1)}, {}},
+      // Added again out of order, a suppressed join stays suppressed.
+      {"RepeatKeepsSuppression",
+       g + " +S10.0.0.2 +S10.0.0.1~ +S10.0.0.1",
+       1500,
+       {g + " +S10.0.0.2"},
+       {}},
       {"SuppressedAndFiltered",
        "239.1.1.1/32 +S10.0.0.1~ +*10.9.9.9~; 239.1.1.2/32 +S10.0.0.1~ +S10.0.0.2 -S10.0.0.3; "
        "239.255.0.1/32 +S10.0.0.1 -S10.0.0.2; 239.1.1.3/32b +S10.0.0.1",

@@ -246,66 +246,77 @@ class SourceEntry {
  private:
   friend class SourceSet;
   // Family, then bytes as a big-endian number: IpGenAddr's order.
-  bool less(const Nimo::IpGenAddr& a) const noexcept {
-    if (af_ != a.af()) return af_ < a.af();
+  static bool less(Nimo::AddressFamily af, const std::uint8_t* b, Nimo::AddressFamily otherAf,
+                   const std::uint8_t* other) noexcept {
+    if (af != otherAf) return af < otherAf;
     std::uint64_t x[2], y[2];
-    std::memcpy(x, bytes_, 16);
-    std::memcpy(y, a.bytes(), 16);
+    std::memcpy(x, b, 16);
+    std::memcpy(y, other, 16);
     const std::uint64_t x0 = __builtin_bswap64(x[0]), y0 = __builtin_bswap64(y[0]);
     if (x0 != y0) return x0 < y0;
     return __builtin_bswap64(x[1]) < __builtin_bswap64(y[1]);
   }
+  bool less(const Nimo::IpGenAddr& a) const noexcept {
+    return less(af_, bytes_, a.af(), a.bytes());
+  }
+  bool less(const SourceEntry& o) const noexcept { return less(af_, bytes_, o.af_, o.bytes_); }
   bool is(const Nimo::IpGenAddr& a) const noexcept {
     return af_ == a.af() && std::memcmp(bytes_, a.bytes(), sizeof bytes_) == 0;
+  }
+  bool is(const SourceEntry& o) const noexcept {
+    return af_ == o.af_ && std::memcmp(bytes_, o.bytes_, sizeof bytes_) == 0;
   }
   alignas(8) std::uint8_t bytes_[16];
   Nimo::AddressFamily af_;
   bool suppressed_;
 };
 
-// A set of sources kept as a sorted vector.
+// A set of sources kept as a sorted vector. An insertion out of order is appended and the
+// vector sorted (duplicates dropped, the first kept) on the next lookup or walk: a message
+// whose sources come in descending order then costs one sort, not a move per source.
 class SourceSet {
  public:
   using const_iterator = std::vector<SourceEntry>::const_iterator;
 
-  std::size_t size() const noexcept { return v_.size(); }
+  std::size_t size() const noexcept { return settled().size(); }
   bool empty() const noexcept { return v_.empty(); }
-  const_iterator begin() const noexcept { return v_.begin(); }
-  const_iterator end() const noexcept { return v_.end(); }
-  const SourceEntry& operator[](std::size_t i) const noexcept { return v_[i]; }
+  const_iterator begin() const noexcept { return settled().begin(); }
+  const_iterator end() const noexcept { return settled().end(); }
+  const SourceEntry& operator[](std::size_t i) const noexcept { return settled()[i]; }
   void reserve(std::size_t n) { v_.reserve(n); }
 
-  // False if a was already there.
-  bool insert(const Nimo::IpGenAddr& a) {
-    if (v_.empty() || v_.back().less(a)) {
-      v_.push_back(SourceEntry(a, false));
-      return true;
+  // An address already there stays as it is (suppression mark included).
+  void insert(const Nimo::IpGenAddr& a) {
+    if (!v_.empty()) {
+      if (v_.back().is(a)) return;
+      if (!v_.back().less(a)) sorted_ = false;
     }
-    auto it = lower(a);
-    if (it != v_.end() && it->is(a)) return false;
-    v_.insert(it, SourceEntry(a, false));
-    return true;
+    v_.push_back(SourceEntry(a, false));
   }
-  bool erase(const Nimo::IpGenAddr& a) {
+  bool erase(const Nimo::IpGenAddr& a) noexcept {
     auto it = lower(a);
     if (it == v_.end() || !it->is(a)) return false;
     v_.erase(it);
     return true;
   }
   // Removes the entries [first, last) by index.
-  void eraseRange(std::size_t first, std::size_t last) {
+  void eraseRange(std::size_t first, std::size_t last) noexcept {
+    settled();
     v_.erase(v_.begin() + static_cast<std::ptrdiff_t>(first),
              v_.begin() + static_cast<std::ptrdiff_t>(last));
   }
-  void clear() noexcept { v_.clear(); }
+  void clear() noexcept {
+    v_.clear();
+    sorted_ = true;
+  }
   bool contains(const Nimo::IpGenAddr& a) const noexcept { return find(a) != nullptr; }
   const SourceEntry* find(const Nimo::IpGenAddr& a) const noexcept {
-    auto it = lower(a);
+    auto it = const_cast<SourceSet*>(this)->lower(a);
     return it != v_.end() && it->is(a) ? &*it : nullptr;
   }
   // Index of the first entry not below a.
   std::size_t lowerBound(const Nimo::IpGenAddr& a) const noexcept {
-    return static_cast<std::size_t>(lower(a) - v_.begin());
+    return static_cast<std::size_t>(const_cast<SourceSet*>(this)->lower(a) - v_.begin());
   }
   bool suppressedIs(const Nimo::IpGenAddr& a, bool s) noexcept {
     auto it = lower(a);
@@ -313,18 +324,36 @@ class SourceSet {
     it->suppressed_ = s;
     return true;
   }
-  friend bool operator==(const SourceSet&, const SourceSet&) = default;
+  friend bool operator==(const SourceSet& a, const SourceSet& b) noexcept {
+    return a.settled() == b.settled();
+  }
 
  private:
+  // Sorts without allocating. Of equal addresses the first is kept, and it carries the
+  // suppression mark if any does: appended repeats are never marked, so that is the mark
+  // of the entry that was there first.
+  const std::vector<SourceEntry>& settled() const noexcept {
+    if (!sorted_) {
+      std::sort(v_.begin(), v_.end(), [](const SourceEntry& x, const SourceEntry& y) {
+        if (x.is(y)) return x.suppressed_ && !y.suppressed_;
+        return x.less(y);
+      });
+      v_.erase(std::unique(v_.begin(), v_.end(),
+                           [](const SourceEntry& x, const SourceEntry& y) { return x.is(y); }),
+               v_.end());
+      sorted_ = true;
+    }
+    return v_;
+  }
   std::vector<SourceEntry>::iterator lower(const Nimo::IpGenAddr& a) noexcept {
+    settled();
     return std::lower_bound(
         v_.begin(), v_.end(), a,
         [](const SourceEntry& e, const Nimo::IpGenAddr& x) { return e.less(x); });
   }
-  std::vector<SourceEntry>::const_iterator lower(const Nimo::IpGenAddr& a) const noexcept {
-    return const_cast<SourceSet*>(this)->lower(a);
-  }
-  std::vector<SourceEntry> v_;
+  // Mutable: sorting a pending tail changes no value, only its order in memory.
+  mutable std::vector<SourceEntry> v_;
+  mutable bool sorted_ = true;
 };
 
 // The (*,G) entry of a group: the RP, joined or pruned.
@@ -352,7 +381,7 @@ enum class SourceCollection : std::uint8_t { JoinedRpt = 0, Joined = 1, PrunedRp
 class RptPrunedGroupData {
  public:
   const SourceSet& prunedRptSource() const noexcept { return prunedRpt_; }
-  bool prunedRptSourceIs(const Nimo::IpGenAddr& s) { return prunedRpt_.insert(s); }
+  void prunedRptSourceIs(const Nimo::IpGenAddr& s) { prunedRpt_.insert(s); }
   bool prunedRptSourceDel(const Nimo::IpGenAddr& s) { return prunedRpt_.erase(s); }
   void prunedRptSourceDelAll() noexcept { prunedRpt_.clear(); }
   friend bool operator==(const RptPrunedGroupData&, const RptPrunedGroupData&) = default;
@@ -368,17 +397,17 @@ class JoinPruneGroupData : public RptPrunedGroupData {
   void groupFlagsIs(std::uint8_t f) noexcept { groupFlags_ = f; }
 
   const SourceSet& joinedSource() const noexcept { return joined_; }
-  bool joinedSourceIs(const Nimo::IpGenAddr& s) { return joined_.insert(s); }
+  void joinedSourceIs(const Nimo::IpGenAddr& s) { joined_.insert(s); }
   bool joinedSourceDel(const Nimo::IpGenAddr& s) { return joined_.erase(s); }
   void joinedSourceDelAll() noexcept { joined_.clear(); }
 
   const SourceSet& joinedRptSource() const noexcept { return joinedRpt_; }
-  bool joinedRptSourceIs(const Nimo::IpGenAddr& s) { return joinedRpt_.insert(s); }
+  void joinedRptSourceIs(const Nimo::IpGenAddr& s) { joinedRpt_.insert(s); }
   bool joinedRptSourceDel(const Nimo::IpGenAddr& s) { return joinedRpt_.erase(s); }
   void joinedRptSourceDelAll() noexcept { joinedRpt_.clear(); }
 
   const SourceSet& prunedSource() const noexcept { return pruned_; }
-  bool prunedSourceIs(const Nimo::IpGenAddr& s) { return pruned_.insert(s); }
+  void prunedSourceIs(const Nimo::IpGenAddr& s) { pruned_.insert(s); }
   bool prunedSourceDel(const Nimo::IpGenAddr& s) { return pruned_.erase(s); }
   void prunedSourceDelAll() noexcept { pruned_.clear(); }
 
