@@ -45,15 +45,14 @@ constexpr char kJoinedInvalid[] =
 constexpr char kSourceFamily[] =
     "Warning: Pim Join/Prune - Source Address - Mismatch in Address Family: {}";
 constexpr char kWcRptCleared[] = "Invalid Pim Join/Prune - WC set, RPT cleared";
-// The RP texts end without a closing bracket: operators' scripts match these lines as
-// other routers print them.
+// The RP texts end without a closing bracket, and the double blanks in the contradiction
+// texts below stay: operators' scripts match these lines character for character.
 constexpr char kMultipleStarG[] =
     "Invalid Pim Join/Prune Source - Received multiple (*,G) join sources. Removing [RP: {}] and "
     "using [RP: {}";
 constexpr char kPrunedParse[] = "Invalid Pim Join/Prune - Pruned Source Address - Parse Error";
 constexpr char kPrunedInvalid[] =
     "Warning: Pim Join/Prune - Pruned Source Address - Skipping Invalid Address: {}";
-// The double blanks are in the lines as deployed routers print them.
 constexpr char kBothSg[] =
     "Invalid Pim Join/Prune Source - Source {} is both joined and pruned (S,G) source.  Only "
     "processing  it as a pruned (S,G) source.";
