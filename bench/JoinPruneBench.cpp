@@ -15,8 +15,9 @@
 // The writer deletes what it writes, so each write or drain iteration first copies the
 // data set from a prototype; that copy is measured on its own and printed beside, and the
 // per-source figures are given with and without it. A read includes making the message
-// and its data set, as the receive path does per packet. Tracing is off. Run from the
-// release preset:
+// and its data set, as the receive path does per packet. Tracing is off. The summary
+// divides CPU times (medians with --benchmark_repetitions), so that other processes on a
+// shared machine shift the figures less. Run from the release preset:
 //   cmake --preset release && cmake --build build/release --target JoinPruneBench
 //   build/release/bench/JoinPruneBench
 #include <benchmark/benchmark.h>
@@ -234,9 +235,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
       if (r.error_occurred) continue;
       const std::string name = r.run_name.str();
       if (r.run_type == Run::RT_Iteration) {
-        samples_[name].push_back(r.GetAdjustedRealTime());
+        samples_[name].push_back(r.GetAdjustedCPUTime());
       } else if (r.aggregate_name == "median") {
-        median_[name] = r.GetAdjustedRealTime();
+        median_[name] = r.GetAdjustedCPUTime();
       }
     }
     ConsoleReporter::ReportRuns(runs);
