@@ -186,3 +186,68 @@ TEST(InteropTshark, HelloOptionsAndChecksumDecodeAsWritten) {
 }
 
 }  // namespace
+
+namespace {
+
+// Join/Prunes written by our codec, one per family: two groups, every kind of entry.
+TEST(InteropTshark, JoinPruneDecodesAsWritten) {
+  if (std::system("command -v tshark >/dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "tshark is not installed";
+  }
+  std::vector<std::vector<std::uint8_t>> packets;
+  for (bool v6 : {false, true}) {
+    auto a = [v6](const char* v4, const char* v6Text) { return IpGenAddr(v6 ? v6Text : v4); };
+    auto data = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
+    data->upstreamNeighborIs(a("10.0.0.2", "fe80::2"));
+    data->holdTimeIs(210);
+    const auto width = static_cast<std::uint8_t>(v6 ? 128 : 32);
+    auto& g1 = data->joinPruneGroupDataIs(Nimo::IpGenPrefix(a("239.1.1.1", "ff3e::1"), width));
+    g1.joinedSourceIs(a("10.1.1.1", "2001:db8::1"));
+    g1.wcSourceDataIs(Routing::Pim::WcSourceData(a("10.9.9.9", "2001:db8::99"), true));
+    g1.prunedRptSourceIs(a("10.2.2.2", "2001:db8::2"));
+    auto& g2 = data->joinPruneGroupDataIs(Nimo::IpGenPrefix(a("232.1.1.1", "ff3e::2"), width));
+    g2.joinedRptSourceIs(a("10.3.3.3", "2001:db8::3"));
+    g2.prunedSourceIs(a("10.4.4.4", "2001:db8::4"));
+    Routing::Pim::Packet::JoinPruneMessage m;
+    m.srcIpIs(a("10.0.0.1", "fe80::1"));
+    m.dstIpIs(a("224.0.0.13", "ff02::d"));
+    m.joinPruneDataIs(data);
+    auto pkt = Nimo::Pkt::create(1500);
+    const std::uint32_t n = m.writeJoinPruneMessage(pkt, 0, nullptr);  // trims pkt to n
+    const std::uint32_t ipLen = v6 ? Nimo::Ipv6Hdr::kSize : Nimo::Ipv4Hdr::kMinSize;
+    ASSERT_TRUE(n != 0 && pkt->prepend(ipLen));
+    if (v6) {
+      Nimo::Ipv6Hdr(pkt->writableData(0, ipLen))
+          .build(0xc0, static_cast<std::uint16_t>(n), Nimo::kIpProtoPim, 1, m.srcIp(), m.dstIp());
+    } else {
+      Nimo::Ipv4Hdr(pkt->writableData(0, ipLen))
+          .build(0xc0, static_cast<std::uint16_t>(ipLen + n), 1, Nimo::kIpProtoPim, m.srcIp(),
+                 m.dstIp());
+    }
+    packets.emplace_back(pkt->data(0), pkt->data(0) + pkt->size());
+  }
+  TempDir dir;
+  const std::string pcap = (dir.path / "joinprunes.pcap").string();
+  writePcap(pcap, packets);
+  std::string command =
+      "tshark -n -r '" + pcap + "' -T fields -E separator='|' -E occurrence=a -E aggregator=,";
+  for (const char* f :
+       {"pim.cksum.status", "pim.upstream_neighbor", "pim.upstream_neighbor_ip6", "pim.holdtime",
+        "pim.numgroups", "pim.group", "pim.group_ip6", "pim.numjoins", "pim.numprunes",
+        "pim.join_ip", "pim.join_ip6", "pim.prune_ip", "pim.prune_ip6", "pim.source_addr.flags"}) {
+    command += std::string(" -e ") + f;
+  }
+  const auto lines = runLines(command + " 2>/dev/null");
+  ASSERT_EQ(lines.size(), 2u) << command;
+  // Groups in address order, each shown twice; flags per source in the order written:
+  // (S,G) 0x04, (S,G,rpt) 0x05, (*,G) 0x07.
+  EXPECT_EQ(lines[0],
+            "1|10.0.0.2||210|2|232.1.1.1,232.1.1.1,239.1.1.1,239.1.1.1||1,2|1,1|"
+            "10.3.3.3,10.1.1.1,10.9.9.9||10.4.4.4,10.2.2.2||0x05,0x04,0x04,0x07,0x05");
+  EXPECT_EQ(
+      lines[1],
+      "1||fe80::2|210|2||ff3e::1,ff3e::1,ff3e::2,ff3e::2|2,1|1,1||"
+      "2001:db8::1,2001:db8::99,2001:db8::3||2001:db8::2,2001:db8::4|0x04,0x07,0x05,0x05,0x04");
+}
+
+}  // namespace
