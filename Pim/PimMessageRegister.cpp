@@ -219,9 +219,10 @@ std::uint32_t writeData(RegisterMessage& m, Wire::Writer& out, std::uint8_t af) 
   const Nimo::Pkt& data = *m.rcvdPkt();
   const std::uint32_t size = data.size();
   const std::uint8_t* p = data.data(0, size);
-  if (p == nullptr || size < headerSize(af)) return fail(kEncapLengthWrite, size);
+  if (p == nullptr || size == 0) return fail(kEncapLengthWrite, size);
   const std::uint8_t family = innerFamily(p[0]);
   if (family != af) return fail(kInvalidFamily, unsigned{family});
+  if (size < headerSize(af)) return fail(kEncapLengthWrite, size);
   const Inner inner = parseInner(af, p);
   if (!inner.dst.isMulticast()) {
     return af == 2 ? fail(kNotMulticast6, inner.dst) : fail(kNotMulticast, inner.dst);
