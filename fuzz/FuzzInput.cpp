@@ -193,6 +193,7 @@ std::vector<std::vector<std::uint8_t>> seeds(std::string_view target) {
           encode(Family::Ipv4, 0, false, written(e, &EncodedSourceAddress::writeSourceAddress)));
     }
   }
+  for (auto& seed : messageSeeds(target)) out.push_back(std::move(seed));
   return out;
 }
 

@@ -28,6 +28,12 @@ constexpr NamedTarget kTargets[] = {
     {"readGroupAddress", &PimFuzz::readGroupAddress},
     {"readSourceAddress", &PimFuzz::readSourceAddress},
     {"readHelloMessage", &PimFuzz::readHelloMessage},
+    {"readRegisterMessage", &PimFuzz::readRegisterMessage},
+    {"readRegisterStopMessage", &PimFuzz::readRegisterStopMessage},
+    {"readAssertMessage", &PimFuzz::readAssertMessage},
+    {"readBootstrapMessage", &PimFuzz::readBootstrapMessage},
+    {"readCrpAdvMessage", &PimFuzz::readCrpAdvMessage},
+    {"readDfElectionMessage", &PimFuzz::readDfElectionMessage},
 };
 static_assert(std::size(kTargets) == std::size(PimFuzz::kTargetNames));
 
