@@ -264,7 +264,7 @@ std::uint32_t writeDummy(RegisterMessage& m, Wire::Writer& out, std::uint8_t af)
   std::uint8_t* h = out.put(need);
   if (af == 2) {
     h[0] = static_cast<std::uint8_t>(0x60 | inner.tos >> 4);
-    h[1] = static_cast<std::uint8_t>((inner.tos & 0x0f) << 4 | ((inner.flowLabel >> 16) & 0x0f));
+    h[1] = static_cast<std::uint8_t>((inner.tos & 0x0fu) << 4 | ((inner.flowLabel >> 16) & 0x0fu));
     Nimo::store16(h + 2, static_cast<std::uint16_t>(inner.flowLabel));
     Nimo::store16(h + 4, 0);  // payload length: nothing follows
     h[6] = inner.protocol;
