@@ -1,6 +1,8 @@
 // Helpers for the message-body tests: one context per address family, framed reads,
-// written bytes, and the truncation sweep every message vector goes through.
+// written bytes, and the checks every golden vector goes through.
 #pragma once
+
+#include <gmock/gmock.h>
 
 #include <functional>
 #include <set>
@@ -31,14 +33,6 @@ Kel::Ptr<M> message(const Family& f) {
 template <typename M>
 using Op = std::uint32_t (M::*)(const Kel::Ptr<Nimo::Pkt>&, std::uint32_t) noexcept;
 
-// Reads bytes placed at offset 20 of a larger buffer, as the receive path hands them over.
-template <typename M>
-std::uint32_t readFramed(M& m, Op<M> read, const Bytes& b) {
-  Bytes framed(20, 0xee);
-  framed.insert(framed.end(), b.begin(), b.end());
-  return (m.*read)(pkt(framed), 20);
-}
-
 // The bytes a write produced in room bytes, empty when it failed.
 template <typename M>
 Bytes written(M& m, Op<M> write, std::uint32_t room = 1500) {
@@ -54,18 +48,50 @@ std::string printed(const M& m) {
   return os.str();
 }
 
-// Every strict prefix of msg from 4 bytes on, its checksum made right by fix, reads as 0
-// unless its length is in complete (a message that ends on an entry boundary); under ASan
-// an over-read fails the test.
-template <typename M>
-void truncationSweep(const Family& f, Op<M> read, const Bytes& msg,
-                     const std::function<Bytes(const Bytes&)>& fix,
-                     const std::set<std::size_t>& complete = {}) {
-  for (std::size_t n = 4; n < msg.size(); ++n) {
-    const Bytes part = fix(Bytes(msg.begin(), msg.begin() + static_cast<std::ptrdiff_t>(n)));
-    auto m = message<M>(f);
-    EXPECT_EQ(((*m).*read)(pkt(part), 0), complete.count(n) ? n : 0u) << f.name() << " " << n;
+using Fix = std::function<Bytes(const Bytes&)>;  // makes a message's checksum right
+
+class CodecTest : public TraceTest {
+ protected:
+  // One golden vector both ways: tx writes it byte for byte; read at offset 20 of a
+  // larger buffer, it is taken whole into an object equal to tx, without an error line.
+  // Then every strict prefix from 4 bytes on, its checksum made right by fix, reads as 0
+  // unless its length is in complete (a message that ends between entries); under ASan
+  // an over-read fails the test.
+  template <typename M>
+  void golden(const Family& f, const Bytes& g, M& tx, Op<M> read, Op<M> write, Fix fix = {},
+              const std::set<std::size_t>& complete = {}) {
+    SCOPED_TRACE(f.name());
+    clear();
+    const Bytes out = written(tx, write);
+    EXPECT_EQ(out, g) << "written:\n" << toHex(out) << "\nwanted:\n" << toHex(g);
+    Bytes framed(20, 0xee);
+    framed.insert(framed.end(), g.begin(), g.end());
+    auto rx = message<M>(f);
+    EXPECT_EQ(((*rx).*read)(pkt(framed), 20), g.size());
+    EXPECT_EQ(*rx, tx);
+    EXPECT_THAT(errors(), ::testing::IsEmpty());
+    if (!fix) fix = [&](const Bytes& b) { return withChecksum(b, f.src, f.dst); };
+    for (std::size_t n = 4; n < g.size(); ++n) {
+      const Bytes part = fix(Bytes(g.begin(), g.begin() + static_cast<std::ptrdiff_t>(n)));
+      EXPECT_EQ(((*message<M>(f)).*read)(pkt(part), 0), complete.count(n) ? n : 0u) << n;
+    }
   }
-}
+
+  // The error lines of one read of msg (checksum made right), which must fail.
+  template <typename M>
+  std::vector<std::string> rejected(Op<M> read, const Bytes& msg, const Family& f = kV4) {
+    clear();
+    EXPECT_EQ(((*message<M>(f)).*read)(pkt(withChecksum(msg, f.src, f.dst)), 0), 0u);
+    return errors();
+  }
+
+  // The error lines of one write of m into room bytes, which must fail.
+  template <typename M>
+  std::vector<std::string> refused(M& m, Op<M> write, std::uint32_t room = 1500) {
+    clear();
+    EXPECT_THAT(written(m, write, room), ::testing::IsEmpty());
+    return errors();
+  }
+};
 
 }  // namespace PimTest
