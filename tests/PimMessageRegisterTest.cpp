@@ -164,7 +164,7 @@ TEST_F(RegisterTest, WriterChecks) {
       {"IPv4 inner in an IPv6 Register", kReg6, false, kInner4, 100, "Invalid Family - Family: 1"},
       {"data room", kReg4, false, kInner4, 35, "Encapsulated Data - Unavailable Space - Remaining: 27"},
       {"dummy room", kReg4, true, {}, 27, "Null Header - Unavailable Space - Remaining: 19"},
-      {"IPv6 dummy without inner addresses", kReg6, true, {}, 100, "Invalid Family - Family: 0"},
+      {"IPv6 dummy with IPv4 inner addresses", kReg6, true, {}, 100, "Invalid Family - Family: 1"},
   };
   // clang-format on
   for (const auto& c : cases) {
@@ -172,9 +172,8 @@ TEST_F(RegisterTest, WriterChecks) {
     auto tx = message<RegisterMessage>(c.family);
     tx->nullFlagIs(c.null);
     if (!c.inner.empty()) tx->rcvdPktIs(pkt(c.inner));
-    if (!c.family.v6)
-      tx->innerSourceIs(Nimo::IpGenAddr("10.0.0.5")),
-          tx->innerGroupIs(Nimo::IpGenAddr("239.1.2.3"));
+    tx->innerSourceIs(Nimo::IpGenAddr("10.0.0.5"));
+    tx->innerGroupIs(Nimo::IpGenAddr("239.1.2.3"));
     EXPECT_THAT(refused(*tx, &RegisterMessage::writeRegisterMessage, c.room),
                 ElementsAre("Invalid Pim Register - " + c.error));
   }
@@ -195,14 +194,6 @@ TEST_F(RegisterTest, NullRegisterFromTheDataPacketAndPrintForm) {
             "version=2 type=1 (Register) reserved=0 length=8 src=10.0.0.1 dst=10.9.9.9 | null "
             "bit=1, border bit=1 | "
             "Encapsulated src=10.0.0.5 group=239.1.2.3 outer src=10.0.0.1 outer dst=10.9.9.9");
-  clear();
-  ASSERT_EQ(message<RegisterMessage>(kReg4)->readRegisterMessage(pkt(want), 0), want.size());
-  const std::string sum =
-      fmt::format("{:#06x}", refChecksum(ip4(0x45, 20, "239.1.2.3", 17, InnerSum::Zero)));
-  EXPECT_THAT(at(4), ::testing::Contains(
-                         "RX: Dummy Header: <IP version=4 ihl=20 tos=0 len=20 id=0 moreFrag=false "
-                         "dontFrag=false reservedFragFlag=false frag=0 ttl=64 proto=17 chksum=" +
-                         sum + " computed chksum=" + sum + ">"));
 }
 
 TEST(RegisterRoundTrip, GeneratedRegisters) {
