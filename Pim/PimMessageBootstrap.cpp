@@ -314,14 +314,20 @@ std::uint32_t CrpAdvMessage::readCrpAdvMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
     if (n == 0) return discard();
     pos += n;
     const Nimo::IpGenPrefix& prefix = g.groupAddress().address;
-    if (groupData_->groupInfo.count(prefix)) return fail(kCrpDuplicate, prefix), discard();
+    if (groupData_->groupInfo.count(prefix)) {
+      fail(kCrpDuplicate, prefix);
+      return discard();
+    }
     // Accepted: a boundary router configured as a candidate RP sends these, and the BSR
     // logic logs them.
     if (g.flags() & GroupAddress::kAdminScopeZone) Wire::warn(kCrpZone, prefix, rpAddress_);
     groupData_->groupInfoIs(prefix, g.flags());
     ++groups;
   }
-  if (groups != prefixCount_) return fail(kCrpCount, unsigned{prefixCount_}, groups), discard();
+  if (groups != prefixCount_) {
+    fail(kCrpCount, unsigned{prefixCount_}, groups);
+    return discard();
+  }
   Wire::traceMessage("RX", *this);
   return pos - offset;
 } catch (const std::bad_alloc&) {

@@ -114,11 +114,11 @@ std::uint32_t writeWithSecond(DfElectionMessage& m, const Kel::Ptr<Nimo::Pkt>& p
   std::uint32_t n = EncodedUnicastAddress(m.rpAddress()).writeUnicastAddress(pkt, pos);
   if (n == 0) return fail(t.rpWrite);
   pos += n;
-  if (Wire::remainingFrom(*pkt, pos) < 8)
-    return fail(t.metricNoSpace, Wire::remainingFrom(*pkt, pos));
-  Wire::Writer(*pkt, pos).u32(m.senderMetricPreference());
-  Wire::Writer(*pkt, pos + 4).u32(m.senderMetric());
-  pos += 8;
+  Wire::Writer sender(*pkt, pos);
+  if (sender.remaining() < 8) return fail(t.metricNoSpace, sender.remaining());
+  sender.u32(m.senderMetricPreference());
+  sender.u32(m.senderMetric());
+  pos = sender.offset();
   n = EncodedUnicastAddress(s.address).writeUnicastAddress(pkt, pos);
   if (n == 0) return fail(t.secondWrite);
   pos += n;

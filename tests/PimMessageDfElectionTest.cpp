@@ -154,6 +154,12 @@ TEST(DfElectionRoundTrip, GeneratedMessages) {
       out = written(*p, &Pass::writeDfElectionPassMessage);
       ASSERT_EQ(rp2->readDfElectionPassMessage(pkt(out), 0), out.size());
       EXPECT_EQ(*rp2, *p) << seed;
+      auto o = dfObject<Winner>(*f), ro = message<Winner>(*f);
+      o->rpAddressIs(rp);
+      o->senderMetricPrefIs({~seed, seed});
+      out = written(*o, &Winner::writeDfElectionWinnerMessage);
+      ASSERT_EQ(ro->readDfElectionWinnerMessage(pkt(out), 0), out.size());
+      EXPECT_EQ(*ro, *o) << seed;
     }
   }
 }
