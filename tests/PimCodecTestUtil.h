@@ -48,6 +48,15 @@ std::string printed(const M& m) {
   return os.str();
 }
 
+// read(write(tx)) == tx, for generated messages.
+template <typename M>
+void roundTrip(const Family& f, M& tx, Op<M> read, Op<M> write, const std::string& what) {
+  const Bytes out = written(tx, write, 4000);
+  auto rx = message<M>(f);
+  EXPECT_EQ(((*rx).*read)(pkt(out), 0), out.size()) << f.name() << " " << what;
+  EXPECT_EQ(*rx, tx) << f.name() << " " << what;
+}
+
 using Fix = std::function<Bytes(const Bytes&)>;  // makes a message's checksum right
 
 class CodecTest : public TraceTest {

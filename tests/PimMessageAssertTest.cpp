@@ -104,10 +104,8 @@ TEST(AssertRoundTrip, GeneratedAsserts) {
       tx->sourceIs(EncodedUnicastAddress(f->v6
                                              ? Nimo::IpGenAddr(fmt::format("2001:db8::{:x}", seed))
                                              : Nimo::IpGenAddr::v4(0x0a000000 + seed)));
-      const Bytes out = written(*tx, &AssertMessage::writeAssertMessage);
-      auto rx = message<AssertMessage>(*f);
-      ASSERT_EQ(rx->readAssertMessage(pkt(out), 0), out.size()) << seed;
-      EXPECT_EQ(*rx, *tx) << f->name() << " seed " << seed;
+      roundTrip(*f, *tx, &AssertMessage::readAssertMessage, &AssertMessage::writeAssertMessage,
+                std::to_string(seed));
     }
   }
 }
