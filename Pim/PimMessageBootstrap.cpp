@@ -143,7 +143,14 @@ std::uint32_t BootstrapMessage::readBootstrapMessage(const Kel::Ptr<Nimo::Pkt>& 
     if (n == 0) return 0;
     pos += n;
     const Nimo::IpGenPrefix& prefix = g.groupAddress().address;
-    if (hasGroup(groupData_, prefix, groupData_.size())) return fail(kDuplicateGroup, prefix);
+    // Groups read so far are keys of fragments_, which order by prefix first: a probe with
+    // every other field at its least finds them in log time.
+    BootstrapRpFragmentKey probe;
+    probe.prefix = prefix;
+    const auto seen = fragments_.lower_bound(probe);
+    if (seen != fragments_.end() && seen->first.prefix == prefix) {
+      return fail(kDuplicateGroup, prefix);
+    }
     if (!groupData_.empty() && (g.flags() & GroupAddress::kAdminScopeZone)) {
       return fail(kZoneNotFirst);
     }
