@@ -408,6 +408,14 @@ std::ostream& operator<<(std::ostream& os, const HelloMessage::HelloImplPropagat
 // Register, Register-Stop, Assert, Bootstrap, Candidate-RP Advertisement, DF Election.
 // Their implementations are in PimMessageRegister.cpp, PimMessageAssert.cpp,
 // PimMessageBootstrap.cpp and PimMessageDfElection.cpp.
+//
+// Usage (receive side of a data Register, whose inner packet is forwarded in place):
+//   auto reg = Kel::Ptr<Routing::Pim::Packet::RegisterMessage>::make();
+//   reg->srcIpIs(outerSrc);
+//   reg->dstIpIs(outerDst);
+//   if (reg->readRegisterMessage(pkt, offset) != 0 && !reg->nullFlag()) {
+//     decapsulate(reg->rcvdPkt());  // pkt itself, now beginning at the inner IP header
+//   }
 
 #include <map>
 #include <vector>
