@@ -60,6 +60,7 @@ struct CVal {
   std::uint32_t rx[3] = {};
   std::uint32_t tx[3] = {};
   CKey key() const { return k; }
+  bool operator==(const CVal&) const = default;
   // Self-checking content for the torn-read run: every count derives from rx[0].
   static CVal make(const CKey& k, std::uint32_t n) {
     CVal v{k, {n, n * 3u, n ^ 0x5a5a5a5au}, {~n, n * 7u, n + 0x1234u}};
@@ -127,10 +128,10 @@ void BM_BareSeqlockStore(benchmark::State& state) {
   const int fd = ::open(w->file().c_str(), O_RDWR | O_CLOEXEC);
   void* base = ::mmap(nullptr, st.bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   ::close(fd);
-  using Slot = Drobe::detail::Slot<CVal>;
-  // The slots end the file, which is padded to 64 bytes.
-  const std::size_t slotBytes = (std::size_t{st.slots} * sizeof(Slot) + 63) & ~std::size_t{63};
-  auto* slots = reinterpret_cast<Slot*>(static_cast<std::byte*>(base) + st.bytes - slotBytes);
+  // The slots end the file, from a page boundary, padded to a page.
+  constexpr std::size_t kSlot = Drobe::detail::kSlotSize<CVal>;
+  const std::size_t slotBytes = (std::size_t{st.slots} * kSlot + 4095) & ~std::size_t{4095};
+  auto* slots = static_cast<std::byte*>(base) + st.bytes - slotBytes;
   const auto keys = makeKeys(kCapacity);
   const auto idx = randomIndices(1 << 20, st.slots);
   Drobe::detail::SlotBody<CVal> body;
@@ -139,12 +140,7 @@ void BM_BareSeqlockStore(benchmark::State& state) {
   for (auto _ : state) {
     const std::uint32_t i = idx[n & ((1 << 20) - 1)];
     body.value = CVal::make(keys[i % kCapacity], ++n);
-    Slot& s = slots[i];
-    const std::uint32_t seq = s.seq.load(std::memory_order_relaxed);
-    s.seq.store(seq + 1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    std::memcpy(static_cast<void*>(&s.body), &body, sizeof body);
-    s.seq.store(seq + 2, std::memory_order_release);
+    Drobe::detail::writeSlot(reinterpret_cast<std::uint64_t*>(slots + i * kSlot), body);
   }
   ::munmap(base, st.bytes);
   state.SetItemsProcessed(state.iterations());
@@ -253,6 +249,7 @@ struct Stamp {
   CKey k;
   std::uint64_t t0 = 0;
   CKey key() const { return k; }
+  bool operator==(const Stamp&) const = default;
 };
 
 Percentiles drobeLatency() {
@@ -386,7 +383,7 @@ int main(int argc, char** argv) {
     std::printf("SharedBytes: %" PRIu64
                 " bytes for %u entries (%u slots of %zu bytes, ring %u): %.1f "
                 "bytes per entry (record %zu bytes)\n",
-                st.bytes, st.capacity, st.slots, sizeof(Drobe::detail::Slot<CVal>), st.ringSize,
+                st.bytes, st.capacity, st.slots, std::size_t{Drobe::detail::kSlotSize<CVal>}, st.ringSize,
                 static_cast<double>(st.bytes) / st.capacity, sizeof(CVal));
   }
   std::error_code ec;

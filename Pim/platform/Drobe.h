@@ -117,6 +117,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -126,7 +127,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "Pim/platform/Flicklog.h"
@@ -198,37 +201,64 @@ struct CollectionStats {
 
 namespace detail {
 
-// Slot states. Distinct non-zero patterns so that a scribbled byte is unlikely to pass.
+// Slot states. Distinct non-zero patterns so that a scribbled byte is unlikely to pass; zero
+// is empty, so that a never-written (zero-filled) page is a run of empty slots.
 inline constexpr std::uint8_t kSlotEmpty = 0x00;
 inline constexpr std::uint8_t kSlotLive = 0xA5;
 inline constexpr std::uint8_t kSlotTomb = 0x5A;
 
-inline constexpr std::uint32_t kRingKey = 1;
-inline constexpr std::uint32_t kRingCollection = 2;
+inline constexpr std::uint64_t kRingKey = 1;
+inline constexpr std::uint64_t kRingCollection = 2;
+inline constexpr std::uint64_t kRingWriting = ~std::uint64_t{0};
 
-// One slot: the sequence lock, then the body that the writer copies under it. The writer's
-// private shadow is an array of bodies.
+// Shared memory is only ever touched as 8-byte words through std::atomic_ref, by writer and
+// readers alike: a seqlock reader's copy races the writer by design, and with plain loads
+// that race would be undefined behaviour. Relaxed word loads are ordinary moves on every
+// target we build for.
+inline std::uint64_t loadWord(const std::uint64_t* p, std::memory_order o) noexcept {
+  // atomic_ref wants a non-const object; a load does not write (readers map read-only).
+  return std::atomic_ref<std::uint64_t>(*const_cast<std::uint64_t*>(p)).load(o);
+}
+inline void storeWord(std::uint64_t* p, std::uint64_t v, std::memory_order o) noexcept {
+  std::atomic_ref<std::uint64_t>(*p).store(v, o);
+}
+
+// Zeroes the padding bytes of x, so that no stale stack bytes reach shared memory.
+template <typename T>
+void clearPadding(T& x) noexcept {
+#if defined(__has_builtin)
+#if __has_builtin(__builtin_clear_padding)
+  __builtin_clear_padding(&x);
+#else
+  (void)x;
+#endif
+#else
+  (void)x;
+#endif
+}
+
+// One slot's body as the writer keeps it privately and copies it under the slot's sequence
+// word. Aligned to 8 so that it is a whole number of words.
 template <typename V>
-struct SlotBody {
+struct alignas(8) SlotBody {
   std::uint8_t state = kSlotEmpty;
   std::uint8_t pad[3]{};
   std::uint32_t hash = 0;
   V value{};
 };
 
+// A shared slot is the sequence word (odd while the writer copies) and the body's words.
 template <typename V>
-struct Slot {
-  std::atomic<std::uint32_t> seq{0};
-  SlotBody<V> body;
-};
+inline constexpr std::size_t kBodyWords = sizeof(SlotBody<V>) / 8;
+template <typename V>
+inline constexpr std::uint32_t kSlotSize = static_cast<std::uint32_t>(8 * (1 + kBodyWords<V>));
 
+// A ring entry is its position + 1 (0: never written, kRingWriting: being written), the
+// kind, and the key's words.
 template <typename K>
-struct RingEntry {
-  std::atomic<std::uint64_t> pos{~std::uint64_t{0}};  // ring position, ~0 while written
-  std::uint32_t kind = 0;
-  std::uint32_t pad = 0;
-  K key{};
-};
+inline constexpr std::size_t kKeyWords = (sizeof(K) + 7) / 8;
+template <typename K>
+inline constexpr std::uint32_t kRingEntrySize = static_cast<std::uint32_t>(8 * (2 + kKeyWords<K>));
 
 // Geometry of a collection file; the writer stores it, a reader checks it against its
 // own template arguments before it trusts the mapping.
@@ -240,14 +270,95 @@ struct Layout {
   std::uint32_t capacity = 0;
   std::uint32_t slotCount = 0;
   std::uint32_t ringSize = 0;
+  std::uint32_t reserved = 0;
+  std::uint64_t schema = 0;  // fingerprint of the key's and record's field lists
 };
+
+// Bounds a reader enforces on a header (a writer never exceeds them).
+inline constexpr std::uint32_t kMaxCapacity = 3u << 28;
+inline constexpr std::uint32_t kMaxRingSize = 1u << 20;
 
 std::uint32_t slotCountFor(std::uint32_t capacity);
 std::uint32_t ringSizeFor(std::uint32_t requested);
 
+// Schema fingerprint. A record with a field table (Kel's kFields) contributes its type name
+// and, per field, the name, offset, size and kind of the field (nested field tables
+// recursively); other types contribute their size and alignment only.
+inline std::uint64_t schemaMix(std::uint64_t h, std::uint64_t x) noexcept {
+  h ^= x + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
+  h *= 0xff51afd7ed558ccdull;
+  return h ^ (h >> 29);
+}
+inline std::uint64_t schemaMix(std::uint64_t h, std::string_view s) noexcept {
+  std::uint64_t f = 0xcbf29ce484222325ull;
+  for (char c : s) f = (f ^ static_cast<unsigned char>(c)) * 0x100000001b3ull;
+  return schemaMix(schemaMix(h, s.size()), f);
+}
+
+template <typename T>
+std::uint64_t schemaOf(std::uint64_t h) {
+  h = schemaMix(h, sizeof(T));
+  h = schemaMix(h, alignof(T));
+  if constexpr (std::is_enum_v<T>) {
+    return schemaMix(schemaMix(h, 1), sizeof(std::underlying_type_t<T>));
+  } else if constexpr (std::is_floating_point_v<T>) {
+    return schemaMix(h, 2);
+  } else if constexpr (std::is_integral_v<T>) {
+    return schemaMix(h, std::is_signed_v<T> ? 3 : 4);
+  } else if constexpr (std::is_array_v<T>) {
+    return schemaOf<std::remove_extent_t<T>>(schemaMix(h, std::extent_v<T>));
+  } else if constexpr (Kel::HasFieldTable<T>) {
+    if constexpr (requires { T::kTypeName; }) h = schemaMix(h, std::string_view(T::kTypeName));
+    const T obj{};
+    const auto* base = reinterpret_cast<const unsigned char*>(&obj);
+    std::apply(
+        [&](const auto&... f) {
+          ((h = schemaOf<std::remove_cvref_t<decltype(obj.*(f.member))>>(schemaMix(
+                schemaMix(h, f.name),
+                static_cast<std::uint64_t>(
+                    reinterpret_cast<const unsigned char*>(&(obj.*(f.member))) - base)))),
+           ...);
+        },
+        Kel::fieldsOf<T>());
+    return h;
+  } else {
+    return schemaMix(h, 5);
+  }
+}
+
+template <typename K, typename V>
+std::uint64_t schemaFor() {
+  static const std::uint64_t s = schemaOf<V>(schemaOf<K>(0x44524f4245ull));
+  return s;
+}
+
 struct Header;
 struct ReaderEntry;
 class Mapping;
+
+// Where a mount path or collection name may lead: one or more components, none empty, "."
+// or "..", so that no name can place a table outside the root.
+bool safeMountPath(std::string_view path) noexcept;
+bool safeCollectionName(std::string_view name) noexcept;
+
+// The private copy of a writer's slots and marks: an anonymous mapping, so that pages of
+// slots never used are never touched (zero-filled pages are empty slots).
+class AnonBuffer {
+ public:
+  AnonBuffer() = default;
+  ~AnonBuffer();
+  // bytes of zeroes (the old contents, if any, released); false if out of address space.
+  bool allocate(std::size_t bytes) noexcept;
+  AnonBuffer(const AnonBuffer&) = delete;
+  AnonBuffer& operator=(const AnonBuffer&) = delete;
+  void* data() const noexcept { return base_; }
+  // Back to all zeroes, returning the pages to the kernel.
+  void clear() noexcept;
+
+ private:
+  void* base_ = nullptr;
+  std::size_t bytes_ = 0;
+};
 
 // The untyped half of a writer: file, header, registry, wake-ups.
 class WriterCore {
@@ -260,8 +371,11 @@ class WriterCore {
   bool ok() const noexcept { return map_ != nullptr; }
   const std::string& file() const noexcept { return file_; }
   const std::string& name() const noexcept { return name_; }
-  std::byte* slot(std::uint32_t i) const noexcept;
-  std::byte* ringEntry(std::uint64_t pos) const noexcept;
+  // Slot i's words, its pages marked as in use first (readers skip unmarked pages).
+  std::uint64_t* slotForWrite(std::uint32_t i) noexcept;
+  // Whether slot i was ever written (its pages in use and its sequence non-zero).
+  bool slotWritten(std::uint32_t i) const noexcept;
+  std::uint64_t* ringEntry(std::uint64_t pos) const noexcept;
   std::uint64_t ringHead() const noexcept;
   // Makes ring entries up to newHead visible, counts the commit, wakes the readers.
   void publish(std::uint64_t newHead, std::uint32_t liveCount);
@@ -280,6 +394,9 @@ class WriterCore {
   std::string file_;
   Layout layout_;
   Mapping* map_ = nullptr;
+  // Open for the writer's whole life, holding an exclusive open-file-description lock on
+  // the table: the kernel drops it when the writer dies, whatever becomes of its pid.
+  int lockFd_ = -1;
   // Each registered reader's wake-up descriptor, so a wake-up is one write or send with no
   // lookup; rebuilt when a registry entry changes hands.
   struct Peer {
@@ -313,8 +430,9 @@ class ReaderCore {
   bool announced() const noexcept { return announced_; }
   const std::string& file() const noexcept { return file_; }
   const Layout& layout() const noexcept { return layout_; }
-  const std::byte* slot(std::uint32_t i) const noexcept;
-  const std::byte* ringEntry(std::uint64_t pos) const noexcept;
+  // Slot i's words, or nullptr if the writer never wrote its pages (an empty slot).
+  const std::uint64_t* slot(std::uint32_t i) const noexcept;
+  const std::uint64_t* ringEntry(std::uint64_t pos) const noexcept;
   // Clears this reader's signalled flag (before reading the ring) and returns the ring
   // head published by the last commit.
   std::uint64_t rearmAndHead() noexcept;
@@ -325,6 +443,7 @@ class ReaderCore {
  private:
   void tryMount();
   void unmount();
+  void watchDir();
   void drainSocket();
   void woken();
   bool writerAlive() const;
@@ -335,18 +454,21 @@ class ReaderCore {
   Layout layout_;
   Hooks hooks_;
   Mapping* map_ = nullptr;
+  bool safe_ = false;
   int sock_ = -1;
   int eventFd_ = -1;
   int inotify_ = -1;
+  bool watching_ = false;
   int pidfd_ = -1;
   int registryIndex_ = -1;
   bool announced_ = false;
   Ulm::Timer health_;
 };
 
-// Sequence-locked copy of one shared slot. Returns false if the slot kept changing.
+// Sequence-locked copy of one shared slot (nullptr: never written, i.e. empty). Returns
+// false if the slot kept changing.
 template <typename V>
-bool readSlot(const std::byte* raw, SlotBody<V>& out) noexcept;
+bool readSlot(const std::uint64_t* s, SlotBody<V>& out) noexcept;
 
 }  // namespace detail
 
@@ -441,15 +563,15 @@ class Writer : public Kel::PtrInterface {
 
   detail::Layout layout_;
   detail::WriterCore core_;
-  std::byte* slotBase_ = nullptr;
-  std::byte* ringBase_ = nullptr;
-  std::vector<detail::SlotBody<V>> shadow_;
   // Per slot, side by side so that one update touches one cache line of marks.
   struct Marks {
     std::uint64_t dirty = 0;  // commit epoch in which the slot was dirtied
     std::uint64_t key = 0;    // commit epoch in which the slot's key was queued
   };
-  std::vector<Marks> marks_;
+  detail::AnonBuffer shadowMem_;
+  detail::AnonBuffer marksMem_;
+  detail::SlotBody<V>* shadow_ = nullptr;
+  Marks* marks_ = nullptr;
   std::vector<std::uint32_t> dirty_;
   std::vector<K> pendingKeys_;
   std::uint64_t epoch_ = 1;
@@ -573,34 +695,52 @@ inline void cpuRelax() noexcept {
 #endif
 }
 
+// The seqlock, race-free: every shared word is read and written through atomic_ref. The
+// writer makes the sequence odd, issues a release fence, stores the words (relaxed), then
+// stores the even sequence with release. A reader loads the sequence (acquire), the words
+// (relaxed), issues an acquire fence and reloads the sequence. If any word it read came from
+// a later copy, the fences make that copy's odd sequence visible to the reload, so an
+// unchanged even sequence proves the words are one copy's. The copy goes through a local
+// buffer so that `out` only ever holds a whole record.
 template <typename V>
-bool readSlot(const std::byte* raw, SlotBody<V>& out) noexcept {
-  const auto* s = reinterpret_cast<const Slot<V>*>(raw);
+bool readSlot(const std::uint64_t* s, SlotBody<V>& out) noexcept {
+  if (!s) {
+    out = SlotBody<V>{};
+    return true;
+  }
+  std::uint64_t buf[kBodyWords<V>];
   for (int i = 0; i < kReadRetries; ++i) {
-    const std::uint32_t s1 = s->seq.load(std::memory_order_acquire);
+    const std::uint64_t s1 = loadWord(s, std::memory_order_acquire);
     if (s1 & 1u) {
       cpuRelax();
       continue;
     }
-    // A racing copy is discarded below unless the sequence proves it was quiet.
-    std::memcpy(static_cast<void*>(&out), &s->body, sizeof out);
+    for (std::size_t w = 0; w < kBodyWords<V>; ++w) {
+      buf[w] = loadWord(s + 1 + w, std::memory_order_relaxed);
+    }
     std::atomic_thread_fence(std::memory_order_acquire);
-    if (s->seq.load(std::memory_order_relaxed) == s1) return true;
+    if (loadWord(s, std::memory_order_relaxed) == s1) {
+      std::memcpy(static_cast<void*>(&out), buf, sizeof out);
+      return true;
+    }
   }
   return false;
 }
 
 template <typename V>
-void writeSlot(std::byte* raw, const SlotBody<V>& in) noexcept {
-  auto* s = reinterpret_cast<Slot<V>*>(raw);
-  const std::uint32_t seq = s->seq.load(std::memory_order_relaxed);
-  s->seq.store(seq + 1, std::memory_order_relaxed);
+void writeSlot(std::uint64_t* s, const SlotBody<V>& in) noexcept {
+  SlotBody<V> clean = in;
+  clearPadding(clean);
+  std::uint64_t buf[kBodyWords<V>];
+  std::memcpy(buf, static_cast<const void*>(&clean), sizeof buf);
+  const std::uint64_t seq = loadWord(s, std::memory_order_relaxed);
+  storeWord(s, seq + 1, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  std::memcpy(static_cast<void*>(&s->body), &in, sizeof in);
-  s->seq.store(seq + 2, std::memory_order_release);
+  for (std::size_t w = 0; w < kBodyWords<V>; ++w) {
+    storeWord(s + 1 + w, buf[w], std::memory_order_relaxed);
+  }
+  storeWord(s, seq + 2, std::memory_order_release);
 }
-
-inline constexpr std::uint64_t kRingWriting = ~std::uint64_t{0};
 
 // Home slot of a hash among n slots (multiply-shift: any n, no division), and the next and
 // previous slot of a linear probe.
@@ -624,9 +764,10 @@ requires TableKey<K> && TableValue<V, K> detail::Layout Writer<K, V>::layoutFor(
   detail::Layout l;
   l.keySize = sizeof(K);
   l.valueSize = sizeof(V);
-  l.slotSize = sizeof(detail::Slot<V>);
-  l.ringEntrySize = sizeof(detail::RingEntry<K>);
-  l.capacity = info.capacity;
+  l.slotSize = detail::kSlotSize<V>;
+  l.ringEntrySize = detail::kRingEntrySize<K>;
+  l.schema = detail::schemaFor<K, V>();
+  l.capacity = std::min(info.capacity, detail::kMaxCapacity);
   l.slotCount = detail::slotCountFor(info.capacity);
   l.ringSize = detail::ringSizeFor(info.ringSize);
   return l;
@@ -645,16 +786,13 @@ requires TableKey<K> && TableValue<V, K> Writer<K, V>::Writer(std::string_view p
                                                               const CollectionInfo& info,
                                                               const detail::Layout& layout)
     : layout_(layout),
-      core_(std::string(path), info.name, layout),
-      shadow_(layout.slotCount),
-      marks_(layout.slotCount) {
+      core_(std::string(path), info.name, layout) {
   if (!core_.ok()) return;
-  for (std::uint32_t i = 0; i < layout_.slotCount; ++i) new (core_.slot(i)) detail::Slot<V>{};
-  for (std::uint32_t i = 0; i < layout_.ringSize; ++i) {
-    new (core_.ringEntry(i)) detail::RingEntry<K>{};
-  }
-  slotBase_ = core_.slot(0);
-  ringBase_ = core_.ringEntry(0);
+  // Zero-filled and untouched until used: an empty slot is all zeroes, and so is a mark.
+  shadowMem_.allocate(std::size_t{layout_.slotCount} * sizeof(detail::SlotBody<V>));
+  marksMem_.allocate(std::size_t{layout_.slotCount} * sizeof(Marks));
+  shadow_ = static_cast<detail::SlotBody<V>*>(shadowMem_.data());
+  marks_ = static_cast<Marks*>(marksMem_.data());
 }
 
 template <typename K, typename V>
@@ -756,7 +894,8 @@ bool Writer<K, V>::is(const V& v) {
   const Probe p = probe(k, h);
   if (!p.found) return insertAt(p.slot, h, k, v);
   detail::SlotBody<V>& b = shadow_[p.slot];
-  if (std::memcmp(static_cast<const void*>(&b.value), &v, sizeof v) == 0) return true;
+  static_assert(std::equality_comparable<V>, "a writer compares records with operator==");
+  if (b.value == v) return true;
   b.value = v;
   markDirty(p.slot);
   queueKey(p.slot, k);
@@ -804,7 +943,7 @@ template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
 void Writer<K, V>::delAll() {
   if (live_ == 0 && tombs_ == 0) return;
-  std::fill(shadow_.begin(), shadow_.end(), detail::SlotBody<V>{});
+  shadowMem_.clear();
   live_ = 0;
   tombs_ = 0;
   allDirty_ = true;
@@ -824,9 +963,9 @@ void Writer<K, V>::corruptionIs(std::uint32_t slot) {
   // The slot's former role is unknown: recount.
   live_ = 0;
   tombs_ = 0;
-  for (const auto& b : shadow_) {
-    live_ += b.state == detail::kSlotLive;
-    tombs_ += b.state == detail::kSlotTomb;
+  for (std::uint32_t i = 0; i < layout_.slotCount; ++i) {
+    live_ += shadow_[i].state == detail::kSlotLive;
+    tombs_ += shadow_[i].state == detail::kSlotTomb;
   }
   markDirty(slot);
   queueCollection();
@@ -860,24 +999,30 @@ requires TableKey<K> && TableValue<V, K>
 void Writer<K, V>::commit() {
   if (!pending()) return;
   // Slots first, then the notices that point readers at them.
-  const std::size_t slotSize = layout_.slotSize;
   if (allDirty_) {
+    // Slots never written stay untouched: they read as empty already.
     for (std::uint32_t i = 0; i < layout_.slotCount; ++i) {
-      detail::writeSlot(slotBase_ + i * slotSize, shadow_[i]);
+      if (shadow_[i].state != detail::kSlotEmpty || core_.slotWritten(i)) {
+        detail::writeSlot(core_.slotForWrite(i), shadow_[i]);
+      }
     }
   } else {
-    for (std::uint32_t i : dirty_) detail::writeSlot(slotBase_ + i * slotSize, shadow_[i]);
+    for (std::uint32_t i : dirty_) detail::writeSlot(core_.slotForWrite(i), shadow_[i]);
   }
   std::uint64_t head = core_.ringHead();
-  const std::uint64_t mask = layout_.ringSize - 1;
-  const std::size_t entrySize = layout_.ringEntrySize;
-  auto append = [&](std::uint32_t kind, const K& k) {
-    auto* e = reinterpret_cast<detail::RingEntry<K>*>(ringBase_ + (head & mask) * entrySize);
-    e->pos.store(detail::kRingWriting, std::memory_order_relaxed);
+  auto append = [&](std::uint64_t kind, const K& key) {
+    std::uint64_t* e = core_.ringEntry(head);
+    K k = key;
+    detail::clearPadding(k);
+    std::uint64_t words[detail::kKeyWords<K>] = {};
+    std::memcpy(words, static_cast<const void*>(&k), sizeof k);
+    detail::storeWord(e, detail::kRingWriting, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_release);
-    e->kind = kind;
-    e->key = k;
-    e->pos.store(head, std::memory_order_release);
+    detail::storeWord(e + 1, kind, std::memory_order_relaxed);
+    for (std::size_t w = 0; w < detail::kKeyWords<K>; ++w) {
+      detail::storeWord(e + 2 + w, words[w], std::memory_order_relaxed);
+    }
+    detail::storeWord(e, head + 1, std::memory_order_release);
     ++head;
   };
   if (pendingCollection_) {
@@ -955,10 +1100,10 @@ void Writer<K, V>::rebuild() {
   // are told to resync rather than which keys changed.
   std::vector<V> values;
   values.reserve(live_);
-  for (const auto& b : shadow_) {
-    if (b.state == detail::kSlotLive) values.push_back(b.value);
+  for (std::uint32_t i = 0; i < layout_.slotCount; ++i) {
+    if (shadow_[i].state == detail::kSlotLive) values.push_back(shadow_[i].value);
   }
-  std::fill(shadow_.begin(), shadow_.end(), detail::SlotBody<V>{});
+  shadowMem_.clear();
   const std::uint32_t slots = layout_.slotCount;
   for (const V& v : values) {
     const std::uint32_t h = static_cast<std::uint32_t>(v.key().hash());
@@ -992,8 +1137,9 @@ requires TableKey<K> && TableValue<V, K> Reader<K, V>::Reader(Ulm::EventLoop& lo
             detail::Layout l;
             l.keySize = sizeof(K);
             l.valueSize = sizeof(V);
-            l.slotSize = sizeof(detail::Slot<V>);
-            l.ringEntrySize = sizeof(detail::RingEntry<K>);
+            l.slotSize = detail::kSlotSize<V>;
+            l.ringEntrySize = detail::kRingEntrySize<K>;
+            l.schema = detail::schemaFor<K, V>();
             return l;
           }(),
           detail::ReaderCore::Hooks{this, [this] { handleWake(); },
@@ -1061,20 +1207,24 @@ void Reader<K, V>::handleWake() {
   bool lost = head - consumed_ > ringSize;
   batch_.clear();
   std::uint64_t collections = 0;
+  std::uint64_t words[detail::kKeyWords<K>];
   for (std::uint64_t p = consumed_; !lost && p != head; ++p) {
-    const auto* e = reinterpret_cast<const detail::RingEntry<K>*>(core_.ringEntry(p));
-    if (e->pos.load(std::memory_order_acquire) != p) {
+    const std::uint64_t* e = core_.ringEntry(p);
+    if (detail::loadWord(e, std::memory_order_acquire) != p + 1) {
       lost = true;
       break;
     }
-    const std::uint32_t kind = e->kind;
-    K k;
-    std::memcpy(static_cast<void*>(&k), &e->key, sizeof k);
+    const std::uint64_t kind = detail::loadWord(e + 1, std::memory_order_relaxed);
+    for (std::size_t w = 0; w < detail::kKeyWords<K>; ++w) {
+      words[w] = detail::loadWord(e + 2 + w, std::memory_order_relaxed);
+    }
     std::atomic_thread_fence(std::memory_order_acquire);
-    if (e->pos.load(std::memory_order_relaxed) != p) {
+    if (detail::loadWord(e, std::memory_order_relaxed) != p + 1) {
       lost = true;  // lapped while copying
       break;
     }
+    K k;
+    std::memcpy(static_cast<void*>(&k), words, sizeof k);
     if (kind == detail::kRingCollection) {
       ++collections;
     } else {
