@@ -2,6 +2,7 @@
 // processes (forked writer and readers, a writer killed mid-update). Also Ledra's mounts.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <random>
 
@@ -347,6 +349,108 @@ TEST_F(DrobeTest, MountStatusFollowsTheWriterAndForeignLayoutsAreIgnored) {
   EXPECT_FALSE(foreign->mounted());
 }
 
+// Holds an exclusive open-file-description lock on a file, as a live writer does.
+struct LockHolder {
+  int fd;
+  explicit LockHolder(const std::string& file) : fd(::open(file.c_str(), O_RDWR | O_CLOEXEC)) {
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    EXPECT_EQ(::fcntl(fd, F_OFD_SETLK, &fl), 0) << file;
+  }
+  ~LockHolder() { ::close(fd); }
+};
+
+std::string fileBytes(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+TEST_F(DrobeTest, HeadersThatCannotBeTrustedAreRefusedWithTheirTrace) {
+  auto w = W::create(kPath, {"rec", 32, 0});
+  ASSERT_TRUE(w);
+  w->is(TVal::make({1}, 1));
+  w->commit();
+  const std::string image = fileBytes(w->file());
+  const std::string bad = Drobe::collectionFile(kPath, "bad");
+  // Byte offsets of header fields in page 0 of the file format.
+  struct Case {
+    const char* what;
+    std::size_t offset, width;
+    std::uint64_t value;
+    const char* trace;  // empty: mounts
+  };
+  const std::uint64_t fileSize = image.size();
+  const Case cases[] = {
+      {"the writer's own file, as a control", 0, 0, 0, ""},
+      {"ring size not a power of two", 40, 4, 1000, "(ring size)"},
+      {"ring size beyond the bound", 40, 4, 1u << 21, "(ring size)"},
+      {"more readers than the registry holds", 12, 4, 65, "(reader count)"},
+      {"capacity above the slot count", 32, 4, 1000, "(slot count)"},
+      {"more slots than the file holds", 36, 4, 100000, "(offsets)"},
+      {"slots moved past the end of the file", 80, 8, fileSize, "(offsets)"},
+      {"ring moved onto the header", 64, 8, 0, "(offsets)"},
+      {"file size the file does not have", 88, 8, fileSize + 4096, "(offsets)"},
+      {"file shorter than its header says", ~std::size_t{0}, 0, 4096, "(file size)"},
+      {"another record layout", 48, 8, 0x1234, "written with another record layout"},
+      {"another version", 8, 4, 99, "(not a table of this version)"},
+  };
+  Drobe::trace().levelIs(1);
+  for (const Case& c : cases) {
+    std::string bytes = image;
+    if (c.offset == ~std::size_t{0}) {
+      bytes.resize(bytes.size() - c.value);
+    } else if (c.width) {
+      std::memcpy(bytes.data() + c.offset, &c.value, c.width);
+    }
+    std::ofstream(bad, std::ios::binary | std::ios::trunc) << bytes;
+    LockHolder live(bad);
+    Flicklog::CaptureSink cap;
+    auto r = R::create(loop_, kPath, "bad");
+    turn();
+    const bool refused = *c.trace != 0;
+    EXPECT_EQ(r->mounted(), !refused) << c.what;
+    if (refused) {
+      ASSERT_FALSE(cap.lines().empty()) << c.what;
+      EXPECT_NE(cap.lines()[0].text.find(c.trace), std::string::npos)
+          << c.what << ": " << cap.lines()[0].text;
+    } else {
+      EXPECT_TRUE(r->find({1})) << c.what;
+    }
+  }
+}
+
+TEST_F(DrobeTest, UnsafeMountPathsAreRefusedAndReadersCreateNoDirectory) {
+  Drobe::trace().levelIs(1);
+  const std::pair<const char*, const char*> unsafe[] = {
+      {"", "rec"},        {"a//b", "rec"}, {"a/./b", "rec"},  {"../escape", "rec"},
+      {"a/b/..", "rec"},  {"/abs", "rec"}, {"a/", "rec"},     {"ok", ".."},
+      {"ok", "x/y"},      {"ok", ""},
+  };
+  for (const auto& [path, name] : unsafe) {
+    Flicklog::CaptureSink cap;
+    EXPECT_FALSE(W::create(path, {name, 8, 0})) << path << " " << name;
+    auto r = R::create(loop_, path, name);
+    turn();
+    EXPECT_FALSE(r->mounted());
+    ASSERT_EQ(cap.lines().size(), 2u) << path << " " << name;
+    EXPECT_NE(cap.lines()[1].text.find("unsafe mount path, refused"), std::string::npos);
+  }
+  EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(root_).parent_path() / "escape"));
+  // A reader of a path nobody writes leaves nothing behind; it still mounts once a writer
+  // creates the directory.
+  Mirror m;
+  auto r = R::create(loop_, "typo/vrf", "rec");
+  m.notifierIs(r);
+  turn();
+  EXPECT_FALSE(std::filesystem::exists(root_ + "/typo"));
+  auto w = W::create("typo/vrf", {"rec", 8, 0});
+  w->is(TVal::make({5}, 5));
+  publish(*w);
+  EXPECT_EQ(m.mounts, 1);
+  EXPECT_EQ(m.rows.count(5), 1u);
+}
+
 // Across processes: forked readers and writers report through pipes; every wait is
 // bounded, and the parent kills only the children it forked.
 
@@ -502,6 +606,21 @@ TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSu
   ::kill(victim, SIGKILL);
   ::waitpid(victim, nullptr, 0);
   std::erase(children_, victim);
+  // The dead writer's pid now names a live process (ours): its successor must not care.
+  const std::string file = Drobe::collectionFile(kXPath, "rec");
+  std::string head = fileBytes(file).substr(0, 128);
+  int patched = 0;
+  for (std::size_t off = 0; off + 4 <= head.size(); off += 4) {
+    std::int32_t v;
+    std::memcpy(&v, head.data() + off, 4);
+    if (v != victim) continue;
+    const std::int32_t live = ::getpid();
+    std::fstream f(file, std::ios::binary | std::ios::in | std::ios::out);
+    f.seekp(static_cast<std::streamoff>(off));
+    f.write(reinterpret_cast<const char*>(&live), 4);
+    ++patched;
+  }
+  ASSERT_EQ(patched, 1);
   startWriter(22, 2000);
   for (const ReaderResult& x : readerResults(workload(22, 2000, nullptr))) {
     EXPECT_EQ(x.mounts, 2);
