@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <string>
 #include <utility>
@@ -79,6 +80,28 @@ TEST(PimDrobeMountPath, BothFamiliesAndVrfBeforeName) {
   EXPECT_EQ(D::MessageCounters::mountPath(v6, red, "x"), "routing6/pim/counters/red/x");
   EXPECT_EQ(N::IntfStatus::mountPath(v4), "routing/pim/intf/status");
   EXPECT_EQ(N::IntfStatus::mountPath(v6), "routing6/pim/intf/status");
+}
+
+TEST(PimDrobeMountPath, VrfNamesThatCouldLeaveTheTableRootAreRefused) {
+  const std::pair<std::string, std::string_view> bad[] = {
+      {std::string(64, 'v'), L3::VrfName::kRangeErrorText},
+      {"a/b", L3::VrfName::kBadByteErrorText},
+      {"/", L3::VrfName::kBadByteErrorText},
+      {"tab\there", L3::VrfName::kBadByteErrorText},
+      {"del\x7f", L3::VrfName::kBadByteErrorText},
+  };
+  for (const auto& [name, text] : bad) {
+    try {
+      L3::VrfName v(name);
+      ADD_FAILURE() << "accepted " << name;
+    } catch (const Kel::RangeError& e) {
+      EXPECT_EQ(e.what(), text);
+    }
+  }
+  EXPECT_EQ(L3::VrfName(std::string(63, 'v')).name().size(), 63u);
+  // ".." is a name like any other, but not a place to mount tables.
+  auto s = D::statusFactory(D::Status::mountPath(AddressFamily::ipv4, L3::VrfName("..")));
+  EXPECT_FALSE(s->mountWriter());
 }
 
 TEST(PimDrobeDeathTest, UnsupportedFamilyOrTableTypeAsserts) {
@@ -187,6 +210,51 @@ TEST(PimDrobeStatus, MountInDependencyOrderCreatesTheTypedEntity) {
   ASSERT_TRUE(D::mountInDependencyOrder(em, all, "Routing::Pim::IntfNghbr::Drobe::IntfStatus"));
   EXPECT_TRUE(em.lookup<N::IntfStatus>(all));
   EXPECT_FALSE(em.lookup<D::Status>(all));
+}
+
+TEST(PimDrobeStatus, RecordsOfTheSameSizeButAnotherLayoutAreRefused) {
+  static_assert(sizeof(D::NeighborRef) == sizeof(D::IntfSecondaryAddress));
+  const std::string path = uniquePath("layout");
+  auto w = D::statusFactory(path);
+  ASSERT_TRUE(w->mountWriter());
+  Ulm::EventLoop loop(Kel::Ptr<Kel::Clock>(new Kel::SystemClock));
+  ::Drobe::trace().levelIs(1);
+  Flicklog::CaptureSink cap;
+  auto wrong = ::Drobe::Reader<D::IntfSecondaryAddressKey, D::IntfSecondaryAddress>::create(
+      loop, path, "inactiveNeighbor");
+  auto right = ::Drobe::Reader<D::NeighborKey, D::NeighborRef>::create(loop, path,
+                                                                       "inactiveNeighbor");
+  EXPECT_FALSE(wrong->mounted());
+  EXPECT_TRUE(right->mounted());
+  ASSERT_EQ(cap.lines().size(), 1u);
+  EXPECT_NE(cap.lines()[0].text.find("inactiveNeighbor: written with another record layout"),
+            std::string::npos)
+      << cap.lines()[0].text;
+}
+
+// Resident bytes of this process (shared pages it touched included).
+std::uint64_t residentBytes() {
+  std::ifstream in("/proc/self/smaps_rollup");
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("Rss:", 0) == 0) return std::stoull(line.substr(4)) * 1024;
+  }
+  return 0;
+}
+
+TEST(PimDrobeStatus, AnEmptySetCostsKilobytesAndEntriesCostTheirPages) {
+  const std::uint64_t before = residentBytes();
+  auto s = D::statusFactory(uniquePath("footprint"));
+  ASSERT_TRUE(s->mountWriter());
+  s->commit();
+  const std::uint64_t empty = residentBytes() - before;
+  for (std::uint32_t i = 0; i < 1000; ++i) ASSERT_TRUE(s->neighborIs(record(i, 1)));
+  s->commit();
+  const std::uint64_t thousand = residentBytes() - before;
+  std::printf("resident: empty Status set %llu bytes, with 1000 neighbours %llu bytes\n",
+              static_cast<unsigned long long>(empty), static_cast<unsigned long long>(thousand));
+  // Slots constructed at mount cost about 32 MB here, empty or not.
+  EXPECT_LT(empty, 1u << 20);
+  EXPECT_LT(thousand, 16u << 20);
 }
 
 TEST(PimDrobeStatus, ReaderNotificationsNameTheChangedKeys) {
