@@ -2,6 +2,7 @@
 # tests/CMakeLists.txt (FuzzRegressionTest links them all and replays inputs).
 set(PIM_FUZZ_TARGETS readHeader readUnicastAddress readGroupAddress readSourceAddress
     readHelloMessage)
+set(PIM_FUZZ_PLATFORM_TARGETS drobeReader)  # own input format and seeds; not in FuzzInput.h
 set(PIM_FUZZ_SUPPORT_SOURCES ${CMAKE_CURRENT_LIST_DIR}/FuzzInput.cpp)
 set(PIM_FUZZ_TARGET_SOURCES "")
 foreach(t ${PIM_FUZZ_TARGETS})
