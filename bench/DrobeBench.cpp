@@ -383,8 +383,8 @@ int main(int argc, char** argv) {
     std::printf("SharedBytes: %" PRIu64
                 " bytes for %u entries (%u slots of %zu bytes, ring %u): %.1f "
                 "bytes per entry (record %zu bytes)\n",
-                st.bytes, st.capacity, st.slots, std::size_t{Drobe::detail::kSlotSize<CVal>}, st.ringSize,
-                static_cast<double>(st.bytes) / st.capacity, sizeof(CVal));
+                st.bytes, st.capacity, st.slots, std::size_t{Drobe::detail::kSlotSize<CVal>},
+                st.ringSize, static_cast<double>(st.bytes) / st.capacity, sizeof(CVal));
   }
   std::error_code ec;
   std::filesystem::remove_all(root, ec);

@@ -1,9 +1,10 @@
 // Drobe: shared-memory tables in one process (writer and reader on one loop) and across
 // processes (forked writer and readers, a writer killed mid-update). Also Ledra's mounts.
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -423,9 +424,8 @@ TEST_F(DrobeTest, HeadersThatCannotBeTrustedAreRefusedWithTheirTrace) {
 TEST_F(DrobeTest, UnsafeMountPathsAreRefusedAndReadersCreateNoDirectory) {
   Drobe::trace().levelIs(1);
   const std::pair<const char*, const char*> unsafe[] = {
-      {"", "rec"},        {"a//b", "rec"}, {"a/./b", "rec"},  {"../escape", "rec"},
-      {"a/b/..", "rec"},  {"/abs", "rec"}, {"a/", "rec"},     {"ok", ".."},
-      {"ok", "x/y"},      {"ok", ""},
+      {"", "rec"},     {"a//b", "rec"}, {"a/./b", "rec"}, {"../escape", "rec"}, {"a/b/..", "rec"},
+      {"/abs", "rec"}, {"a/", "rec"},   {"ok", ".."},     {"ok", "x/y"},        {"ok", ""},
   };
   for (const auto& [path, name] : unsafe) {
     Flicklog::CaptureSink cap;
@@ -627,6 +627,128 @@ TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSu
     EXPECT_EQ(x.unmounts, 1);
     EXPECT_EQ(x.generation, 2u);
   }
+}
+
+// Runs loop until done() or 10 s (bounded), and says whether done() came true.
+bool runUntil(Ulm::EventLoop& loop, const std::function<bool()>& done) {
+  const Kel::Time deadline = loop.clock()->now() + 10.0;
+  while (!done() && loop.clock()->now() < deadline) loop.runOnce(0.01);
+  return done();
+}
+
+TEST_F(DrobeCrossProcessTest, AReaderWhoseWakeUpsFailStillConverges) {
+  Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+  Mirror m;
+  auto r = R::create(loop, kXPath, "rec");
+  m.notifierIs(r);
+  int hold = -1;
+  const pid_t writer = spawn(false, hold, [](int holdFd) {
+    auto w = W::create(kXPath, {"rec", 64, 0});
+    for (int i = 0; w && i < 10000 && w->stats().readers == 0; ++i) ::usleep(1000);
+    // Out of descriptors: the writer cannot open the reader's wake-up descriptor.
+    const int lowest = ::open("/dev/null", O_RDONLY);
+    ::close(lowest);
+    const rlimit rl{static_cast<rlim_t>(lowest), static_cast<rlim_t>(lowest)};
+    if (!w || ::setrlimit(RLIMIT_NOFILE, &rl) != 0) ::_exit(3);
+    Drobe::trace().levelIs(1);
+    Flicklog::CaptureSink cap;
+    for (std::uint32_t id = 1; id <= 3; ++id) {
+      w->is(TVal::make({id}, id));
+      w->commit();
+      ::usleep(100000);
+    }
+    const bool failed =
+        !cap.lines().empty() && cap.lines()[0].text.find("failed") != std::string::npos;
+    for (char c; ::read(holdFd, &c, 1) > 0;) {
+    }
+    ::_exit(failed ? 0 : 6);
+  });
+  EXPECT_TRUE(runUntil(loop, [&] { return m.rows.size() == 3; }));
+  ::close(hold);
+  int status = -1;
+  ::waitpid(writer, &status, 0);
+  std::erase(children_, writer);
+  EXPECT_EQ(status, 0) << "the writer's wake-ups did not fail as arranged";
+}
+
+TEST_F(DrobeCrossProcessTest, ADeadReadersRegistrationIsFreed) {
+  auto w = W::create(kXPath, {"rec", 64, 0});
+  ASSERT_TRUE(w);
+  w->is(TVal::make({1}, 1));
+  w->commit();
+  int progress = -1;
+  // The reader reports each record it sees, so that it is woken once while alive (the
+  // writer then holds its wake-up descriptor) before it is killed.
+  const pid_t reader = spawn(true, progress, [](int out) {
+    Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+    Mirror m;
+    auto r = R::create(loop, kXPath, "rec");
+    m.notifierIs(r);
+    for (std::uint32_t id : {1u, 2u}) {
+      if (!runUntil(loop, [&] { return m.rows.count(id) == 1; })) ::_exit(3);
+      (void)!::write(out, "x", 1);
+    }
+    runUntil(loop, [] { return false; });  // until killed, or 10 s
+    ::_exit(0);
+  });
+  auto next = [&] {
+    pollfd p{progress, POLLIN, 0};
+    char c;
+    return ::poll(&p, 1, 10000) == 1 && ::read(progress, &c, 1) == 1;
+  };
+  ASSERT_TRUE(next());
+  w->is(TVal::make({2}, 2));
+  w->commit();
+  ASSERT_TRUE(next());
+  EXPECT_EQ(w->stats().readers, 1u);
+  ::kill(reader, SIGKILL);
+  ::waitpid(reader, nullptr, 0);
+  std::erase(children_, reader);
+  for (std::uint32_t i = 0; i < 500 && w->stats().readers > 0; ++i) {
+    w->is(TVal::make({3}, i));
+    w->commit();
+    ::usleep(20000);
+  }
+  EXPECT_EQ(w->stats().readers, 0u);
+}
+
+TEST_F(DrobeCrossProcessTest, AWriterRefusedTheReadersEventfdWakesItByDatagram) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to drop privileges";
+  // The writer runs as nobody, so the kernel refuses it the root reader's eventfd.
+  std::filesystem::create_directories(Drobe::mountDir(kXPath));
+  std::filesystem::permissions(Drobe::mountDir(kXPath), std::filesystem::perms::all);
+  Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+  Mirror m;
+  auto r = R::create(loop, kXPath, "rec");
+  m.notifierIs(r);
+  int hold = -1;
+  const pid_t writer = spawn(false, hold, [](int holdFd) {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(3);
+    auto w = W::create(kXPath, {"rec", 64, 0});
+    for (int i = 0; w && i < 10000 && w->stats().readers == 0; ++i) ::usleep(1000);
+    if (!w) ::_exit(4);
+    Drobe::trace().levelIs(4);
+    Flicklog::CaptureSink cap;
+    for (std::uint32_t id = 1; id <= 3; ++id) {
+      w->is(TVal::make({id}, id));
+      w->commit();
+      ::usleep(100000);
+    }
+    int datagram = 0, failed = 0;
+    for (const auto& l : cap.lines()) {
+      datagram += l.text.find("woken by datagram") != std::string::npos;
+      failed += l.text.find("failed") != std::string::npos;
+    }
+    for (char c; ::read(holdFd, &c, 1) > 0;) {
+    }
+    ::_exit(datagram == 1 && failed == 0 ? 0 : 6);
+  });
+  EXPECT_TRUE(runUntil(loop, [&] { return m.rows.size() == 3; }));
+  ::close(hold);
+  int status = -1;
+  ::waitpid(writer, &status, 0);
+  std::erase(children_, writer);
+  EXPECT_EQ(status, 0) << "no datagram wake-up, or one failed";
 }
 
 // Ledra

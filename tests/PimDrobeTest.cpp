@@ -222,8 +222,8 @@ TEST(PimDrobeStatus, RecordsOfTheSameSizeButAnotherLayoutAreRefused) {
   Flicklog::CaptureSink cap;
   auto wrong = ::Drobe::Reader<D::IntfSecondaryAddressKey, D::IntfSecondaryAddress>::create(
       loop, path, "inactiveNeighbor");
-  auto right = ::Drobe::Reader<D::NeighborKey, D::NeighborRef>::create(loop, path,
-                                                                       "inactiveNeighbor");
+  auto right =
+      ::Drobe::Reader<D::NeighborKey, D::NeighborRef>::create(loop, path, "inactiveNeighbor");
   EXPECT_FALSE(wrong->mounted());
   EXPECT_TRUE(right->mounted());
   ASSERT_EQ(cap.lines().size(), 1u);

@@ -47,6 +47,8 @@ constexpr std::uint32_t kEntryFree = 0;
 constexpr std::uint32_t kEntryClaiming = 1;
 constexpr std::uint32_t kEntryActive = 2;
 constexpr double kHealthPeriod = 1.0;
+// How often a reader whose wake-ups are failing polls instead (until they work again).
+constexpr double kFailingPollPeriod = 0.05;
 // How often the writer asks whether a reader woken through its eventfd, that has not
 // consumed its last wake-up, is still alive (a write to a dead reader's eventfd succeeds).
 constexpr std::uint64_t kPeerCheckNs = 1000000000ull;
@@ -98,8 +100,10 @@ struct alignas(64) ReaderEntry {
   std::atomic<std::uint32_t> state;
   std::atomic<std::int32_t> pid;
   std::atomic<std::uint32_t> signalled;
+  // Wake-ups the writer could not deliver, counted so that the reader notices and polls.
+  std::atomic<std::uint32_t> undelivered;
   std::uint32_t nameLen;
-  char name[44];         // abstract socket address, sun_path bytes
+  char name[40];         // abstract socket address, sun_path bytes
   std::int32_t eventFd;  // the reader's eventfd, by its number in the reader; -1 if none
 };
 static_assert(sizeof(ReaderEntry) == 64);
@@ -116,8 +120,8 @@ class Mapping {
   }
   // Takes ownership of base (size bytes); registry is a separate writable mapping of the
   // registry page, or nullptr (read-only reader: it polls instead).
-  static Mapping* create(std::byte* base, std::size_t size, const struct stat& st,
-                         const Header& h, ReaderEntry* registry) {
+  static Mapping* create(std::byte* base, std::size_t size, const struct stat& st, const Header& h,
+                         ReaderEntry* registry) {
     auto* m = new Mapping;
     m->base_ = base;
     m->size_ = size;
@@ -213,17 +217,15 @@ FileGeometry geometryOf(const Layout& l) {
 const char* headerProblem(const Header& h, std::uint64_t fileSize, const Layout& want) {
   if (h.magic != kMagic || h.version != kVersion) return "not a table of this version";
   const Layout& l = h.layout;
-  if (l.keySize != want.keySize || l.valueSize != want.valueSize ||
-      l.slotSize != want.slotSize || l.ringEntrySize != want.ringEntrySize ||
-      l.schema != want.schema) {
+  if (l.keySize != want.keySize || l.valueSize != want.valueSize || l.slotSize != want.slotSize ||
+      l.ringEntrySize != want.ringEntrySize || l.schema != want.schema) {
     return "record layout";
   }
   if (h.maxReaders > kMaxReaders) return "reader count";
   if (l.ringSize < 4 || l.ringSize > kMaxRingSize || !std::has_single_bit(l.ringSize)) {
     return "ring size";
   }
-  if (l.slotCount < 8 || l.slotCount > slotCountFor(kMaxCapacity) ||
-      l.capacity > l.slotCount) {
+  if (l.slotCount < 8 || l.slotCount > slotCountFor(kMaxCapacity) || l.capacity > l.slotCount) {
     return "slot count";
   }
   const FileGeometry g = geometryOf(l);
@@ -256,8 +258,7 @@ enum class Access { Probe, Reader };
 // records read-only, and for a reader the registry page writable on its own when the
 // file allows it. writerLive tells whether a writer holds the file's lock. quiet: a
 // writer probing its predecessor's file does not trace foreign files.
-Mapping* mapExisting(const std::string& file, const Layout& want, Access access,
-                     bool& writerLive) {
+Mapping* mapExisting(const std::string& file, const Layout& want, Access access, bool& writerLive) {
   writerLive = false;
   int fd = ::open(file.c_str(), (access == Access::Reader ? O_RDWR : O_RDONLY) | O_CLOEXEC);
   if (fd < 0 && access == Access::Reader && errno == EACCES) {
@@ -283,8 +284,7 @@ Mapping* mapExisting(const std::string& file, const Layout& want, Access access,
                         "expected schema {:#x}, size {}), refused",
                         file, h.layout.schema, h.layout.valueSize, want.schema, want.valueSize);
           } else {
-            FLICK_TRACE(trace(), 1, "{}: table header not trusted ({}), refused", file,
-                        problem);
+            FLICK_TRACE(trace(), 1, "{}: table header not trusted ({}), refused", file, problem);
           }
         }
         ::munmap(base, size);
@@ -311,7 +311,8 @@ bool safeComponents(std::string_view path, bool single) noexcept {
   std::size_t pos = 0;
   for (;;) {
     const std::size_t slash = path.find('/', pos);
-    const std::string_view c = path.substr(pos, slash == std::string_view::npos ? slash : slash - pos);
+    const std::string_view c =
+        path.substr(pos, slash == std::string_view::npos ? slash : slash - pos);
     if (c.empty() || c == "." || c == "..") return false;
     if (slash == std::string_view::npos) return true;
     if (single) return false;
@@ -366,8 +367,7 @@ WriterCore::WriterCore(std::string path, std::string name, const Layout& layout)
   if (Mapping* old = mapExisting(file_, layout_, Access::Probe, live)) {
     const Header* h = old->header();
     if (live) {
-      FLICK_TRACE(trace(), 1, "{}: writer {} is alive, mount refused", file_,
-                  h->writerPid.load());
+      FLICK_TRACE(trace(), 1, "{}: writer {} is alive, mount refused", file_, h->writerPid.load());
       delete old;
       return;
     }
@@ -476,6 +476,8 @@ bool WriterCore::openPeer(Peer& p, const ReaderEntry& e) {
     }
   }
   // Otherwise (refused, or an old kernel): a datagram socket connected to the reader's.
+  FLICK_TRACE(trace(), 4, "{}: reader {} woken by datagram (pidfd_getfd: {})", file_, p.pid,
+              e.eventFd >= 0 ? std::strerror(errno) : "no eventfd");
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   std::memcpy(addr.sun_path, p.name, p.nameLen);
@@ -558,6 +560,7 @@ void WriterCore::signalReaders() {
     if (errno == ECONNREFUSED || errno == ENOENT) {
       freeEntry(*e, p, i);  // the reader is gone without unregistering (killed)
     } else if (errno != EAGAIN) {
+      e->undelivered.fetch_add(1);
       FLICK_TRACE(trace(), 1, "{}: wake-up of reader {} failed: {}", file_, e->pid.load(),
                   std::strerror(errno));
       e->signalled.store(0);
@@ -613,6 +616,7 @@ ReaderCore::ReaderCore(Ulm::EventLoop& loop, std::string path, std::string name,
       health_(loop.timers(), [this] {
         health_.delayIs(kHealthPeriod);
         check();
+        if (failing_) health_.delayIs(kFailingPollPeriod);
       }) {
   file_ = collectionFile(path_, name_);
   safe_ = safeMountPath(path_) && safeCollectionName(name_);
@@ -674,8 +678,8 @@ void ReaderCore::watchDir() {
   }
   std::string dir = mountDir(path_);
   watching_ = ::inotify_add_watch(inotify_, dir.c_str(),
-                                  IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM |
-                                      IN_ONLYDIR | IN_DELETE_SELF) >= 0;
+                                  IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_ONLYDIR |
+                                      IN_DELETE_SELF) >= 0;
   // Not there yet: watch the nearest directory that is, to try again when the next one
   // down appears.
   while (!watching_ && errno == ENOENT) {
@@ -792,6 +796,7 @@ void ReaderCore::tryMount() {
       std::memcpy(e->name, addr.sun_path, nameLen);
       e->eventFd = eventFd_;
       e->signalled.store(0);
+      undelivered_ = e->undelivered.load();
       e->state.store(kEntryActive, std::memory_order_release);
       registryIndex_ = static_cast<int>(i);
       break;
@@ -846,8 +851,21 @@ void ReaderCore::check() {
     hooks_.mountStatus(true);
     return;
   }
-  // Without a registry entry nobody wakes us: poll.
-  if (map_ && registryIndex_ < 0) hooks_.wake();
+  // Without a registry entry nobody wakes us; with one, the writer counts the wake-ups it
+  // could not deliver. Either way, poll: quickly while wake-ups fail, else at this tick.
+  if (!map_) return;
+  const bool wasFailing = failing_;
+  failing_ = registryIndex_ < 0;
+  if (registryIndex_ >= 0) {
+    const std::uint32_t n =
+        map_->reader(static_cast<std::uint32_t>(registryIndex_))->undelivered.load();
+    if (n != undelivered_) {
+      if (!wasFailing) FLICK_TRACE(trace(), 4, "{}: wake-ups undelivered, polling", file_);
+      failing_ = true;
+      undelivered_ = n;
+    }
+  }
+  hooks_.wake();
 }
 
 }  // namespace detail

@@ -313,10 +313,10 @@ std::uint64_t schemaOf(std::uint64_t h) {
     const auto* base = reinterpret_cast<const unsigned char*>(&obj);
     std::apply(
         [&](const auto&... f) {
-          ((h = schemaOf<std::remove_cvref_t<decltype(obj.*(f.member))>>(schemaMix(
-                schemaMix(h, f.name),
-                static_cast<std::uint64_t>(
-                    reinterpret_cast<const unsigned char*>(&(obj.*(f.member))) - base)))),
+          ((h = schemaOf<std::remove_cvref_t<decltype(obj.*(f.member))>>(
+                schemaMix(schemaMix(h, f.name),
+                          static_cast<std::uint64_t>(
+                              reinterpret_cast<const unsigned char*>(&(obj.*(f.member))) - base)))),
            ...);
         },
         Kel::fieldsOf<T>());
@@ -406,7 +406,7 @@ class WriterCore {
     std::uint64_t nextCheck = 0;  // monotonic ns of the next liveness check
     std::int32_t pid = 0;
     std::uint32_t nameLen = 0;
-    char name[44] = {};
+    char name[40] = {};
   };
   std::vector<Peer> peers_;
 };
@@ -461,6 +461,8 @@ class ReaderCore {
   bool watching_ = false;
   int pidfd_ = -1;
   int registryIndex_ = -1;
+  std::uint32_t undelivered_ = 0;  // the writer's count of failed wake-ups, as last seen
+  bool failing_ = false;           // polling at the short period
   bool announced_ = false;
   Ulm::Timer health_;
 };
@@ -785,8 +787,7 @@ template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K> Writer<K, V>::Writer(std::string_view path,
                                                               const CollectionInfo& info,
                                                               const detail::Layout& layout)
-    : layout_(layout),
-      core_(std::string(path), info.name, layout) {
+    : layout_(layout), core_(std::string(path), info.name, layout) {
   if (!core_.ok()) return;
   // Zero-filled and untouched until used: an empty slot is all zeroes, and so is a mark.
   shadowMem_.allocate(std::size_t{layout_.slotCount} * sizeof(detail::SlotBody<V>));
