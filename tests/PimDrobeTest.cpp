@@ -461,4 +461,81 @@ void readersFollowTheWriter(bool crash) {
 TEST(PimDrobeCrossProcess, ReadersConvergeToTheWritersState) { readersFollowTheWriter(false); }
 TEST(PimDrobeCrossProcess, ReadersResyncAfterTheWriterIsKilled) { readersFollowTheWriter(true); }
 
+// Open descriptors of this process.
+std::size_t openDescriptors() {
+  std::size_t n = 0;
+  for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
+  return n - 1;  // the iterator's own
+}
+
+TEST(PimDrobeCrossProcess, AReaderOfThreeTableSetsInTwoVrfsHoldsAHandfulOfDescriptors) {
+  const L3::VrfName vrfs[] = {L3::VrfName("red"), L3::VrfName("blue")};
+  std::vector<Kel::Ptr<D::Status>> status;
+  std::vector<Kel::Ptr<D::MessageCounters>> counters;
+  auto all = N::intfStatusFactory(N::IntfStatus::mountPath(AddressFamily::ipv4));
+  ASSERT_TRUE(all->mountWriter());
+  for (const auto& vrf : vrfs) {
+    status.push_back(D::statusFactory(D::Status::mountPath(AddressFamily::ipv4, vrf)));
+    counters.push_back(
+        D::messageCountersFactory(D::MessageCounters::mountPath(AddressFamily::ipv4, vrf, "io")));
+    ASSERT_TRUE(status.back()->mountWriter() && counters.back()->mountWriter());
+  }
+  int toParent[2], toChild[2];
+  ASSERT_EQ(::pipe(toParent), 0);
+  ASSERT_EQ(::pipe(toChild), 0);
+  const std::size_t writerBefore = openDescriptors() - 2;  // the child's ends, closed below
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::close(toParent[0]);
+    ::close(toChild[1]);
+    Ulm::EventLoop loop(Kel::Ptr<Kel::Clock>(new Kel::SystemClock));
+    const std::size_t before = openDescriptors();
+    struct Seen : D::Status::NotifieeConst {
+      int keys = 0;
+      void onNeighbor(const D::NeighborKey&) override { ++keys; }
+    };
+    std::vector<Kel::Ptr<Kel::Entity>> held;
+    std::vector<Seen> seen(2);
+    auto r = N::intfStatusFactory(N::IntfStatus::mountPath(AddressFamily::ipv4));
+    r->mountReader(loop);
+    for (int i = 0; i < 2; ++i) {
+      auto s = D::statusFactory(D::Status::mountPath(AddressFamily::ipv4, vrfs[i]));
+      auto c = D::messageCountersFactory(
+          D::MessageCounters::mountPath(AddressFamily::ipv4, vrfs[i], "io"));
+      s->mountReader(loop);
+      c->mountReader(loop);
+      seen[static_cast<std::size_t>(i)].notifierIs(s);
+      held.push_back(s);
+      held.push_back(c);
+    }
+    for (int i = 0; i < 20; ++i) loop.runOnce(0.01);
+    (void)!::write(toParent[1], "m", 1);  // mounted: the writer changes a neighbour per VRF
+    for (int i = 0; i < 1000 && (seen[0].keys == 0 || seen[1].keys == 0); ++i) loop.runOnce(0.01);
+    const auto n = static_cast<std::uint32_t>(openDescriptors() - before);
+    (void)!::write(toParent[1], &n, sizeof n);
+    waitByte(toChild[0], 30);
+    ::_exit(seen[0].keys && seen[1].keys ? 0 : 3);
+  }
+  ::close(toParent[1]);
+  ::close(toChild[0]);
+  ASSERT_TRUE(waitByte(toParent[0], 30));
+  for (std::size_t i = 0; i < 2; ++i) {
+    status[i]->neighborIs(record(static_cast<std::uint32_t>(i), 1));
+    status[i]->commit();
+    counters[i]->msgCounterInc(D::CounterKey(1, 0, IntfId("Ethernet1")), rx, success);
+    counters[i]->msgCounterCommit();
+  }
+  std::uint32_t readerFds = 0;
+  pollfd p{toParent[0], POLLIN, 0};
+  ASSERT_TRUE(::poll(&p, 1, 30000) == 1 &&
+              ::read(toParent[0], &readerFds, sizeof readerFds) == sizeof readerFds);
+  const std::size_t writerAfter = openDescriptors();
+  ::close(toChild[1]);
+  EXPECT_EQ(waitChild(child, 30), 0) << "the reader missed a change";
+  ::close(toParent[0]);
+  // An eventfd, a socket, an inotify instance and a pidfd for the writer.
+  EXPECT_LE(readerFds, 4u);
+  EXPECT_LE(writerAfter - writerBefore, 2u);
+}
+
 }  // namespace

@@ -30,7 +30,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <mutex>
 #include <new>
+#include <vector>
 
 namespace Drobe {
 
@@ -443,15 +446,62 @@ WriterCore::~WriterCore() {
   if (lockFd_ >= 0) ::close(lockFd_);
   for (Peer& p : peers_) closePeer(p);
 }
+namespace {
+
+// The descriptors that wake one reader process (its eventfd, or a socket connected to its
+// own, and a pidfd), shared by every collection this process writes: the writer holds two
+// per reader process, however many of its tables that process reads.
+struct SharedPeer {
+  int fd = -1;
+  int pidfd = -1;
+  bool eventFd = false;
+  int refs = 0;
+};
+std::mutex gPeersMutex;
+std::map<std::string, SharedPeer> gPeers;  // by reader pid, socket name and eventfd number
+
+std::string peerKey(std::int32_t pid, const char* name, std::uint32_t len, std::int32_t efd) {
+  std::string k(reinterpret_cast<const char*>(&pid), sizeof pid);
+  k.append(reinterpret_cast<const char*>(&efd), sizeof efd);
+  k.append(name, len);
+  return k;
+}
+
+}  // namespace
+
 void WriterCore::closePeer(Peer& p) {
-  if (p.fd >= 0) ::close(p.fd);
-  if (p.pidfd >= 0) ::close(p.pidfd);
+  if (p.fd >= 0 || p.pidfd >= 0) {
+    std::lock_guard<std::mutex> lock(gPeersMutex);
+    auto it = gPeers.find(peerKey(p.pid, p.name, p.nameLen, p.readerEventFd));
+    if (it != gPeers.end() && --it->second.refs == 0) {
+      if (it->second.fd >= 0) ::close(it->second.fd);
+      if (it->second.pidfd >= 0) ::close(it->second.pidfd);
+      gPeers.erase(it);
+    }
+  }
   p.fd = -1;
   p.pidfd = -1;
   p.eventFd = false;
 }
 
 bool WriterCore::openPeer(Peer& p, const ReaderEntry& e) {
+  std::lock_guard<std::mutex> lock(gPeersMutex);
+  p.readerEventFd = e.eventFd;
+  const std::string key = peerKey(p.pid, p.name, p.nameLen, p.readerEventFd);
+  if (auto it = gPeers.find(key); it != gPeers.end()) {
+    ++it->second.refs;
+    p.fd = it->second.fd;
+    p.pidfd = it->second.pidfd;
+    p.eventFd = it->second.eventFd;
+    p.nextCheck = monotonicNs() + kPeerCheckNs;
+    return true;
+  }
+  if (!openPeerFds(p, e)) return false;
+  gPeers[key] = SharedPeer{p.fd, p.pidfd, p.eventFd, 1};
+  return true;
+}
+
+bool WriterCore::openPeerFds(Peer& p, const ReaderEntry& e) {
   // Preferred: a duplicate of the reader's eventfd, taken through a pidfd (needs ptrace
   // access to the reader, as root). The pidfd stays open to tell a dead reader.
   if (e.eventFd >= 0) {
@@ -463,7 +513,9 @@ bool WriterCore::openPeer(Peer& p, const ReaderEntry& e) {
         // same reader's now, the number named its eventfd when we took it, not a reuse.
         if (e.state.load() != kEntryActive || e.pid.load() != p.pid || e.nameLen != p.nameLen ||
             std::memcmp(e.name, p.name, p.nameLen) != 0) {
-          closePeer(p);
+          ::close(p.fd);
+          ::close(p.pidfd);
+          p.fd = p.pidfd = -1;
           errno = EAGAIN;  // the entry changed hands: the next commit starts again
           return false;
         }
@@ -604,6 +656,162 @@ CollectionStats statsOf(const Mapping* m) {
 CollectionStats WriterCore::stats() const { return statsOf(map_); }
 
 // ---------------------------------------------------------------------------------------
+// ReaderHub: the descriptors of all readers on one event loop, so that a reader process
+// holds a handful whatever it mounts: one eventfd and one datagram socket for wake-ups
+// (registered under the same name in every table), one inotify instance, and one pidfd
+// per writer process. A wake-up or event is offered to every reader of the loop; each
+// checks its own table, which costs a load or two.
+
+namespace {
+std::mutex gHubsMutex;
+std::map<const Ulm::EventLoop*, ReaderHub*> gHubs;
+}  // namespace
+
+class ReaderHub {
+ public:
+  static ReaderHub* join(Ulm::EventLoop& loop, ReaderCore* c) {
+    std::lock_guard<std::mutex> lock(gHubsMutex);
+    ReaderHub*& h = gHubs[&loop];
+    if (!h) h = new ReaderHub(loop);
+    h->cores_.push_back(c);
+    return h;
+  }
+  void leave(ReaderCore* c) {
+    std::erase(cores_, c);
+    if (cores_.empty() && dispatching_ == 0) destroy();
+  }
+  int eventFd() const noexcept { return eventFd_; }
+  int sock() const noexcept { return sock_; }
+  int inotify() const noexcept { return inotify_; }
+  void watchWriter(ReaderCore* c, std::int32_t pid) {
+    unwatchWriter(c);
+    c->writerPid_ = pid;
+    Pidfd& p = writers_[pid];
+    if (p.refs++ == 0) {
+      p.fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+      // The writer's exit makes its pidfd readable: prompt detection of a crash.
+      if (p.fd >= 0) {
+        ::fcntl(p.fd, F_SETFD, FD_CLOEXEC);
+        loop_.watch(p.fd, [this, pid] {
+          dispatch([pid](ReaderCore* r) {
+            if (r->writerPid_ == pid) r->check();
+          });
+        });
+      }
+    }
+  }
+  void unwatchWriter(ReaderCore* c) {
+    if (c->writerPid_ == 0) return;
+    auto it = writers_.find(c->writerPid_);
+    c->writerPid_ = 0;
+    if (it == writers_.end() || --it->second.refs > 0) return;
+    if (it->second.fd >= 0) {
+      loop_.unwatch(it->second.fd);
+      ::close(it->second.fd);
+    }
+    writers_.erase(it);
+  }
+
+ private:
+  struct Pidfd {
+    int fd = -1;
+    int refs = 0;
+  };
+  explicit ReaderHub(Ulm::EventLoop& loop) : loop_(loop) {
+    // Woken through the eventfd when the writer may duplicate it, else through the socket.
+    // Edge-triggered: every write is an event, so the counter is never read (one system
+    // call less per wake-up); it would take 2^64 wake-ups to fill.
+    eventFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (eventFd_ >= 0 &&
+        !loop_.watch(
+            eventFd_, [this] { dispatch([](ReaderCore* r) { r->woken(); }); }, true)) {
+      ::close(eventFd_);
+      eventFd_ = -1;
+    }
+    sock_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    // Binding only the family autobinds a unique abstract name: nothing to clean up.
+    if (sock_ < 0 ||
+        ::bind(sock_, reinterpret_cast<const sockaddr*>(&addr), sizeof(sa_family_t)) != 0) {
+      FLICK_TRACE(trace(), 1, "wake-up socket: {}", std::strerror(errno));
+    } else {
+      loop_.watch(sock_, [this] {
+        // Wake-ups are coalesced, so one datagram is normally all there is; should more be
+        // queued, the level-triggered loop calls again.
+        char buf[64];
+        (void)::recv(sock_, buf, sizeof buf, MSG_DONTWAIT);
+        dispatch([](ReaderCore* r) { r->woken(); });
+      });
+    }
+    inotify_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (inotify_ < 0) {
+      FLICK_TRACE(trace(), 1, "inotify unavailable ({}), polling", std::strerror(errno));
+    } else {
+      loop_.watch(inotify_, [this] { directoryEvents(); });
+    }
+  }
+  void destroy() {
+    {
+      std::lock_guard<std::mutex> lock(gHubsMutex);
+      gHubs.erase(&loop_);
+    }
+    for (int fd : {eventFd_, sock_, inotify_}) {
+      if (fd < 0) continue;
+      loop_.unwatch(fd);
+      ::close(fd);
+    }
+    delete this;
+  }
+  void directoryEvents() {
+    alignas(inotify_event) char buf[4096];
+    std::vector<std::string> names;
+    std::vector<int> ignored;
+    bool overflow = false;
+    for (;;) {
+      const ssize_t n = ::read(inotify_, buf, sizeof buf);
+      if (n <= 0) break;
+      for (ssize_t off = 0; off < n;) {
+        const auto* ev = reinterpret_cast<const inotify_event*>(buf + off);
+        overflow |= (ev->mask & IN_Q_OVERFLOW) != 0;
+        if (ev->len) names.emplace_back(ev->name);
+        // The directory went away: its readers watch it again when it is back.
+        if (ev->mask & IN_IGNORED) ignored.push_back(ev->wd);
+        off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
+      }
+    }
+    dispatch([&](ReaderCore* r) {
+      if (std::find(ignored.begin(), ignored.end(), r->wd_) != ignored.end()) {
+        r->watching_ = false;
+      }
+      if (overflow || !r->watching_ ||
+          std::find(names.begin(), names.end(), r->name_) != names.end()) {
+        r->check();
+      }
+    });
+  }
+  // Calls fn for each reader that is still on the loop when its turn comes (a handler may
+  // destroy readers); the hub goes when the last one has.
+  template <typename F>
+  void dispatch(F&& fn) {
+    ++dispatching_;
+    const std::vector<ReaderCore*> now = cores_;
+    for (ReaderCore* c : now) {
+      if (std::find(cores_.begin(), cores_.end(), c) != cores_.end()) fn(c);
+    }
+    if (--dispatching_ == 0 && cores_.empty()) destroy();
+  }
+
+  Ulm::EventLoop& loop_;
+  std::vector<ReaderCore*> cores_;
+  std::map<std::int32_t, Pidfd> writers_;
+  int eventFd_ = -1;
+  int sock_ = -1;
+  int inotify_ = -1;
+  int dispatching_ = 0;
+};
+
+// ---------------------------------------------------------------------------------------
 // ReaderCore
 
 ReaderCore::ReaderCore(Ulm::EventLoop& loop, std::string path, std::string name,
@@ -624,29 +832,8 @@ ReaderCore::ReaderCore(Ulm::EventLoop& loop, std::string path, std::string name,
     FLICK_TRACE(trace(), 1, "{}: unsafe mount path, refused", file_);
     return;
   }
+  hub_ = ReaderHub::join(loop_, this);
   watchDir();
-  // Woken through the eventfd when the writer may duplicate it, else through the socket.
-  // Edge-triggered: every write is an event, so the counter is never read (one system
-  // call less per wake-up); it would take 2^64 wake-ups to fill.
-  eventFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  if (eventFd_ >= 0 && !loop_.watch(
-                           eventFd_, [this] { woken(); }, true)) {
-    ::close(eventFd_);
-    eventFd_ = -1;
-  }
-  sock_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  // Binding only the family autobinds a unique abstract name: nothing to clean up.
-  if (sock_ < 0 ||
-      ::bind(sock_, reinterpret_cast<const sockaddr*>(&addr), sizeof(sa_family_t)) != 0) {
-    FLICK_TRACE(trace(), 1, "{}: wake-up socket: {}", file_, std::strerror(errno));
-  } else {
-    loop_.watch(sock_, [this] {
-      drainSocket();
-      woken();
-    });
-  }
   tryMount();
   // Announce (or poll) on the first loop turn, after the creator attached its notifiees.
   health_.deadlineIs(loop_.clock()->now());
@@ -655,38 +842,20 @@ ReaderCore::ReaderCore(Ulm::EventLoop& loop, std::string path, std::string name,
 // Watches the mount directory for a writer's file to appear. Readers never create the
 // directory: until it exists, the health timer tries again.
 void ReaderCore::watchDir() {
-  if (watching_) return;
-  if (inotify_ < 0) {
-    inotify_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (inotify_ < 0) return;
-    loop_.watch(inotify_, [this] {
-      alignas(inotify_event) char buf[4096];
-      bool ours = false;
-      for (;;) {
-        const ssize_t n = ::read(inotify_, buf, sizeof buf);
-        if (n <= 0) break;
-        for (ssize_t off = 0; off < n;) {
-          const auto* ev = reinterpret_cast<const inotify_event*>(buf + off);
-          if ((ev->mask & IN_Q_OVERFLOW) || (ev->len && name_ == ev->name)) ours = true;
-          // The directory went away: watch it again when it is back.
-          if (ev->mask & IN_IGNORED) watching_ = false;
-          off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
-        }
-      }
-      if (ours || !watching_) check();
-    });
-  }
+  if (watching_ || hub_->inotify() < 0) return;
   std::string dir = mountDir(path_);
-  watching_ = ::inotify_add_watch(inotify_, dir.c_str(),
-                                  IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_ONLYDIR |
-                                      IN_DELETE_SELF) >= 0;
+  wd_ = ::inotify_add_watch(
+      hub_->inotify(), dir.c_str(),
+      IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_ONLYDIR | IN_DELETE_SELF);
+  watching_ = wd_ >= 0;
   // Not there yet: watch the nearest directory that is, to try again when the next one
   // down appears.
   while (!watching_ && errno == ENOENT) {
     const std::size_t slash = dir.rfind('/');
     if (slash == std::string::npos || slash == 0) break;
     dir.resize(slash);
-    if (::inotify_add_watch(inotify_, dir.c_str(), IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) >= 0) {
+    if (::inotify_add_watch(hub_->inotify(), dir.c_str(), IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) >=
+        0) {
       break;
     }
   }
@@ -697,21 +866,9 @@ ReaderCore::~ReaderCore() {
     if (registryIndex_ >= 0) map_->reader(static_cast<std::uint32_t>(registryIndex_))->state = 0;
     delete map_;
   }
-  if (pidfd_ >= 0) {
-    loop_.unwatch(pidfd_);
-    ::close(pidfd_);
-  }
-  if (sock_ >= 0) {
-    loop_.unwatch(sock_);
-    ::close(sock_);
-  }
-  if (eventFd_ >= 0) {
-    loop_.unwatch(eventFd_);
-    ::close(eventFd_);
-  }
-  if (inotify_ >= 0) {
-    loop_.unwatch(inotify_);
-    ::close(inotify_);
+  if (hub_) {
+    hub_->unwatchWriter(this);
+    hub_->leave(this);
   }
 }
 
@@ -747,14 +904,6 @@ void ReaderCore::woken() {
   }
 }
 
-void ReaderCore::drainSocket() {
-  // Wake-ups are coalesced, so one datagram is normally all there is; should more be
-  // queued, the level-triggered loop calls again. Reading until EAGAIN would cost every
-  // wake-up a second system call.
-  char buf[64];
-  (void)::recv(sock_, buf, sizeof buf, MSG_DONTWAIT);
-}
-
 // Alive: the writer has not retired and its lock is still on the file we mapped.
 bool ReaderCore::writerAlive() const {
   if (map_->header()->state.load() != kStateLive) return false;
@@ -784,7 +933,8 @@ void ReaderCore::tryMount() {
   registryIndex_ = -1;
   sockaddr_un addr{};
   socklen_t alen = sizeof addr;
-  if (sock_ >= 0 && ::getsockname(sock_, reinterpret_cast<sockaddr*>(&addr), &alen) == 0) {
+  if (hub_->sock() >= 0 &&
+      ::getsockname(hub_->sock(), reinterpret_cast<sockaddr*>(&addr), &alen) == 0) {
     const auto nameLen =
         static_cast<std::uint32_t>(alen - static_cast<socklen_t>(offsetof(sockaddr_un, sun_path)));
     for (std::uint32_t i = 0; i < m->maxReaders() && nameLen <= sizeof ReaderEntry::name; ++i) {
@@ -794,7 +944,7 @@ void ReaderCore::tryMount() {
       e->pid.store(::getpid());
       e->nameLen = nameLen;
       std::memcpy(e->name, addr.sun_path, nameLen);
-      e->eventFd = eventFd_;
+      e->eventFd = hub_->eventFd();
       e->signalled.store(0);
       undelivered_ = e->undelivered.load();
       e->state.store(kEntryActive, std::memory_order_release);
@@ -807,21 +957,13 @@ void ReaderCore::tryMount() {
   }
   // The writer's exit makes its pidfd readable: prompt detection of a crash. The pid is
   // only a hint (the lock decides), so a wrong one costs the health timer's delay.
-  pidfd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-  if (pidfd_ >= 0) {
-    fcntl(pidfd_, F_SETFD, FD_CLOEXEC);
-    loop_.watch(pidfd_, [this] { check(); });
-  }
+  hub_->watchWriter(this, pid);
   FLICK_TRACE(trace(), 4, "{}: reader mounted generation {}", file_, h->generation.load());
 }
 
 void ReaderCore::unmount() {
   if (!map_) return;
-  if (pidfd_ >= 0) {
-    loop_.unwatch(pidfd_);
-    ::close(pidfd_);
-    pidfd_ = -1;
-  }
+  hub_->unwatchWriter(this);
   if (registryIndex_ >= 0) {
     map_->reader(static_cast<std::uint32_t>(registryIndex_))->state.store(kEntryFree);
     registryIndex_ = -1;

@@ -335,6 +335,7 @@ std::uint64_t schemaFor() {
 struct Header;
 struct ReaderEntry;
 class Mapping;
+class ReaderHub;
 
 // Where a mount path or collection name may lead: one or more components, none empty, "."
 // or "..", so that no name can place a table outside the root.
@@ -387,6 +388,7 @@ class WriterCore {
   struct Peer;
   void signalReaders();
   bool openPeer(Peer& p, const ReaderEntry& e);
+  bool openPeerFds(Peer& p, const ReaderEntry& e);
   void closePeer(Peer& p);
   void freeEntry(ReaderEntry& e, Peer& p, std::uint32_t i);
   std::string path_;
@@ -405,6 +407,7 @@ class WriterCore {
     bool eventFd = false;
     std::uint64_t nextCheck = 0;  // monotonic ns of the next liveness check
     std::int32_t pid = 0;
+    std::int32_t readerEventFd = -1;  // the number the reader registered
     std::uint32_t nameLen = 0;
     char name[40] = {};
   };
@@ -441,10 +444,10 @@ class ReaderCore {
   void check();
 
  private:
+  friend class ReaderHub;
   void tryMount();
   void unmount();
   void watchDir();
-  void drainSocket();
   void woken();
   bool writerAlive() const;
   Ulm::EventLoop& loop_;
@@ -455,11 +458,10 @@ class ReaderCore {
   Hooks hooks_;
   Mapping* map_ = nullptr;
   bool safe_ = false;
-  int sock_ = -1;
-  int eventFd_ = -1;
-  int inotify_ = -1;
+  ReaderHub* hub_ = nullptr;  // the loop's shared wake-up, directory and writer watches
+  int wd_ = -1;               // inotify watch of the mount directory
   bool watching_ = false;
-  int pidfd_ = -1;
+  std::int32_t writerPid_ = 0;  // watched through the hub while mounted
   int registryIndex_ = -1;
   std::uint32_t undelivered_ = 0;  // the writer's count of failed wake-ups, as last seen
   bool failing_ = false;           // polling at the short period
