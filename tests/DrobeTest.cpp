@@ -183,6 +183,17 @@ TEST_F(DrobeTest, FullTableRefusesWithTraceAndCountAndKeepsItsContents) {
   EXPECT_EQ(m.rows.at(3).counter, 33u);
   ASSERT_TRUE(w->del({0}));
   EXPECT_TRUE(w->is(TVal::make({100}, 1)));
+  // A growing table refuses only at its maximum, and its readers see it grow.
+  auto g = W::create(kPath, {"grow", 8, 0, 20});
+  Mirror gm;
+  auto gr = mirrored(gm, "grow");
+  for (std::uint32_t id = 0; id < 20; ++id) ASSERT_TRUE(g->is(TVal::make({id}, id)));
+  EXPECT_FALSE(g->is(TVal::make({20}, 1)));
+  EXPECT_EQ(g->refused(), 1u);
+  publish(*g);
+  EXPECT_EQ(gm.rows, contents(*g));
+  EXPECT_EQ(gr->stats().capacity, 20u);
+  EXPECT_EQ(gm.unmounts, 0);
 }
 
 TEST_F(DrobeTest, DeletionKeepsProbeChainsAndTombstonesAreReusedAndReclaimed) {
@@ -749,6 +760,115 @@ TEST_F(DrobeCrossProcessTest, AWriterRefusedTheReadersEventfdWakesItByDatagram) 
   ::waitpid(writer, &status, 0);
   std::erase(children_, writer);
   EXPECT_EQ(status, 0) << "no datagram wake-up, or one failed";
+}
+
+// Growth: small records, so that a million of them fit a test machine.
+struct GKey {
+  std::uint32_t id = 0;
+  std::uint32_t hash() const { return id * 2654435761u; }
+  bool operator==(const GKey&) const = default;
+};
+struct GVal {
+  GKey k;
+  std::uint32_t counter = 0;
+  std::uint64_t check = 0;
+  GKey key() const { return k; }
+  static GVal make(std::uint32_t id, std::uint32_t counter) {
+    return {{id}, counter, mix((std::uint64_t{id} << 32) | counter)};
+  }
+  bool intact() const { return check == make(k.id, counter).check; }
+  bool operator==(const GVal&) const = default;
+};
+constexpr std::uint32_t kGrowMax = 1000000, kGrowDone = kGrowMax - 1;
+std::uint32_t fold(std::uint64_t d) { return static_cast<std::uint32_t>(d ^ (d >> 32)); }
+
+// Follows a growing table through its notices into rows[id] = counter + 1, and reports
+// whether it converged to the done record's digest without a torn record.
+[[noreturn]] void growthReader(int outFd) {
+  using GR = Drobe::Reader<GKey, GVal>;
+  struct Rows : GR::NotifieeConst {
+    std::vector<std::uint32_t> rows = std::vector<std::uint32_t>(kGrowMax);
+    std::uint64_t torn = 0, collections = 0, mounts = 0, unmounts = 0;
+    void onMountStatus(bool up) override { ++(up ? mounts : unmounts); }
+    void take(const GVal& v) {
+      torn += !v.intact();
+      rows[v.k.id % kGrowMax] = v.counter + 1;
+    }
+    void onKey(const GKey& k) override {
+      if (auto v = notifier()->find(k)) {
+        take(*v);
+      } else {
+        rows[k.id % kGrowMax] = 0;
+      }
+    }
+    void onCollection() override {
+      ++collections;
+      std::fill(rows.begin(), rows.end(), 0);
+      for (const GVal& v : *notifier()) take(v);
+    }
+    std::uint64_t digest() const {
+      std::uint64_t d = 0;
+      for (std::uint32_t id = 0; id < kGrowDone; ++id) d += rows[id] ? mix(id + rows[id]) : 0;
+      return d;
+    }
+  };
+  Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+  Rows m;
+  auto r = GR::create(loop, "test/grow", "rec");
+  m.notifierIs(r);
+  bool converged = false;
+  const Kel::Time deadline = loop.clock()->now() + 240.0;
+  while (!converged && loop.clock()->now() < deadline) {
+    loop.runOnce(0.05);
+    converged = m.rows[kGrowDone] != 0 && fold(m.digest()) == m.rows[kGrowDone] - 1;
+  }
+  const std::uint64_t res[5] = {converged, m.torn, m.collections, r->stats().capacity,
+                                m.mounts * 10 + m.unmounts};
+  ::_exit(::write(outFd, res, sizeof res) == static_cast<ssize_t>(sizeof res) ? 0 : 4);
+}
+
+TEST_F(DrobeCrossProcessTest, ATableGrowsFrom64kToAMillionWhileTwoReadersFollow) {
+  int out[2];
+  for (int& fd : out) spawn(true, fd, growthReader);
+  auto w = Drobe::Writer<GKey, GVal>::create("test/grow", {"rec", 65536, 4096, kGrowMax});
+  ASSERT_TRUE(w);
+  // Batches of 10,000 per commit, every tenth record rewritten and every hundredth
+  // deleted a batch later, so that keys change on both sides of each switch.
+  std::uint64_t digest = 0;
+  std::vector<std::uint32_t> counters(kGrowDone);
+  for (std::uint32_t base = 0; base < kGrowDone; base += 10000) {
+    for (std::uint32_t id = base; id < std::min(base + 10000, kGrowDone); ++id) {
+      ASSERT_TRUE(w->is(GVal::make(id, counters[id] = id % 7 + 1)));
+    }
+    for (std::uint32_t id = base >= 10000 ? base - 10000 : 0; id < base; id += 10) {
+      if (id % 100 == 0) {
+        w->del({id});
+        counters[id] = 0;
+      } else {
+        w->is(GVal::make(id, ++counters[id]));
+      }
+    }
+    w->commit();
+  }
+  for (std::uint32_t id = 0; id < kGrowDone; ++id) {
+    digest += counters[id] ? mix(id + counters[id] + 1) : 0;
+  }
+  // The last record, the millionth, carries the digest of the others.
+  ASSERT_TRUE(w->is(GVal::make(kGrowDone, fold(digest))));
+  w->commit();
+  EXPECT_EQ(w->capacity(), kGrowMax);
+  for (int fd : out) {
+    std::uint64_t res[5] = {};
+    pollfd p{fd, POLLIN, 0};
+    EXPECT_TRUE(::poll(&p, 1, 250000) == 1 &&
+                ::read(fd, res, sizeof res) == static_cast<ssize_t>(sizeof res));
+    ::close(fd);
+    EXPECT_EQ(res[0], 1u) << "did not converge";
+    EXPECT_EQ(res[1], 0u) << "torn records";
+    EXPECT_GE(res[2], 5u) << "a whole-collection notice per generation switch";
+    EXPECT_EQ(res[3], kGrowMax);
+    EXPECT_EQ(res[4], 10u) << "mounted once, never unmounted across the switches";
+  }
 }
 
 // Ledra

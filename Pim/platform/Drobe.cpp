@@ -46,6 +46,7 @@ constexpr std::uint32_t kVersion = 3;  // 3: word-wise slots, page bitmap, schem
 constexpr std::uint32_t kMaxReaders = 64;
 constexpr std::uint32_t kStateLive = 1;
 constexpr std::uint32_t kStateRetired = 2;
+constexpr std::uint32_t kStateGrown = 3;  // replaced by a grown table of the same writer
 constexpr std::uint32_t kEntryFree = 0;
 constexpr std::uint32_t kEntryClaiming = 1;
 constexpr std::uint32_t kEntryActive = 2;
@@ -377,16 +378,35 @@ WriterCore::WriterCore(std::string path, std::string name, const Layout& layout)
     generation = h->generation.load() + 1;
     delete old;
   }
-
-  const FileGeometry g = geometryOf(layout_);
-
+  if (!create(generation, nullptr)) return;
   // Built under a private name and renamed into place, so a reader never maps a table
   // that is still being initialised.
-  const std::string tmp = dir + "/." + name_ + "." + std::to_string(::getpid()) + ".tmp";
-  int fd = ::open(tmp.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0660);
-  if (fd < 0) {
-    FLICK_TRACE(trace(), 1, "{}: cannot create: {}", tmp, std::strerror(errno));
+  if (::rename(tmp_.c_str(), file_.c_str()) != 0) {
+    FLICK_TRACE(trace(), 1, "{}: cannot rename into place: {}", file_, std::strerror(errno));
+    ::unlink(tmp_.c_str());
+    delete map_;
+    map_ = nullptr;
     return;
+  }
+  tmp_.clear();
+  FLICK_TRACE(trace(), 4, "{}: mounted, generation {}, capacity {}, {} slots, {} bytes", file_,
+              generation, layout_.capacity, layout_.slotCount, map_->size());
+}
+
+WriterCore::WriterCore(const WriterCore& from, const Layout& layout)
+    : path_(from.path_), name_(from.name_), file_(from.file_), layout_(layout) {
+  create(from.map_->header()->generation.load(), &from);
+}
+
+bool WriterCore::create(std::uint64_t generation, const WriterCore* from) {
+  static std::atomic<std::uint32_t> serial{0};
+  const FileGeometry g = geometryOf(layout_);
+  tmp_ = mountDir(path_) + "/." + name_ + "." + std::to_string(::getpid()) + "." +
+         std::to_string(serial.fetch_add(1)) + ".tmp";
+  int fd = ::open(tmp_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0660);
+  if (fd < 0) {
+    FLICK_TRACE(trace(), 1, "{}: cannot create: {}", tmp_, std::strerror(errno));
+    return false;
   }
   struct flock fl {};
   fl.l_type = F_WRLCK;
@@ -398,10 +418,10 @@ WriterCore::WriterCore(std::string path, std::string name, const Layout& layout)
     base = ::mmap(nullptr, g.fileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   }
   if (base == MAP_FAILED) {
-    FLICK_TRACE(trace(), 1, "{}: cannot lock, size or map: {}", tmp, std::strerror(errno));
+    FLICK_TRACE(trace(), 1, "{}: cannot lock, size or map: {}", tmp_, std::strerror(errno));
     ::close(fd);
-    ::unlink(tmp.c_str());
-    return;
+    ::unlink(tmp_.c_str());
+    return false;
   }
   lockFd_ = fd;
   auto* h = new (base) Header{};
@@ -416,33 +436,47 @@ WriterCore::WriterCore(std::string path, std::string name, const Layout& layout)
   h->fileSize = g.fileSize;
   h->generation.store(generation);
   h->writerPid.store(::getpid());
+  if (from) {
+    const Header* o = from->map_->header();
+    h->commits.store(o->commits.load());
+    h->refused.store(o->refused.load());
+    h->corrupt.store(o->corrupt.load());
+  }
   auto* bytes = static_cast<std::byte*>(base);
   auto* registry = reinterpret_cast<ReaderEntry*>(bytes + g.registryOffset);
   for (std::uint32_t i = 0; i < kMaxReaders; ++i) new (registry + i) ReaderEntry{};
   // The ring, the bitmap and the slots stay as ftruncate left them: zeroes, untouched.
   map_ = Mapping::create(bytes, g.fileSize, st, *h, registry);
   h->state.store(kStateLive, std::memory_order_release);
-  if (::rename(tmp.c_str(), file_.c_str()) != 0) {
+  peers_.resize(kMaxReaders);
+  return true;
+}
+
+void WriterCore::install(WriterCore& from) {
+  if (::rename(tmp_.c_str(), file_.c_str()) != 0) {
     FLICK_TRACE(trace(), 1, "{}: cannot rename into place: {}", file_, std::strerror(errno));
-    ::unlink(tmp.c_str());
-    delete map_;
-    map_ = nullptr;
     return;
   }
-  peers_.resize(kMaxReaders);
-  FLICK_TRACE(trace(), 4, "{}: mounted, generation {}, capacity {}, {} slots, {} bytes", file_,
-              generation, layout_.capacity, layout_.slotCount, g.fileSize);
+  tmp_.clear();
+  // Its readers find the grown table under the same name and generation, and move.
+  from.grown_ = true;
+  from.map_->header()->state.store(kStateGrown, std::memory_order_seq_cst);
+  from.signalReaders();
+  FLICK_TRACE(trace(), 4, "{}: grown to capacity {}, {} slots, {} bytes", file_, layout_.capacity,
+              layout_.slotCount, map_->size());
 }
 
 WriterCore::~WriterCore() {
-  if (map_) {
+  if (map_ && !tmp_.empty()) {
+    ::unlink(tmp_.c_str());  // never put in place
+  } else if (map_ && !grown_) {
     map_->header()->state.store(kStateRetired, std::memory_order_seq_cst);
     signalReaders();
     // Remove the file only if it is still ours; a successor may have replaced it.
     struct stat st {};
     if (::stat(file_.c_str(), &st) == 0 && map_->sameFile(st)) ::unlink(file_.c_str());
-    delete map_;
   }
+  delete map_;
   if (lockFd_ >= 0) ::close(lockFd_);
   for (Peer& p : peers_) closePeer(p);
 }
@@ -929,7 +963,40 @@ void ReaderCore::tryMount() {
   }
   map_ = m;
   layout_ = m->layout();
-  // Register for wake-ups.
+  registerForWakeUps();
+  // The writer's exit makes its pidfd readable: prompt detection of a crash. The pid is
+  // only a hint (the lock decides), so a wrong one costs the health timer's delay.
+  hub_->watchWriter(this, pid);
+  FLICK_TRACE(trace(), 4, "{}: reader mounted generation {}", file_, h->generation.load());
+}
+
+// Moves to the table that replaced ours if it is the same writer's, grown (same
+// generation, live): the old mapping served finds until now, so readers never see an
+// empty or torn table on the way.
+bool ReaderCore::remap() {
+  bool live = false;
+  Mapping* m = mapExisting(file_, layout_, Access::Reader, live);
+  if (!m) return false;
+  const Header* h = m->header();
+  if (!live || h->state.load() != kStateLive ||
+      h->generation.load() != map_->header()->generation.load()) {
+    delete m;
+    return false;
+  }
+  if (registryIndex_ >= 0) {
+    map_->reader(static_cast<std::uint32_t>(registryIndex_))->state.store(kEntryFree);
+  }
+  delete map_;
+  map_ = m;
+  layout_ = m->layout();
+  registerForWakeUps();
+  FLICK_TRACE(trace(), 4, "{}: reader moved to the grown table, capacity {}", file_,
+              layout_.capacity);
+  return true;
+}
+
+void ReaderCore::registerForWakeUps() {
+  Mapping* m = map_;
   registryIndex_ = -1;
   sockaddr_un addr{};
   socklen_t alen = sizeof addr;
@@ -952,13 +1019,9 @@ void ReaderCore::tryMount() {
       break;
     }
   }
-  if (registryIndex_ < 0) {
+  if (registryIndex_ < 0 && m->hasRegistry()) {
     FLICK_TRACE(trace(), 1, "{}: reader registry full, polling every {}s", file_, kHealthPeriod);
   }
-  // The writer's exit makes its pidfd readable: prompt detection of a crash. The pid is
-  // only a hint (the lock decides), so a wrong one costs the health timer's delay.
-  hub_->watchWriter(this, pid);
-  FLICK_TRACE(trace(), 4, "{}: reader mounted generation {}", file_, h->generation.load());
 }
 
 void ReaderCore::unmount() {
@@ -979,6 +1042,10 @@ void ReaderCore::check() {
   if (map_) {
     struct stat st {};
     const bool replaced = ::stat(file_.c_str(), &st) != 0 || !map_->sameFile(st);
+    if (replaced && announced_ && remap()) {
+      hooks_.remapped();
+      return;
+    }
     if (replaced || !writerAlive()) {
       unmount();
       if (announced_) {

@@ -123,6 +123,7 @@
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <new>
 #include <optional>
 #include <string>
@@ -163,9 +164,10 @@ inline constexpr int kReadRetries = 64;
 // One collection as the writer declares it.
 struct CollectionInfo {
   std::string name;
-  std::uint32_t capacity = 0;
-  std::uint32_t ringSize = 0;  // change-ring entries, rounded up to a power of two;
-                               // 0 means kDefaultRingSize
+  std::uint32_t capacity = 0;     // live entries at mount
+  std::uint32_t ringSize = 0;     // change-ring entries, rounded up to a power of two;
+                                  // 0 means kDefaultRingSize
+  std::uint32_t maxCapacity = 0;  // the table grows up to this; 0: no growth
 };
 
 // The collections of a table set as its writer declares them.
@@ -365,6 +367,10 @@ class AnonBuffer {
 class WriterCore {
  public:
   WriterCore(std::string path, std::string name, const Layout& layout);
+  // A grown successor of from's table, in a file of its own until install(from) puts it
+  // in place (from's readers then move to it).
+  WriterCore(const WriterCore& from, const Layout& layout);
+  void install(WriterCore& from);
   ~WriterCore();
   WriterCore(const WriterCore&) = delete;
   WriterCore& operator=(const WriterCore&) = delete;
@@ -389,6 +395,7 @@ class WriterCore {
   void signalReaders();
   bool openPeer(Peer& p, const ReaderEntry& e);
   bool openPeerFds(Peer& p, const ReaderEntry& e);
+  bool create(std::uint64_t generation, const WriterCore* from);
   void closePeer(Peer& p);
   void freeEntry(ReaderEntry& e, Peer& p, std::uint32_t i);
   std::string path_;
@@ -399,6 +406,8 @@ class WriterCore {
   // Open for the writer's whole life, holding an exclusive open-file-description lock on
   // the table: the kernel drops it when the writer dies, whatever becomes of its pid.
   int lockFd_ = -1;
+  std::string tmp_;     // the file's name until it is in place
+  bool grown_ = false;  // replaced by a grown table: not retired
   // Each registered reader's wake-up descriptor, so a wake-up is one write or send with no
   // lookup; rebuilt when a registry entry changes hands.
   struct Peer {
@@ -421,6 +430,7 @@ class ReaderCore {
     const Kel::PtrInterface* owner = nullptr;  // kept alive while a hook runs
     std::function<void()> wake;                // the ring may have new entries
     std::function<void(bool)> mountStatus;     // mounted / unmounted
+    std::function<void()> remapped;            // moved to the writer's grown table
   };
   ReaderCore(Ulm::EventLoop& loop, std::string path, std::string name, const Layout& layout,
              Hooks hooks);
@@ -446,6 +456,8 @@ class ReaderCore {
  private:
   friend class ReaderHub;
   void tryMount();
+  bool remap();
+  void registerForWakeUps();
   void unmount();
   void watchDir();
   void woken();
@@ -510,8 +522,8 @@ class Writer : public Kel::PtrInterface {
   std::uint32_t capacity() const noexcept { return layout_.capacity; }
   std::uint64_t refused() const noexcept { return refused_; }
   std::uint64_t corrupt() const noexcept { return corrupt_; }
-  CollectionStats stats() const { return core_.stats(); }
-  const std::string& file() const noexcept { return core_.file(); }
+  CollectionStats stats() const { return core_->stats(); }
+  const std::string& file() const noexcept { return core_->file(); }
 
   // Iteration over live entries in slot order (the writer's view, committed or not).
   class const_iterator {
@@ -549,7 +561,8 @@ class Writer : public Kel::PtrInterface {
 
  private:
   Writer(std::string_view path, const CollectionInfo& info, const detail::Layout& layout);
-  static detail::Layout layoutFor(const CollectionInfo& info);
+  static detail::Layout layoutFor(std::uint32_t capacity, std::uint32_t ringSize);
+  bool grow();
   std::uint32_t nextLive(std::uint32_t from) const noexcept;
   void markDirty(std::uint32_t slot);
   void queueKey(std::uint32_t slot, const K& k);
@@ -566,7 +579,10 @@ class Writer : public Kel::PtrInterface {
   bool insertAt(std::uint32_t slot, std::uint32_t h, const K& k, const V& v);
 
   detail::Layout layout_;
-  detail::WriterCore core_;
+  std::unique_ptr<detail::WriterCore> core_;
+  // After a growth, the table readers still map until the next commit installs core_.
+  std::unique_ptr<detail::WriterCore> installed_;
+  std::uint32_t maxCapacity_ = 0;
   // Per slot, side by side so that one update touches one cache line of marks.
   struct Marks {
     std::uint64_t dirty = 0;  // commit epoch in which the slot was dirtied
@@ -656,6 +672,7 @@ class Reader : public Kel::PtrInterface {
   std::uint32_t nextStable(std::uint32_t from, detail::SlotBody<V>& out) const;
   void handleWake();
   void handleMountStatus(bool mounted);
+  void handleRemap();
 
   detail::ReaderCore core_;
   Kel::NotifieeList<NotifieeConst> notifiees_;
@@ -764,24 +781,24 @@ inline std::uint32_t prevSlot(std::uint32_t i, std::uint32_t n) noexcept {
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K> detail::Layout Writer<K, V>::layoutFor(
-    const CollectionInfo& info) {
+    std::uint32_t capacity, std::uint32_t ringSize) {
   detail::Layout l;
   l.keySize = sizeof(K);
   l.valueSize = sizeof(V);
   l.slotSize = detail::kSlotSize<V>;
   l.ringEntrySize = detail::kRingEntrySize<K>;
   l.schema = detail::schemaFor<K, V>();
-  l.capacity = std::min(info.capacity, detail::kMaxCapacity);
-  l.slotCount = detail::slotCountFor(info.capacity);
-  l.ringSize = detail::ringSizeFor(info.ringSize);
+  l.capacity = std::min(capacity, detail::kMaxCapacity);
+  l.slotCount = detail::slotCountFor(l.capacity);
+  l.ringSize = detail::ringSizeFor(ringSize);
   return l;
 }
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K> Kel::Ptr<Writer<K, V>> Writer<K, V>::create(
     std::string_view path, const CollectionInfo& info) {
-  Kel::Ptr<Writer> w(new Writer(path, info, layoutFor(info)));
-  if (!w->core_.ok()) return nullptr;
+  Kel::Ptr<Writer> w(new Writer(path, info, layoutFor(info.capacity, info.ringSize)));
+  if (!w->core_->ok()) return nullptr;
   return w;
 }
 
@@ -789,8 +806,10 @@ template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K> Writer<K, V>::Writer(std::string_view path,
                                                               const CollectionInfo& info,
                                                               const detail::Layout& layout)
-    : layout_(layout), core_(std::string(path), info.name, layout) {
-  if (!core_.ok()) return;
+    : layout_(layout),
+      core_(std::make_unique<detail::WriterCore>(std::string(path), info.name, layout)),
+      maxCapacity_(std::min(std::max(info.maxCapacity, layout.capacity), detail::kMaxCapacity)) {
+  if (!core_->ok()) return;
   // Zero-filled and untouched until used: an empty slot is all zeroes, and so is a mark.
   shadowMem_.allocate(std::size_t{layout_.slotCount} * sizeof(detail::SlotBody<V>));
   marksMem_.allocate(std::size_t{layout_.slotCount} * sizeof(Marks));
@@ -869,10 +888,13 @@ typename Writer<K, V>::Probe Writer<K, V>::probe(const K& k, std::uint32_t h) {
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
 bool Writer<K, V>::insertAt(std::uint32_t slot, std::uint32_t h, const K& k, const V& v) {
+  if (live_ >= layout_.capacity && layout_.capacity < maxCapacity_ && grow()) {
+    slot = probe(k, h).slot;
+  }
   if (live_ >= layout_.capacity || slot == layout_.slotCount) {
     ++refused_;
-    core_.refusedInc();
-    FLICK_TRACE(trace(), 1, "{}: table full ({} entries), insert refused", core_.file(),
+    core_->refusedInc();
+    FLICK_TRACE(trace(), 1, "{}: table full ({} entries), insert refused", core_->file(),
                 layout_.capacity);
     return false;
   }
@@ -958,8 +980,8 @@ requires TableKey<K> && TableValue<V, K>
 void Writer<K, V>::corruptionIs(std::uint32_t slot) {
   if (slot >= layout_.slotCount) return;
   ++corrupt_;
-  core_.corruptInc();
-  FLICK_TRACE(trace(), 1, "{}: corrupt slot {} (state {:#x}) cleared", core_.file(), slot,
+  core_->corruptInc();
+  FLICK_TRACE(trace(), 1, "{}: corrupt slot {} (state {:#x}) cleared", core_->file(), slot,
               shadow_[slot].state);
   shadow_[slot] = detail::SlotBody<V>{};
   shadow_[slot].state = detail::kSlotTomb;
@@ -1005,16 +1027,16 @@ void Writer<K, V>::commit() {
   if (allDirty_) {
     // Slots never written stay untouched: they read as empty already.
     for (std::uint32_t i = 0; i < layout_.slotCount; ++i) {
-      if (shadow_[i].state != detail::kSlotEmpty || core_.slotWritten(i)) {
-        detail::writeSlot(core_.slotForWrite(i), shadow_[i]);
+      if (shadow_[i].state != detail::kSlotEmpty || core_->slotWritten(i)) {
+        detail::writeSlot(core_->slotForWrite(i), shadow_[i]);
       }
     }
   } else {
-    for (std::uint32_t i : dirty_) detail::writeSlot(core_.slotForWrite(i), shadow_[i]);
+    for (std::uint32_t i : dirty_) detail::writeSlot(core_->slotForWrite(i), shadow_[i]);
   }
-  std::uint64_t head = core_.ringHead();
+  std::uint64_t head = core_->ringHead();
   auto append = [&](std::uint64_t kind, const K& key) {
-    std::uint64_t* e = core_.ringEntry(head);
+    std::uint64_t* e = core_->ringEntry(head);
     K k = key;
     detail::clearPadding(k);
     std::uint64_t words[detail::kKeyWords<K>] = {};
@@ -1033,7 +1055,13 @@ void Writer<K, V>::commit() {
   } else {
     for (const K& k : pendingKeys_) append(detail::kRingKey, k);
   }
-  core_.publish(head, live_);
+  core_->publish(head, live_);
+  if (installed_) {
+    // A grown table goes in place whole: readers switch to it from the old one, which
+    // stays consistent (if stale) until they do.
+    core_->install(*installed_);
+    installed_.reset();
+  }
   dirty_.clear();
   pendingKeys_.clear();
   pendingCollection_ = false;
@@ -1098,6 +1126,46 @@ void Writer<K, V>::sweepTombstones(std::uint32_t slot) {
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
+bool Writer<K, V>::grow() {
+  // Twice the entries (at most the maximum) in a new file beside the current one; it
+  // replaces the current one at the next commit, as one whole-collection change.
+  const std::uint32_t cap = static_cast<std::uint32_t>(
+      std::min<std::uint64_t>(std::uint64_t{layout_.capacity} * 2, maxCapacity_));
+  const detail::Layout layout = layoutFor(cap, layout_.ringSize);
+  auto next = std::make_unique<detail::WriterCore>(*core_, layout);
+  if (!next->ok()) return false;
+  std::vector<detail::SlotBody<V>> live;
+  live.reserve(live_);
+  for (std::uint32_t i = 0; i < layout_.slotCount; ++i) {
+    if (shadow_[i].state == detail::kSlotLive) live.push_back(shadow_[i]);
+  }
+  if (!shadowMem_.allocate(std::size_t{layout.slotCount} * sizeof(detail::SlotBody<V>)) ||
+      !marksMem_.allocate(std::size_t{layout.slotCount} * sizeof(Marks))) {
+    KEL_ASSERT(false && "out of address space for a grown table");
+  }
+  shadow_ = static_cast<detail::SlotBody<V>*>(shadowMem_.data());
+  marks_ = static_cast<Marks*>(marksMem_.data());
+  FLICK_TRACE(trace(), 4, "{}: growing from {} to {} entries", core_->file(), layout_.capacity,
+              cap);
+  layout_ = layout;
+  for (const detail::SlotBody<V>& b : live) {
+    std::uint32_t i = detail::homeSlot(b.hash, layout_.slotCount);
+    while (shadow_[i].state != detail::kSlotEmpty) i = detail::nextSlot(i, layout_.slotCount);
+    shadow_[i] = b;
+  }
+  tombs_ = 0;
+  dirty_.clear();
+  allDirty_ = true;
+  queueCollection();
+  // Keep the table readers map until the grown one is installed; an intermediate one
+  // (two growths between commits) is dropped.
+  if (!installed_) installed_ = std::move(core_);
+  core_ = std::move(next);
+  return true;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
 void Writer<K, V>::rebuild() {
   // Tombstones crowd the table: lay the live entries out afresh. Entries move, so readers
   // are told to resync rather than which keys changed.
@@ -1119,7 +1187,7 @@ void Writer<K, V>::rebuild() {
   tombs_ = 0;
   allDirty_ = true;
   queueCollection();
-  FLICK_TRACE(trace(), 4, "{}: rebuilt {} entries", core_.file(), live_);
+  FLICK_TRACE(trace(), 4, "{}: rebuilt {} entries", core_->file(), live_);
 }
 
 // --- Reader ------------------------------------------------------------------------------
@@ -1146,7 +1214,8 @@ requires TableKey<K> && TableValue<V, K> Reader<K, V>::Reader(Ulm::EventLoop& lo
             return l;
           }(),
           detail::ReaderCore::Hooks{this, [this] { handleWake(); },
-                                    [this](bool m) { handleMountStatus(m); }}) {}
+                                    [this](bool m) { handleMountStatus(m); },
+                                    [this] { handleRemap(); }}) {}
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K> Reader<K, V>::~Reader() = default;
@@ -1257,6 +1326,15 @@ void Reader<K, V>::handleMountStatus(bool m) {
   Kel::Ptr<Reader> hold(this);
   if (m) consumed_ = core_.rearmAndHead();
   notifiees_.forEach([m](NotifieeConst& n) { n.onMountStatus(m); });
+  notifiees_.forEach([](NotifieeConst& n) { n.onCollection(); });
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Reader<K, V>::handleRemap() {
+  // The grown table's ring starts afresh: one whole-collection notice covers the switch.
+  Kel::Ptr<Reader> hold(this);
+  consumed_ = core_.rearmAndHead();
   notifiees_.forEach([](NotifieeConst& n) { n.onCollection(); });
 }
 
