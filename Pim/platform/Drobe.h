@@ -4,16 +4,30 @@
 // Files. Tables live under a root directory, /dev/shm/pimcore unless the environment
 // variable DROBE_ROOT names another (tests use a private root). A table set is mounted at a
 // path such as "routing/pim/status/default"; each collection of the set ("neighbor") is
-// one mapped file <root>/<path>/<collection>. Every writer mount creates a fresh file and
-// renames it into place, so a reader always maps a fully initialised table, and a restarted
-// writer never scribbles over a mapping that readers of its dead predecessor still hold.
+// one mapped file <root>/<path>/<collection>. A path of one or more components, none
+// empty, "." or "..", and a collection name of one component are the only ones accepted
+// (anything else is traced and refused, no file made). Writers create directories;
+// readers never do. Every writer mount creates a fresh file and renames it into place, so
+// a reader always maps a fully initialised table, and a restarted writer never scribbles
+// over a mapping that readers of its dead predecessor still hold.
 //
 // Records. A collection is templated on key K (trivially copyable, `std::uint32_t hash()
-// const`, operator==) and value V (trivially copyable, `K key() const`). The capacity (live
-// entries) is fixed by the writer at mount time; there are capacity * 4/3 slots (so at most
-// 3/4 of them live), probed linearly from a home slot taken from the high bits of
-// hash(k) * slots, which needs no power-of-two slot count (the counters table would pay 70%
-// more memory for one).
+// const`, operator==) and value V (trivially copyable, `K key() const`, operator== for the
+// writer). There are capacity * 4/3 slots (so at most 3/4 of them live), probed linearly
+// from a home slot taken from the high bits of hash(k) * slots, which needs no
+// power-of-two slot count (the counters table would pay 70% more memory for one).
+//
+// Memory. Nothing touches a page of slots that was never used: an empty slot is all zero,
+// which is what a fresh file and the writer's private copy (an anonymous mapping) hold; the
+// writer marks a page in a bitmap before it first writes there, and readers treat slots on
+// unmarked pages as empty without reading them. An empty table costs its header, registry
+// and bitmap pages; entries cost the pages they land on.
+//
+// Growth. CollectionInfo::maxCapacity above capacity lets a table grow: an insert into a
+// table at capacity doubles it (up to the maximum) into a new file beside the current one,
+// which the next commit() renames into place. Readers keep the old mapping, consistent if
+// stale, until they move to the new one (same writer, same generation) with one
+// onCollection() and no change of mount status. A table at its maximum refuses as below.
 //
 // Writer semantics.
 //   - is(v) inserts or overwrites, del(k) removes, delAll() empties; find/lookup/iteration
@@ -48,7 +62,7 @@
 //     iteration skips it. A changing slot belongs to a commit in progress, whose notice
 //     follows, so the reader re-reads it on that notification. A torn record is never
 //     returned. (The seqlock is chosen over double buffering: readers never block the
-//     writer, there is no per-reader state in the slots, and a slot costs 4 bytes.)
+//     writer, there is no per-reader state in the slots, and a slot costs 8 bytes.)
 //   - Notifications run on the reader's EventLoop, through Reader::NotifieeConst:
 //       onMountStatus(true)  the writer's table appeared (also on a restarted writer);
 //                            followed by onCollection() (the initial whole-table sync);
@@ -62,43 +76,57 @@
 //     it delivers one onCollection() instead of the lost keys. Memory stays bounded under a
 //     flood and nothing is lost, only coarsened. Changes to one key between two commits
 //     are normally announced once.
-//   - Writer death: the header holds the writer's pid and a generation number bumped on
-//     every writer mount. The reader watches the writer with a pidfd (readable when the
-//     process exits) on its loop, and the mount directory with inotify (a new writer's
-//     file appears by rename); a one-second health timer re-checks both, which also covers
-//     a kernel without pidfd and a lost inotify event.
+//   - Writer death: the writer holds an exclusive open-file-description lock (F_OFD_SETLK)
+//     on its file for its whole life; the kernel drops it when the writer dies, whatever
+//     later becomes of its pid, so readers and a successor writer test the lock, not the
+//     pid. The header also holds the writer's pid (a hint, for a pidfd that makes a crash
+//     show at once, and for traces) and a generation number bumped on every writer mount.
+//     The reader watches the mount directory with inotify (a new writer's file appears by
+//     rename); a one-second health timer re-checks everything, which also covers a
+//     kernel without pidfd and a lost inotify event. A writer's forked child that has not
+//     exec'd inherits the lock descriptor and keeps the writer "alive".
+//   - Trust. A reader maps the records read-only and the registry page on its own,
+//     writable. It checks the header before use: magic and version, key, record and slot
+//     sizes and a schema fingerprint of the key's and record's field lists (Kel's
+//     kFields: names, offsets, sizes, kinds), reader count and ring size (a power of two)
+//     within bounds, and every offset and the file size against the geometry those imply.
+//     A table that fails is refused with a trace naming the check. Geometry is copied at
+//     mount; nothing read from shared memory afterwards decides where a pointer goes.
 //
-// Wake-up. Each reader owns an eventfd, watched edge-triggered by its EventLoop, and an
-// AF_UNIX SOCK_DGRAM socket (non-blocking, autobound in the abstract namespace) watched
-// level-triggered, and registers both (the eventfd by its descriptor number, the socket by
-// its name) in a reader registry in the table header. On commit the writer, for each
+// Wake-up. All readers on one event loop share one eventfd (watched edge-triggered), one
+// AF_UNIX SOCK_DGRAM socket (autobound in the abstract namespace), one inotify instance
+// and one pidfd per writer process: a reader process holds a handful of descriptors
+// however many tables it mounts. Each table's reader registers the shared eventfd (by its
+// number) and socket (by name) in that table's registry. On commit the writer, for each
 // registered reader, swaps the reader's "signalled" flag to 1 and wakes the reader only if
 // it was 0; the reader clears the flag before it reads the ring, so a burst of commits
-// costs one wake-up, and no commit is missed. The writer keeps a descriptor per reader: a
-// duplicate of the reader's eventfd, taken once with pidfd_getfd(2) (needs ptrace access
-// to the reader, which root has; Linux >= 5.6), so a wake-up is one 8-byte write(2) and the
-// reader, edge-triggered, never reads the counter: epoll_wait is its only system call. When
-// pidfd_getfd is refused the writer falls back to a socket connected to the reader's, one
-// send(2) per wake-up and one recv(2) in the reader.
+// costs one wake-up, and no commit is missed. A wake-up is offered to every reader on the
+// loop; each compares its ring head, a load or two. The writer keeps, per reader process
+// and shared by all its tables, a duplicate of the reader's eventfd taken once with
+// pidfd_getfd(2) (needs ptrace access to the reader, which root has; Linux >= 5.6) and
+// the pidfd, so its descriptors grow by two per reader process; a wake-up is one 8-byte
+// write(2), and the edge-triggered reader never reads the counter. When pidfd_getfd is
+// refused the writer falls back to a socket connected to the reader's (one send(2) per
+// wake-up, one recv(2) in the reader).
+// A wake-up that cannot be delivered (say the writer is out of descriptors) is counted in
+// the reader's registry entry; the reader's health timer sees the count move and polls
+// every 50 ms until it stops moving, so changes arrive late, never not at all.
 // Why not a futex: it wakes a thread blocked in futex(2), which a single-threaded epoll
-// loop never is; a named pipe leaves files behind when a reader dies. The price, from
-// bench/DrobeBench (release build, 2 cores, idle machine, 20000 samples each, writer and
-// reader processes unpinned, medians of 5 runs): median 9.9 us vs 6.3 us for a bare futex
-// wake (1.54x; 1.47x to 1.63x per run), p99 31 us vs 20 us (1.39x). The datagram path
-// measured in the same session 16.3 us vs 7.0 us (2.24x), p99 1.31x: send(2), the wake-up
-// it triggers and recv(2) cost about 6 us more than the eventfd write. A bare eventfd plus
-// edge-triggered epoll between two processes, with no table, takes about 8.5 us where the
-// futex takes 6.6 us, so most of the remaining gap is epoll's own wake-up path. Pinning
-// both processes to one core changes the ratio little (1.44x, 1.63x).
+// loop never is; a named pipe leaves files behind when a reader dies. Figures from
+// bench/DrobeBench (release build, 2 cores, per-table descriptors as measured in the first
+// design): median 9.9 us vs 6.3 us for a bare futex wake (1.54x), p99 31 us vs 20 us; the
+// datagram path 16.3 us vs 7.0 us. A bare eventfd plus edge-triggered epoll between two
+// processes takes about 8.5 us where the futex takes 6.6 us: most of the gap is epoll's.
 // A dead reader's registry entry is freed by the writer: with a socket when its send fails
 // (ECONNREFUSED); with an eventfd, whose writes succeed whether the reader lives or not,
 // when the reader has left its flag set and its pidfd (polled at most once a second per
-// reader) says it exited. A reader that finds the registry full falls back to its health
-// timer.
+// reader) says it exited. A reader that finds the registry full polls on its health timer.
 //
-// Threading: a Writer or Reader belongs to its process's event-loop thread; no locks.
-// Across processes only atomics and sequence locks (lock-free; a dead writer cannot block
-// a reader). All processes must share a pid namespace for the liveness check.
+// Threading: a Writer or Reader belongs to its process's event-loop thread; the few
+// process-wide tables (the loops' shared descriptors, the writer's per-reader descriptors)
+// take a mutex when a reader joins or leaves. Across processes only atomics and sequence
+// locks: a dead writer cannot block a reader. Every shared word is accessed through
+// std::atomic_ref, so the seqlock's racing copy is not a data race (see readSlot).
 //
 // Usage (writer process):
 //   Drobe::TableSet set("routing/pim/status/default");
