@@ -164,6 +164,54 @@ void BM_ReaderFind(benchmark::State& state) {
 }
 BENCHMARK(BM_ReaderFind);
 
+// Insertion of 1,000,000 small records with a commit per 10,000: into a table that grows
+// from 64k (rebuilt five times into new files), and into one sized for them at mount.
+struct MKey {
+  std::uint32_t id = 0;
+  std::uint32_t hash() const { return id * 2654435761u; }
+  bool operator==(const MKey&) const = default;
+};
+struct MVal {
+  MKey k;
+  std::uint32_t a = 0;
+  std::uint64_t b = 0;
+  MKey key() const { return k; }
+  bool operator==(const MVal&) const = default;
+};
+constexpr std::uint32_t kMillion = 1000000;
+
+void insertMillion(benchmark::State& state, std::uint32_t initial) {
+  int run = 0;
+  for (auto _ : state) {
+    auto w = Drobe::Writer<MKey, MVal>::create("bench/million" + std::to_string(run++),
+                                               {"rec", initial, 0, kMillion});
+    for (std::uint32_t id = 0; id < kMillion; ++id) {
+      w->is({{id}, id, id * 3ull});
+      if (id % 10000 == 9999) w->commit();
+    }
+    w->commit();
+    benchmark::DoNotOptimize(w->size());
+  }
+  state.SetItemsProcessed(state.iterations() * kMillion);
+}
+void BM_InsertMillionGrowing(benchmark::State& state) { insertMillion(state, 65536); }
+void BM_InsertMillionPresized(benchmark::State& state) { insertMillion(state, kMillion); }
+BENCHMARK(BM_InsertMillionGrowing)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_InsertMillionPresized)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+// Resident bytes of this process, shared pages it touched included.
+std::uint64_t residentBytes() {
+  std::FILE* f = std::fopen("/proc/self/smaps_rollup", "re");
+  if (!f) return 0;
+  char line[256];
+  unsigned long long kb = 0;
+  while (std::fgets(line, sizeof line, f)) {
+    if (std::sscanf(line, "Rss: %llu kB", &kb) == 1) break;
+  }
+  std::fclose(f);
+  return kb * 1024;
+}
+
 // Keeps each benchmark's rate for the ratio lines printed after the run.
 class Collector : public benchmark::ConsoleReporter {
  public:
@@ -378,7 +426,24 @@ int main(int argc, char** argv) {
         "%.2f (aim "
         "<= 1.5), p99 %.2f (aim <= 2)\n",
         d.median, d.p99, d.median / f.median, d.p99 / f.p99);
+    const double grow = rep.rate["BM_InsertMillionGrowing/iterations:3"],
+                 sized = rep.rate["BM_InsertMillionPresized/iterations:3"];
+    if (grow > 0 && sized > 0) {
+      std::printf(
+          "InsertMillion: growing from 64k %.1f M inserts/s vs pre-sized %.1f M/s: time ratio "
+          "%.2f (aim <= 2)\n",
+          grow / 1e6, sized / 1e6, sized / grow);
+    }
+    const std::uint64_t rss0 = residentBytes();
     auto w = Writer::create("bench/size", {"msgCounter", kCapacity, 0});
+    const std::uint64_t rssEmpty = residentBytes() - rss0;
+    const auto keys = makeKeys(kCapacity);
+    for (std::uint32_t i = 0; i < 1000; ++i) w->is(CVal::make(keys[i], 1));
+    w->commit();
+    const std::uint64_t rss1000 = residentBytes() - rss0 - rssEmpty;
+    std::printf("ResidentBytes: empty %u-entry counter table %" PRIu64
+                " bytes, per 1000 entries %" PRIu64 " bytes (%.0f per entry)\n",
+                kCapacity, rssEmpty, rss1000, static_cast<double>(rss1000) / 1000.0);
     const auto st = w->stats();
     std::printf("SharedBytes: %" PRIu64
                 " bytes for %u entries (%u slots of %zu bytes, ring %u): %.1f "

@@ -776,17 +776,17 @@ bool readSlot(const std::uint64_t* s, SlotBody<V>& out) noexcept {
   return false;
 }
 
+// Copies in (whose padding the caller has cleared: see clearPadding) into slot s.
 template <typename V>
 void writeSlot(std::uint64_t* s, const SlotBody<V>& in) noexcept {
-  SlotBody<V> clean = in;
-  clearPadding(clean);
-  std::uint64_t buf[kBodyWords<V>];
-  std::memcpy(buf, static_cast<const void*>(&clean), sizeof buf);
+  const auto* bytes = reinterpret_cast<const unsigned char*>(&in);
   const std::uint64_t seq = loadWord(s, std::memory_order_relaxed);
   storeWord(s, seq + 1, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
   for (std::size_t w = 0; w < kBodyWords<V>; ++w) {
-    storeWord(s + 1 + w, buf[w], std::memory_order_relaxed);
+    std::uint64_t word;
+    std::memcpy(&word, bytes + 8 * w, 8);
+    storeWord(s + 1 + w, word, std::memory_order_relaxed);
   }
   storeWord(s, seq + 2, std::memory_order_release);
 }
@@ -1056,11 +1056,17 @@ void Writer<K, V>::commit() {
     // Slots never written stay untouched: they read as empty already.
     for (std::uint32_t i = 0; i < layout_.slotCount; ++i) {
       if (shadow_[i].state != detail::kSlotEmpty || core_->slotWritten(i)) {
+        detail::clearPadding(shadow_[i]);
         detail::writeSlot(core_->slotForWrite(i), shadow_[i]);
       }
     }
   } else {
-    for (std::uint32_t i : dirty_) detail::writeSlot(core_->slotForWrite(i), shadow_[i]);
+    // Padding cleared here, once per commit, so that no stack bytes a record carried in
+    // reach shared memory.
+    for (std::uint32_t i : dirty_) {
+      detail::clearPadding(shadow_[i]);
+      detail::writeSlot(core_->slotForWrite(i), shadow_[i]);
+    }
   }
   std::uint64_t head = core_->ringHead();
   auto append = [&](std::uint64_t kind, const K& key) {
