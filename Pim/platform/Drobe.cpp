@@ -711,8 +711,13 @@ class ReaderHub {
     return h;
   }
   void leave(ReaderCore* c) {
+    if (dispatching_ > 0) {
+      // Keep indexes stable for the dispatch in progress; it compacts afterwards.
+      std::replace(cores_.begin(), cores_.end(), c, static_cast<ReaderCore*>(nullptr));
+      return;
+    }
     std::erase(cores_, c);
-    if (cores_.empty() && dispatching_ == 0) destroy();
+    if (cores_.empty()) destroy();
   }
   int eventFd() const noexcept { return eventFd_; }
   int sock() const noexcept { return sock_; }
@@ -829,11 +834,15 @@ class ReaderHub {
   template <typename F>
   void dispatch(F&& fn) {
     ++dispatching_;
-    const std::vector<ReaderCore*> now = cores_;
-    for (ReaderCore* c : now) {
-      if (std::find(cores_.begin(), cores_.end(), c) != cores_.end()) fn(c);
+    // By index: readers that join during the dispatch are appended, readers that leave
+    // are nulled (see leave), so no copy of the list is needed on the wake-up path.
+    const std::size_t n = cores_.size();
+    for (std::size_t i = 0; i < n; ++i) {
+      if (ReaderCore* c = cores_[i]) fn(c);
     }
-    if (--dispatching_ == 0 && cores_.empty()) destroy();
+    if (--dispatching_ > 0) return;
+    std::erase(cores_, nullptr);
+    if (cores_.empty()) destroy();
   }
 
   Ulm::EventLoop& loop_;
