@@ -378,6 +378,44 @@ std::string fileBytes(const std::string& file) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+TEST_F(DrobeTest, PaddingNeverReachesSharedMemoryNorMakesANotice) {
+  struct Padded {
+    TKey k;
+    std::uint8_t a = 0;  // three padding bytes follow
+    std::uint32_t b = 0;
+    TKey key() const { return k; }
+    bool operator==(const Padded& o) const { return k == o.k && a == o.a && b == o.b; }
+  };
+  // Records built in storage full of junk, as a stack slot may be.
+  alignas(Padded) unsigned char raw[2][sizeof(Padded)];
+  auto padded = [&](int i, unsigned char junk) -> const Padded& {
+    std::memset(raw[i], junk, sizeof raw[i]);
+    auto* p = new (raw[i]) Padded;
+    p->k = TKey{1};
+    p->a = 1;
+    p->b = 2;
+    return *p;
+  };
+  auto w = Drobe::Writer<TKey, Padded>::create(kPath, {"padded", 8, 0});
+  auto r = Drobe::Reader<TKey, Padded>::create(loop_, kPath, "padded");
+  struct Keys : Drobe::Reader<TKey, Padded>::NotifieeConst {
+    int keys = 0;
+    void onKey(const TKey&) override { ++keys; }
+  } n;
+  n.notifierIs(r);
+  turn();
+  ASSERT_TRUE(w->is(padded(0, 0xAB)));
+  w->commit();
+  turn();
+  ASSERT_TRUE(w->is(padded(1, 0xCD)));  // equal but for its padding: no change
+  w->commit();
+  turn();
+  EXPECT_EQ(n.keys, 1);
+  const std::string bytes = fileBytes(w->file());
+  EXPECT_EQ(bytes.find('\xAB'), std::string::npos);
+  EXPECT_EQ(bytes.find('\xCD'), std::string::npos);
+}
+
 TEST_F(DrobeTest, HeadersThatCannotBeTrustedAreRefusedWithTheirTrace) {
   auto w = W::create(kPath, {"rec", 32, 0});
   ASSERT_TRUE(w);
