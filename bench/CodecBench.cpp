@@ -29,6 +29,7 @@
 #include "Pim/PimMessage.h"
 #include "Pim/platform/Flicklog.h"
 #include "Pim/platform/Nimo.h"
+#include "bench/BenchTimes.h"
 
 namespace {
 
@@ -200,56 +201,25 @@ std::uint16_t ref16(const void* p, std::size_t n) {
 // ---------------------------------------------------------------------------------------
 // Summary: each figure over its baseline, from the times this run measured.
 
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  explicit RatioReporter(OutputOptions o) : ConsoleReporter(o) {}
-
-  // Keeps each benchmark's time: its median when repetitions report aggregates, else the
-  // median of its plain runs.
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) {
-      if (r.error_occurred) continue;
-      const std::string name = r.run_name.str();
-      if (r.run_type == Run::RT_Iteration) {
-        samples_[name].push_back(r.GetAdjustedRealTime());
-      } else if (r.aggregate_name == "median") {
-        median_[name] = r.GetAdjustedRealTime();
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
+void printRatios(const BenchTimes::Times& t) {
+  static const std::pair<const char*, const char*> kPairs[] = {
+      {"ReadHello/IPv4", "MemcpyHello/IPv4"},
+      {"WriteHello/IPv4", "MemcpyHello/IPv4"},
+      {"ReadHello/IPv6", "MemcpyHello/IPv6"},
+      {"WriteHello/IPv6", "MemcpyHello/IPv6"},
+      {"Checksum1500/Nimo", "Checksum1500/Reference64"},
+      {"Checksum1500/Plain16", "Checksum1500/Reference64"},
+      {"ReadHello/IPv4/TraceOn", "ReadHello/IPv4"},
+      {"ReadHello/IPv6/TraceOn", "ReadHello/IPv6"},
+      {"Trace/16SitesOff", "Trace/16SitesAbsent"},
+  };
+  std::printf("\n%-26s %10s   %-26s %10s %8s\n", "figure", "ns/op", "baseline", "ns/op", "ratio");
+  for (auto [figure, baseline] : kPairs) {
+    const double f = t.ns(figure), b = t.ns(baseline);
+    if (f <= 0 || b <= 0) continue;  // filtered out or failed
+    std::printf("%-26s %10.1f   %-26s %10.1f %7.2fx\n", figure, f, baseline, b, f / b);
   }
-  void printRatios() const {
-    static const std::pair<const char*, const char*> kPairs[] = {
-        {"ReadHello/IPv4", "MemcpyHello/IPv4"},
-        {"WriteHello/IPv4", "MemcpyHello/IPv4"},
-        {"ReadHello/IPv6", "MemcpyHello/IPv6"},
-        {"WriteHello/IPv6", "MemcpyHello/IPv6"},
-        {"Checksum1500/Nimo", "Checksum1500/Reference64"},
-        {"Checksum1500/Plain16", "Checksum1500/Reference64"},
-        {"ReadHello/IPv4/TraceOn", "ReadHello/IPv4"},
-        {"ReadHello/IPv6/TraceOn", "ReadHello/IPv6"},
-        {"Trace/16SitesOff", "Trace/16SitesAbsent"},
-    };
-    std::printf("\n%-26s %10s   %-26s %10s %8s\n", "figure", "ns/op", "baseline", "ns/op", "ratio");
-    for (auto [figure, baseline] : kPairs) {
-      double f = ns(figure), b = ns(baseline);
-      if (f <= 0 || b <= 0) continue;  // filtered out or failed
-      std::printf("%-26s %10.1f   %-26s %10.1f %7.2fx\n", figure, f, baseline, b, f / b);
-    }
-  }
-
- private:
-  double ns(const std::string& name) const {
-    if (auto m = median_.find(name); m != median_.end()) return m->second;
-    auto s = samples_.find(name);
-    if (s == samples_.end() || s->second.empty()) return 0;
-    std::vector<double> v = s->second;
-    std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2), v.end());
-    return v[v.size() / 2];
-  }
-  std::map<std::string, std::vector<double>> samples_;
-  std::map<std::string, double> median_;
-};
+}
 
 }  // namespace
 
@@ -274,12 +244,5 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("Trace/16SitesOff", traceSites<true>);
   benchmark::RegisterBenchmark("Trace/16SitesAbsent", traceSites<false>);
 
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Color
-                                               : benchmark::ConsoleReporter::OO_None);
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
-  benchmark::Shutdown();
-  return 0;
+  return BenchTimes::run(argc, argv, BenchTimes::Clock::Real, printRatios);
 }

@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "Pim/PimMessage.h"
+#include "bench/BenchTimes.h"
 
 namespace {
 
@@ -226,63 +227,33 @@ void drain10k(benchmark::State& state) {
 // ---------------------------------------------------------------------------------------
 // Summary: per-source figures and their ratio to the walk, from this run's times.
 
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  explicit RatioReporter(OutputOptions o) : ConsoleReporter(o) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) {
-      if (r.error_occurred) continue;
-      const std::string name = r.run_name.str();
-      if (r.run_type == Run::RT_Iteration) {
-        samples_[name].push_back(r.GetAdjustedCPUTime());
-      } else if (r.aggregate_name == "median") {
-        median_[name] = r.GetAdjustedCPUTime();
-      }
+void printRatios(const BenchTimes::Times& t) {
+  const double walk = t.ns("Walk/FullMtu") / kFullMtuSources;
+  const double walkChecked = t.ns("WalkChecked/FullMtu") / kFullMtuSources;
+  const double read = t.ns("Read/FullMtu") / kFullMtuSources;
+  const double readDescending = t.ns("Read/FullMtuDescending") / kFullMtuSources;
+  const double write = t.ns("Write/FullMtu") / kFullMtuSources;
+  const double writeNet = (t.ns("Write/FullMtu") - t.ns("Copy/FullMtu")) / kFullMtuSources;
+  const double drain = t.ns("Drain/10k") / kDrainEntries;
+  const double drainNet = (t.ns("Drain/10k") - t.ns("Copy/10k")) / kDrainEntries;
+  if (walk <= 0) return;
+  std::printf("\n%-34s %10s   %-24s %10s %8s\n", "figure", "ns/source", "baseline", "ns/source",
+              "ratio");
+  auto row = [&](const char* figure, double v, const char* baseline, double b) {
+    if (v > 0 && b > 0) {
+      std::printf("%-34s %10.2f   %-24s %10.2f %7.2fx\n", figure, v, baseline, b, v / b);
     }
-    ConsoleReporter::ReportRuns(runs);
+  };
+  for (auto [name, b] :
+       {std::pair{"walk, fixed layout", walk}, std::pair{"walk, family-checked", walkChecked}}) {
+    row("read, full-MTU IPv4 (S,G) joins", read, name, b);
+    row("read, same, sources descending", readDescending, name, b);
+    row("write, same (copy included)", write, name, b);
+    row("write, same (copy subtracted)", writeNet, name, b);
+    row("drain 10,000 entries (copy incl.)", drain, name, b);
+    row("drain 10,000 entries (copy subtr.)", drainNet, name, b);
   }
-
-  void printRatios() const {
-    const double walk = ns("Walk/FullMtu") / kFullMtuSources;
-    const double walkChecked = ns("WalkChecked/FullMtu") / kFullMtuSources;
-    const double read = ns("Read/FullMtu") / kFullMtuSources;
-    const double readDescending = ns("Read/FullMtuDescending") / kFullMtuSources;
-    const double write = ns("Write/FullMtu") / kFullMtuSources;
-    const double writeNet = (ns("Write/FullMtu") - ns("Copy/FullMtu")) / kFullMtuSources;
-    const double drain = ns("Drain/10k") / kDrainEntries;
-    const double drainNet = (ns("Drain/10k") - ns("Copy/10k")) / kDrainEntries;
-    if (walk <= 0) return;
-    std::printf("\n%-34s %10s   %-24s %10s %8s\n", "figure", "ns/source", "baseline", "ns/source",
-                "ratio");
-    auto row = [&](const char* figure, double v, const char* baseline, double b) {
-      if (v > 0 && b > 0) {
-        std::printf("%-34s %10.2f   %-24s %10.2f %7.2fx\n", figure, v, baseline, b, v / b);
-      }
-    };
-    for (auto [name, b] :
-         {std::pair{"walk, fixed layout", walk}, std::pair{"walk, family-checked", walkChecked}}) {
-      row("read, full-MTU IPv4 (S,G) joins", read, name, b);
-      row("read, same, sources descending", readDescending, name, b);
-      row("write, same (copy included)", write, name, b);
-      row("write, same (copy subtracted)", writeNet, name, b);
-      row("drain 10,000 entries (copy incl.)", drain, name, b);
-      row("drain 10,000 entries (copy subtr.)", drainNet, name, b);
-    }
-  }
-
- private:
-  double ns(const std::string& name) const {
-    if (auto m = median_.find(name); m != median_.end()) return m->second;
-    auto s = samples_.find(name);
-    if (s == samples_.end() || s->second.empty()) return 0;
-    std::vector<double> v = s->second;
-    std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2), v.end());
-    return v[v.size() / 2];
-  }
-  std::map<std::string, std::vector<double>> samples_;
-  std::map<std::string, double> median_;
-};
+}
 
 }  // namespace
 
@@ -296,12 +267,5 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("Drain/10k", drain10k);
   benchmark::RegisterBenchmark("Copy/10k", copyData, drainData);
 
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Color
-                                               : benchmark::ConsoleReporter::OO_None);
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
-  benchmark::Shutdown();
-  return 0;
+  return BenchTimes::run(argc, argv, BenchTimes::Clock::Cpu, printRatios);
 }

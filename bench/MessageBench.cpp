@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "Pim/PimMessage.h"
+#include "bench/BenchTimes.h"
 
 namespace {
 
@@ -229,61 +230,22 @@ void registerAll() {
                                        &DfElectionPassMessage::writeDfElectionPassMessage});
 }
 
-// Prints each read and write beside the memcpy of its bytes, from this run's times: the
-// median of repetitions when aggregates are reported, else the median of plain runs.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  explicit RatioReporter(OutputOptions o) : ConsoleReporter(o) {}
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) {
-      if (r.error_occurred) continue;
-      if (r.run_type == Run::RT_Iteration) {
-        samples_[r.run_name.str()].push_back(r.GetAdjustedRealTime());
-      } else if (r.aggregate_name == "median") {
-        median_[r.run_name.str()] = r.GetAdjustedRealTime();
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
+// Prints each read and write beside the memcpy of its bytes.
+void printRatios(const BenchTimes::Times& t) {
+  std::printf("\n%-30s %10s %12s %8s\n", "figure", "ns/op", "memcpy ns", "ratio");
+  auto names = t.names();
+  std::sort(names.begin(), names.end());
+  for (const auto& name : names) {
+    if (name.rfind("Memcpy/", 0) == 0) continue;
+    const std::string base = "Memcpy/" + name.substr(name.find('/') + 1);
+    const double f = t.ns(name), b = t.ns(base);
+    if (f > 0 && b > 0) std::printf("%-30s %10.1f %12.1f %7.1fx\n", name.c_str(), f, b, f / b);
   }
-  void printRatios() const {
-    std::printf("\n%-30s %10s %12s %8s\n", "figure", "ns/op", "memcpy ns", "ratio");
-    for (const auto& [name, unused] : samples_.empty() ? median_ : medianOfSamples()) {
-      if (name.rfind("Memcpy/", 0) == 0) continue;
-      const std::string base = "Memcpy/" + name.substr(name.find('/') + 1);
-      const double f = ns(name), b = ns(base);
-      if (f > 0 && b > 0) std::printf("%-30s %10.1f %12.1f %7.1fx\n", name.c_str(), f, b, f / b);
-    }
-  }
-
- private:
-  std::map<std::string, double> medianOfSamples() const {
-    std::map<std::string, double> out;
-    for (const auto& [name, v] : samples_) out[name] = 0;
-    for (const auto& [name, v] : median_) out[name] = 0;
-    return out;
-  }
-  double ns(const std::string& name) const {
-    if (auto m = median_.find(name); m != median_.end()) return m->second;
-    auto s = samples_.find(name);
-    if (s == samples_.end() || s->second.empty()) return 0;
-    std::vector<double> v = s->second;
-    std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2), v.end());
-    return v[v.size() / 2];
-  }
-  std::map<std::string, std::vector<double>> samples_;
-  std::map<std::string, double> median_;
-};
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
   registerAll();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Color
-                                               : benchmark::ConsoleReporter::OO_None);
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
-  benchmark::Shutdown();
-  return 0;
+  return BenchTimes::run(argc, argv, BenchTimes::Clock::Real, printRatios);
 }

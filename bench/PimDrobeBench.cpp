@@ -28,6 +28,7 @@
 
 #include "Pim/PimDrobe.h"
 #include "Pim/PimDrobeIntf.h"
+#include "bench/BenchTimes.h"
 
 namespace {
 
@@ -102,27 +103,13 @@ void countingRuleUnorderedMap(benchmark::State& state) {
 // ---------------------------------------------------------------------------------------
 // Summary.
 
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) {
-      if (r.run_type == Run::RT_Iteration && !r.error_occurred) {
-        ns_[r.benchmark_name()] = r.GetAdjustedRealTime();
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void printRatios() const {
-    auto f = ns_.find("CountingRule/Drobe"), b = ns_.find("CountingRule/UnorderedMap");
-    if (f == ns_.end() || b == ns_.end()) return;
-    std::printf("\n%-30s %10s   %-30s %10s %8s\n", "figure", "ns/op", "baseline", "ns/op", "ratio");
-    std::printf("%-30s %10.1f   %-30s %10.1f %7.2fx\n", f->first.c_str(), f->second,
-                b->first.c_str(), b->second, f->second / b->second);
-  }
-
- private:
-  std::map<std::string, double> ns_;
-};
+void printRatio(const BenchTimes::Times& t) {
+  const double f = t.ns("CountingRule/Drobe"), b = t.ns("CountingRule/UnorderedMap");
+  if (f <= 0 || b <= 0) return;
+  std::printf("\n%-30s %10s   %-30s %10s %8s\n", "figure", "ns/op", "baseline", "ns/op", "ratio");
+  std::printf("%-30s %10.1f   %-30s %10.1f %7.2fx\n", "CountingRule/Drobe", f,
+              "CountingRule/UnorderedMap", b, f / b);
+}
 
 template <typename Table>
 void printBytes(const char* set, const Table& t) {
@@ -168,13 +155,10 @@ int main(int argc, char** argv) {
 
   benchmark::RegisterBenchmark("CountingRule/Drobe", countingRuleDrobe);
   benchmark::RegisterBenchmark("CountingRule/UnorderedMap", countingRuleUnorderedMap);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
-  printSharedBytes();
-  benchmark::Shutdown();
+  const int rc = BenchTimes::run(argc, argv, BenchTimes::Clock::Real, [](const auto& t) {
+    printRatio(t);
+    printSharedBytes();
+  });
   std::filesystem::remove_all(root);
-  return 0;
+  return rc;
 }
