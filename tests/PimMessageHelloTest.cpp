@@ -308,20 +308,19 @@ TEST_F(HelloWriteTest, SpaceChecksPerOption) {
     std::uint32_t room;  // one byte short; one more byte makes the write succeed
     std::string error;
   };
+  // clang-format off
   const Case cases[] = {
       {0, 3, "Invalid Pim Hello - Header - Unavailable Space - Remaining: 3"},
-      {kHold, 9,
-       "Invalid Pim Hello - Holdtime Option - Unavailable Space - Remaining: 5 Expected: 6"},
+      {kHold, 9, "Invalid Pim Hello - Holdtime Option - Unavailable Space - Remaining: 5 Expected: 6"},
       {kLpd, 11, "Invalid Pim Hello - Lan Prune Delay Option - Unavailable Space - Remaining: 7"},
       {kDr, 11, "Invalid Pim Hello - Dr Priority Option - Unavailable Space - Remaining: 7"},
       {kGen, 11, "Invalid Pim Hello - Generation Id Option - Unavailable Space - Remaining: 7"},
-      {kBidir, 7,
-       "Invalid Pim Hello - Bidirectional Capable Option - Unavailable Space - Remaining: 3"},
+      {kBidir, 7, "Invalid Pim Hello - Bidirectional Capable Option - Unavailable Space - Remaining: 3"},
       {kTcp, 15, "Invalid Pim Hello - TCP capable  Option - Unavailable Space - Remaining: 11"},
       {kSctp, 15, "Invalid Pim Hello - STCP capable  Option - Unavailable Space - Remaining: 11"},
-      {kIfId, 15,
-       "Invalid Pim Hello - InterfaceId Option - Unavailable Space - Remaining: 11 Expected: 12"},
+      {kIfId, 15, "Invalid Pim Hello - InterfaceId Option - Unavailable Space - Remaining: 11 Expected: 12"},
   };
+  // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.error);
     auto h = hello(false);
