@@ -83,9 +83,6 @@ inline constexpr std::string_view kTargetNames[] = {
 // fuzzers' seed corpus and the fixed inputs of the regression test. Each is accepted by
 // its target.
 std::vector<std::vector<std::uint8_t>> seeds(std::string_view target);
-// The seeds of the Register, Register-Stop, Assert, Bootstrap, C-RP-Adv and DF Election
-// targets (FuzzSeedsMessages.cpp); seeds() appends them.
-std::vector<std::vector<std::uint8_t>> messageSeeds(std::string_view target);
 // The sample captures' messages for a target.
 std::vector<std::vector<std::uint8_t>> sampleSeeds(std::string_view target);
 

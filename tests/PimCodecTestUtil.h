@@ -79,6 +79,7 @@ class CodecTest : public TraceTest {
     EXPECT_EQ(((*rx).*read)(pkt(framed), 20), g.size());
     EXPECT_EQ(*rx, tx);
     EXPECT_THAT(errors(), ::testing::IsEmpty());
+    EXPECT_THAT(warnings(), ::testing::IsEmpty());
     if (!fix) fix = [&](const Bytes& b) { return withChecksum(b, f.src, f.dst); };
     for (std::size_t n = 4; n < g.size(); ++n) {
       const Bytes part = fix(Bytes(g.begin(), g.begin() + static_cast<std::ptrdiff_t>(n)));

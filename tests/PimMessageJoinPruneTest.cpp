@@ -519,24 +519,18 @@ TEST_F(TraceTest, JoinPruneWriteFailures) {
     std::uint32_t buffer;
     const char* error;
   };
+  // clang-format off
   const Case cases[] = {
-      {"BufferBelowMtu", "239.1.1.1/32 +S10.0.0.1", "10.0.0.2", 1500, 1479,
-       "Invalid Pim Join/Prune - MTU is bigger than buffer - MTU: 1480 Buffer: 1479"},
-      {"UpstreamOtherFamily", "239.1.1.1/32 +S10.0.0.1", "fe80::2", 1500, 1500,
-       "Invalid Pim Join/Prune - Invalid Family - Family: 2 Upstream Address: fe80::2"},
-      {"UpstreamMulticast", "239.1.1.1/32 +S10.0.0.1", "224.0.0.2", 1500, 1500,
-       "Invalid Pim Join/Prune - Upstream Neighbor Address - Write Error"},
-      {"NoRoomForHeader", "239.1.1.1/32 +S10.0.0.1", "10.0.0.2", 29, 29,
-       "Invalid Pim Join/Prune - Header - Unavailable Space - Remaining: 9"},
-      {"NoRoomForInfo", "239.1.1.1/32 +S10.0.0.1", "10.0.0.2", 33, 33,
-       "Invalid Pim Join/Prune - J/P Info - Unavailable Space - Remaining: 3"},
-      {"NoRoomForAGroup", "239.1.1.1/32 +S10.0.0.1", "10.0.0.2", 53, 53,
-       "Invalid Pim Join/Prune - Insufficient MTU Size - Remaining: 19 Minimum Expected: 20"},
-      {"OnlySuppressed", "239.1.1.1/32 +S10.0.0.1~", "10.0.0.2", 1500, 1500,
-       "Invalid Pim Join/Prune - Zero Num Groups"},
-      {"MulticastSource", "239.1.1.1/32 +S239.0.0.1", "10.0.0.2", 1500, 1500,
-       "Invalid Pim Join/Prune - Joined (S,G) Source Address - Write Error"},
+      {"BufferBelowMtu", "239.1.1.1/32 +S10.0.0.1", "10.0.0.2", 1500, 1479, "Invalid Pim Join/Prune - MTU is bigger than buffer - MTU: 1480 Buffer: 1479"},
+      {"UpstreamOtherFamily", "239.1.1.1/32 +S10.0.0.1", "fe80::2", 1500, 1500, "Invalid Pim Join/Prune - Invalid Family - Family: 2 Upstream Address: fe80::2"},
+      {"UpstreamMulticast", "239.1.1.1/32 +S10.0.0.1", "224.0.0.2", 1500, 1500, "Invalid Pim Join/Prune - Upstream Neighbor Address - Write Error"},
+      {"NoRoomForHeader", "239.1.1.1/32 +S10.0.0.1", "10.0.0.2", 29, 29, "Invalid Pim Join/Prune - Header - Unavailable Space - Remaining: 9"},
+      {"NoRoomForInfo", "239.1.1.1/32 +S10.0.0.1", "10.0.0.2", 33, 33, "Invalid Pim Join/Prune - J/P Info - Unavailable Space - Remaining: 3"},
+      {"NoRoomForAGroup", "239.1.1.1/32 +S10.0.0.1", "10.0.0.2", 53, 53, "Invalid Pim Join/Prune - Insufficient MTU Size - Remaining: 19 Minimum Expected: 20"},
+      {"OnlySuppressed", "239.1.1.1/32 +S10.0.0.1~", "10.0.0.2", 1500, 1500, "Invalid Pim Join/Prune - Zero Num Groups"},
+      {"MulticastSource", "239.1.1.1/32 +S239.0.0.1", "10.0.0.2", 1500, 1500, "Invalid Pim Join/Prune - Joined (S,G) Source Address - Write Error"},
   };
+  // clang-format on
   for (const Case& c : cases) {
     clear();
     auto m = message(false, dataSet(c.data, c.upstream));

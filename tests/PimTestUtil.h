@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -65,12 +67,15 @@ inline std::uint16_t refChecksumV6(const Nimo::IpGenAddr& src, const Nimo::IpGen
   return refChecksum(all);
 }
 
-// Writes the right checksum into bytes 2-3 of a PIM message, summed over the whole message.
-inline Bytes withChecksum(Bytes msg, const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst) {
+// Writes the right checksum into bytes 2-3 of a PIM message, summed over its first covered
+// bytes (a Register's header), by default the whole message.
+inline Bytes withChecksum(Bytes msg, const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst,
+                          std::size_t covered = SIZE_MAX) {
   msg[2] = msg[3] = 0;
-  std::uint16_t c = src.af() == Nimo::AddressFamily::ipv6
-                        ? refChecksumV6(src, dst, static_cast<std::uint32_t>(msg.size()), msg)
-                        : refChecksum(msg);
+  const Bytes sum(msg.begin(), msg.begin() + std::ptrdiff_t(std::min(covered, msg.size())));
+  const std::uint16_t c = src.af() == Nimo::AddressFamily::ipv6
+                              ? refChecksumV6(src, dst, static_cast<std::uint32_t>(sum.size()), sum)
+                              : refChecksum(sum);
   msg[2] = std::uint8_t(c >> 8);
   msg[3] = std::uint8_t(c);
   return msg;
@@ -84,6 +89,28 @@ inline Kel::Ptr<Nimo::Pkt> pkt(const Bytes& b) {
 inline Bytes bytesOf(const Nimo::Pkt& p, std::uint32_t n) {
   const std::uint8_t* d = p.data(0, n);
   return d ? Bytes(d, d + n) : Bytes();
+}
+
+// Runs f, which must throw Kel::RangeError with exactly this text.
+inline void expectRangeError(const std::function<void()>& f, const std::string& text) {
+  try {
+    f();
+    ADD_FAILURE() << "accepted; expected: " << text;
+  } catch (const Kel::RangeError& e) {
+    EXPECT_EQ(e.what(), text);
+  }
+}
+
+// v prints as text, and text parses back into v.
+template <typename T>
+void expectTextForm(const T& v, const std::string& text) {
+  EXPECT_EQ(Kel::valueToStrep(v), text);
+  EXPECT_EQ(T(text.data(), text.data() + text.size()), v) << text;
+}
+
+template <typename T>
+void expectNoParse(const std::string& text) {
+  EXPECT_THROW(T(text.data(), text.data() + text.size()), Kel::RangeError) << text;
 }
 
 // Captures the codec's trace at every level while a test runs.

@@ -1,6 +1,6 @@
 // Platform core: Kel (references, notification, value text form), Nimo (addresses,
 // prefixes, interface ids, packets, checksums, IP headers) and Flicklog (levels, sinks,
-// system log). Checksums are compared with a plain reference written here.
+// system log). Checksums are compared with the test helpers' plain reference.
 
 #include <gtest/gtest.h>
 
@@ -19,22 +19,15 @@
 #include "Pim/platform/Flicklog.h"
 #include "Pim/platform/Kel.h"
 #include "Pim/platform/Nimo.h"
+#include "tests/PimTestUtil.h"
 
 namespace {
 
 using Nimo::IpGenAddr;
 using Nimo::IpGenPrefix;
-using Bytes = std::vector<std::uint8_t>;
-
-// Runs f, which must throw Kel::RangeError with exactly this text.
-void expectRangeError(const std::function<void()>& f, const std::string& text) {
-  try {
-    f();
-    ADD_FAILURE() << "accepted; expected: " << text;
-  } catch (const Kel::RangeError& e) {
-    EXPECT_EQ(e.what(), text);
-  }
-}
+using PimTest::Bytes;
+using PimTest::expectRangeError;
+using PimTest::hex;
 
 struct Counted : Kel::PtrInterface {
   explicit Counted(int* deaths) : deaths_(deaths) {}
@@ -284,10 +277,7 @@ TEST(NimoIntfId, LengthLimitAndByteOrder) {
     EXPECT_LT(Nimo::IntfId(ascending[i]), Nimo::IntfId(ascending[i + 1])) << ascending[i];
 }
 
-Bytes bytesOf(const Nimo::Pkt& p) {
-  const std::uint8_t* d = p.data(0, p.size());
-  return {d, d + p.size()};
-}
+Bytes bytesOf(const Nimo::Pkt& p) { return PimTest::bytesOf(p, p.size()); }
 
 TEST(NimoPkt, CopyOnWriteAndSharedViews) {
   const std::uint8_t src[] = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -357,22 +347,8 @@ TEST(NimoPktDeathTest, SharedRemovalAssertsItsPreconditions) {
 
 // Checksums and IP headers, against a plain big-endian reference.
 
-Bytes hex(const char* text) {  // groups of four hex digits
-  Bytes out;
-  for (char* end; *text; text = end) {
-    const auto word = std::strtoul(text, &end, 16);
-    out.push_back(static_cast<std::uint8_t>(word >> 8));
-    out.push_back(static_cast<std::uint8_t>(word));
-  }
-  return out;
-}
-
 std::uint16_t refChecksum(const std::uint8_t* p, std::size_t n) {
-  std::uint64_t sum = 0;
-  for (std::size_t i = 0; i + 1 < n; i += 2) sum += (p[i] << 8) | p[i + 1];
-  if (n % 2) sum += p[n - 1] << 8;
-  while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
-  return static_cast<std::uint16_t>(~sum & 0xffff);
+  return PimTest::refChecksum(Bytes(p, p + n));
 }
 
 TEST(NimoChecksum, MatchesReferenceAtEveryLengthAndAlignment) {
