@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "Pim/PimMessage.h"
+#include "tests/PimTestUtil.h"
 #include "tools/pimdump/Capture.h"
 
 namespace {
@@ -25,21 +26,9 @@ using PimDump::Bytes;
 using PimDump::IpVerdict;
 using PimDump::LinkType;
 
-struct Output {
-  int exitCode = -1;
-  std::string out;
-};
-
-// Runs a shell command; stdout, and stderr too when asked.
+using Output = PimTest::CommandOutput;
 Output run(const std::string& cmd, bool withStderr = true) {
-  Output r;
-  FILE* p = ::popen((cmd + (withStderr ? " 2>&1" : " 2>/dev/null")).c_str(), "r");
-  if (!p) return r;
-  std::array<char, 4096> buf;
-  while (std::size_t n = std::fread(buf.data(), 1, buf.size(), p)) r.out.append(buf.data(), n);
-  const int status = ::pclose(p);
-  r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return r;
+  return PimTest::runCommand(cmd, withStderr);
 }
 
 std::vector<std::string> lines(const std::string& text) {

@@ -11,28 +11,18 @@
 #include <string>
 
 #include "Pim/PimDrobe.h"
+#include "tests/PimTestUtil.h"
 
 namespace {
 
 namespace D = Routing::Pim::Drobe;
 using ::testing::HasSubstr;
 
-struct Output {
-  int exitCode;
-  std::string out;
-};
+using Output = PimTest::CommandOutput;
 
 // Runs pimshow with args, stdout and stderr together.
 Output pimshow(const std::string& args) {
-  const std::string cmd = std::string(PIMSHOW_PATH) + " " + args + " 2>&1";
-  Output r{-1, ""};
-  FILE* p = ::popen(cmd.c_str(), "r");
-  if (!p) return r;
-  std::array<char, 4096> buf;
-  while (std::size_t n = std::fread(buf.data(), 1, buf.size(), p)) r.out.append(buf.data(), n);
-  const int status = ::pclose(p);
-  r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return r;
+  return PimTest::runCommand(std::string(PIMSHOW_PATH) + " " + args);
 }
 
 class PimShowTest : public ::testing::Test {

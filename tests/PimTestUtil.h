@@ -3,10 +3,13 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -19,6 +22,23 @@
 namespace PimTest {
 
 using Bytes = std::vector<std::uint8_t>;
+
+// A shell command run to completion: its exit status and its output (stderr too, unless
+// withStderr is false). Tools under test run as separate processes through this.
+struct CommandOutput {
+  int exitCode = -1;
+  std::string out;
+};
+inline CommandOutput runCommand(const std::string& cmd, bool withStderr = true) {
+  CommandOutput r;
+  FILE* p = ::popen((cmd + (withStderr ? " 2>&1" : " 2>/dev/null")).c_str(), "r");
+  if (!p) return r;
+  std::array<char, 4096> buf;
+  while (std::size_t n = std::fread(buf.data(), 1, buf.size(), p)) r.out.append(buf.data(), n);
+  const int status = ::pclose(p);
+  r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return r;
+}
 
 // "20 00 ab cd" -> bytes; blanks are ignored, so a vector can be written one field per line.
 inline Bytes hex(std::string_view s) {
