@@ -1,0 +1,376 @@
+// The I/O machine through a fake socket: filter program, memberships, the ordered receive
+// checks, the receive loop's yield rules and the unresolved queue's timers.
+#include <gmock/gmock.h>
+#include <netinet/in.h>
+
+#include <deque>
+#include <functional>
+
+#include "tests/PimIOTestUtil.h"
+
+namespace {
+
+using namespace PimTest;
+using Routing::Pim::IO::MessageCounterType;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
+
+// A socket double: packets come from a queue, options and memberships are recorded, and a
+// membership request can be made to fail with a chosen errno.
+class FakePam : public Nimo::IpPam {
+ public:
+  explicit FakePam(Nimo::AddressFamily af) : Nimo::IpPam("fake", af) {}
+  Kel::Ptr<Nimo::Pkt> rxPkt() override {
+    if (onRx) onRx();
+    if (queue.empty()) return nullptr;
+    auto [p, ifIndex] = queue.front();
+    queue.pop_front();
+    rxIfIndex_ = ifIndex;
+    rxPktCountInc();
+    return p;
+  }
+  int sockOptIs(int level, int option, const void* value, std::uint32_t len) override {
+    if (option == IP_ADD_MEMBERSHIP || option == IPV6_ADD_MEMBERSHIP ||
+        option == IP_DROP_MEMBERSHIP || option == IPV6_DROP_MEMBERSHIP) {
+      std::uint32_t ifIndex = 0;
+      if (level == IPPROTO_IP) {
+        ifIndex = static_cast<std::uint32_t>(static_cast<const ip_mreqn*>(value)->imr_ifindex);
+      } else {
+        ifIndex = static_cast<const ipv6_mreq*>(value)->ipv6mr_interface;
+      }
+      memberships.push_back(fmt::format("{} {} {}", option, ifIndex, len));
+      return membershipErrno;
+    }
+    return 0;
+  }
+  int applyRxFilter() override {
+    ++applied;
+    return 0;
+  }
+  void push(const Bytes& b, std::uint32_t ifIndex) { queue.emplace_back(pkt(b), ifIndex); }
+
+  std::deque<std::pair<Kel::Ptr<Nimo::Pkt>, std::uint32_t>> queue;
+  std::vector<std::string> memberships;
+  int membershipErrno = 0;
+  int applied = 0;
+  std::function<void()> onRx;
+};
+
+class IOSmTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Routing::Pim::IO::ioTrace().levelIs(9);
+    rig.mgr->pamIs(fake);
+  }
+  void TearDown() override { Routing::Pim::IO::ioTrace().levelIs(0); }
+  // eth1 (index 7) runs PIM; eth2 (index 8) exists but does not.
+  void standard() {
+    rig.intf("eth1", 7);
+    rig.intf("eth2", 8, false);
+    rig.mgr->rxMessageInfoIs(0);
+    rig.mgr->rxMessageInfoIs(3);
+    rig.start();
+  }
+  std::vector<std::string> lines(const std::string& facility) const {
+    std::vector<std::string> out;
+    for (const auto& l : capture.lines())
+      if (l.facility == facility) out.push_back(l.text);
+    return out;
+  }
+
+  DrobeRoot root;
+  Kel::Ptr<Kel::ManualClock> clock = Kel::Ptr<Kel::ManualClock>::make(100.0);
+  IoRig rig{Nimo::AddressFamily::ipv4, clock};
+  Kel::Ptr<FakePam> fake = Kel::Ptr<FakePam>::make(Nimo::AddressFamily::ipv4);
+  Flicklog::CaptureSink capture;
+};
+
+// ---------------------------------------------------------------------------------------
+// Filter program.
+
+std::vector<Nimo::BpfInsn> prefixV4() {
+  return {{0x30, 0, 0, 0}, {0x54, 0, 0, 15}, {0x64, 0, 0, 2},
+          {0x07, 0, 0, 0}, {0x50, 0, 0, 0},  {0x54, 0, 0, 15}};
+}
+
+TEST_F(IOSmTest, FilterFollowsRegisteredTypes) {
+  standard();
+  auto expected = prefixV4();
+  expected.insert(expected.end(),
+                  {{0x15, 1, 0, 0}, {0x15, 0, 1, 3}, {0x06, 0, 0, 0x0FFFFFFF}, {0x06, 0, 0, 0}});
+  EXPECT_THAT(fake->rxFilter(), ElementsAreArray(expected));
+  EXPECT_EQ(rig.mgr->bpfLen(), 10u);
+  EXPECT_EQ(fake->applied, 1);
+
+  // A registration rebuilds it; a repeated one changes nothing.
+  rig.mgr->rxMessageInfoIs(10);
+  rig.mgr->rxMessageInfoIs(10);
+  EXPECT_EQ(fake->applied, 2);
+  ASSERT_EQ(fake->rxFilter().size(), 11u);
+  EXPECT_EQ(fake->rxFilter()[6], (Nimo::BpfInsn{0x15, 2, 0, 0}));
+  EXPECT_EQ(fake->rxFilter()[8], (Nimo::BpfInsn{0x15, 0, 1, 10}));
+
+  // Nothing registered: every packet meets the reject first.
+  for (std::uint8_t t : {std::uint8_t{0}, std::uint8_t{3}, std::uint8_t{10}})
+    rig.mgr->rxMessageInfoDel(t);
+  expected = prefixV4();
+  expected.insert(expected.end(), {{0x06, 0, 0, 0}, {0x06, 0, 0, 0x0FFFFFFF}});
+  EXPECT_THAT(fake->rxFilter(), ElementsAreArray(expected));
+}
+
+TEST(IOSmFilterV6, PrefixReadsTheFirstPimByte) {
+  DrobeRoot root;
+  IoRig rig(Nimo::AddressFamily::ipv6, Kel::Ptr<Kel::ManualClock>::make());
+  auto fake = Kel::Ptr<FakePam>::make(Nimo::AddressFamily::ipv6);
+  rig.mgr->pamIs(fake);
+  rig.mgr->rxMessageInfoIs(0);
+  rig.start();
+  EXPECT_THAT(fake->rxFilter(),
+              ElementsAreArray(std::vector<Nimo::BpfInsn>{{0x30, 0, 0, 0},
+                                                          {0x54, 0, 0, 15},
+                                                          {0x15, 0, 1, 0},
+                                                          {0x06, 0, 0, 0x0FFFFFFF},
+                                                          {0x06, 0, 0, 0}}));
+}
+
+// ---------------------------------------------------------------------------------------
+// Memberships.
+
+TEST_F(IOSmTest, MembershipFollowsPimAndDevice) {
+  fake->membershipErrno = ENODEV;
+  standard();
+  // Only the PIM interface joins; the failed join is recorded all the same.
+  EXPECT_THAT(fake->memberships, ElementsAreArray({fmt::format("{} 7 12", IP_ADD_MEMBERSHIP)}));
+  EXPECT_EQ(rig.io->allPimRoutersMember().at(Nimo::IntfId("eth1")), 7u);
+  EXPECT_THAT(capture.texts(),
+              testing::Contains(HasSubstr("( Device is not ready yet ) IntfId: eth1")));
+
+  fake->membershipErrno = 0;
+  fake->memberships.clear();
+  rig.status->intfIs(Nimo::IntfId("eth2"));                 // PIM comes up on eth2
+  rig.dir->intfStatusIs(Nimo::IntfId("eth1")).ifIndex = 9;  // eth1's device is replaced
+  rig.dir->intfStatusNotify(Nimo::IntfId("eth1"));
+  rig.status->intfDel(Nimo::IntfId("eth2"));  // and PIM goes again
+  EXPECT_THAT(fake->memberships, ElementsAreArray({fmt::format("{} 8 12", IP_ADD_MEMBERSHIP),
+                                                   fmt::format("{} 7 12", IP_DROP_MEMBERSHIP),
+                                                   fmt::format("{} 9 12", IP_ADD_MEMBERSHIP),
+                                                   fmt::format("{} 8 12", IP_DROP_MEMBERSHIP)}));
+  EXPECT_EQ(rig.mgr->kernelIntf(9)->intfId, Nimo::IntfId("eth1"));
+  EXPECT_EQ(rig.mgr->kernelIntf(7), nullptr);
+}
+
+TEST_F(IOSmTest, TransparentIpTogglesOnlyItsBit) {
+  const std::uint32_t before = fake->options();
+  rig.mgr->transparentIpIs(true);
+  EXPECT_EQ(fake->options(), before | 0x0200);
+  rig.mgr->transparentIpIs(false);
+  EXPECT_EQ(fake->options(), before);
+}
+
+// ---------------------------------------------------------------------------------------
+// The ordered checks: one good Hello, one mutation per row.
+
+struct CheckRow {
+  const char* name;
+  std::function<void(IoRig&, Bytes&, std::uint32_t&)> mutate;
+  std::uint8_t type;   // counter key type
+  const char* intf;    // counter key interface ("" all)
+  int counter;         // MessageCounterType, or -1: only the PAM error counter
+  const char* trace;   // substring of the error line
+  const char* syslog;  // identifier, or ""
+};
+
+const Nimo::IpGenAddr kSrc("10.0.0.2");
+const Nimo::IpGenAddr kAll("224.0.0.13");
+
+void pimByte(Bytes& b, std::uint8_t v) {
+  b[20] = v;
+  b[22] = b[23] = 0;
+  const std::uint16_t c = refChecksum(Bytes(b.begin() + 20, b.end()));
+  b[22] = std::uint8_t(c >> 8);
+  b[23] = std::uint8_t(c);
+}
+
+const CheckRow kChecks[] = {
+    {"ihl below 5", [](IoRig&, Bytes& b, std::uint32_t&) { b[0] = 0x44; }, 0, "", -1,
+     "RX: Error - Invalid Ip Header Length - Ihl: 4", ""},
+    {"ihl beyond the data", [](IoRig&, Bytes& b, std::uint32_t&) { b[0] = 0x4f; }, 0, "", -1,
+     "RX: Error - Missing Ip Header - Remaining: 30", ""},
+    {"short ip header", [](IoRig&, Bytes& b, std::uint32_t&) { b.resize(19); }, 0, "", -1,
+     "RX: Error - Missing Ip Header - Remaining: 19", ""},
+    {"short pim header", [](IoRig&, Bytes& b, std::uint32_t&) { b.resize(23); }, 0, "", -1,
+     "RX: Error - Missing Pim Header - Remaining: 3", ""},
+    {"unknown kernel interface", [](IoRig&, Bytes&, std::uint32_t& i) { i = 99; }, 0, "",
+     int(MessageCounterType::invalid), "RX: Error - Invalid Kernel Interface - Id: 99", ""},
+    {"not in generic status",
+     [](IoRig& r, Bytes&, std::uint32_t&) { r.io->ipGenIntfStatusIs(nullptr); }, 0, "",
+     int(MessageCounterType::invalid), "RX: Error - Invalid Interface - Id: eth1", ""},
+    {"service acl",
+     [](IoRig& r, Bytes&, std::uint32_t&) {
+       r.acls->aclIs("svc").ruleIs({Acl::Action::Deny, Nimo::IpGenPrefix("10.0.0.0/8"), {}});
+       r.acls->serviceAclIs(r.vrf, Nimo::AddressFamily::ipv4, "svc");
+     },
+     0, "eth1", int(MessageCounterType::filtered), "RX: Filtered - packet dropped by service ACL",
+     ""},
+    {"not a pim interface", [](IoRig&, Bytes&, std::uint32_t& i) { i = 8; }, 0, "eth2",
+     int(MessageCounterType::invalid), "RX: Error - Invalid Pim Interface - Type: 0", ""},
+    {"mbr", [](IoRig& r, Bytes&, std::uint32_t&) { r.status->intfIs(Nimo::IntfId("eth1"), true); },
+     0, "eth1", int(MessageCounterType::filtered), "RX: Filtered - Pim Interface has MBR - Type: 0",
+     ""},
+    {"neighbour filter",
+     [](IoRig& r, Bytes&, std::uint32_t&) {
+       r.config->intfConfigIs(Nimo::IntfId("eth1")).neighborFilter = "nbr";
+       r.acls->aclIs("nbr").ruleIs({Acl::Action::Deny, Nimo::IpGenPrefix("10.0.0.2/32"), {}});
+     },
+     0, "eth1", int(MessageCounterType::filtered), "RX: Filtered - Type: 0 Interface: eth1", ""},
+    {"hello to unicast",
+     [](IoRig&, Bytes& b, std::uint32_t&) {
+       b = ipPacket(kSrc, Nimo::IpGenAddr("10.0.0.1"), helloBytes(kSrc, kAll));
+     },
+     0, "eth1", int(MessageCounterType::invalid),
+     "Destination is Not ALL-PIM-ROUTERS - Type: 0 Address: 10.0.0.1",
+     "PIM_MESSAGE_INVALID_DESTINATION"},
+    {"register to multicast", [](IoRig&, Bytes& b, std::uint32_t&) { pimByte(b, 0x21); }, 1, "eth1",
+     int(MessageCounterType::invalid),
+     "RX: Error - Invalid Pim Message - Type: 1 Destination is Multicast: 224.0.0.13", ""},
+    {"df election without neighbour", [](IoRig&, Bytes& b, std::uint32_t&) { pimByte(b, 0x2a); },
+     10, "eth1", int(MessageCounterType::invalid),
+     "Drop DF election message  because neighborship does not exist: 10.0.0.2", ""},
+    {"version 3", [](IoRig&, Bytes& b, std::uint32_t&) { pimByte(b, 0x30); }, 0, "eth1",
+     int(MessageCounterType::invalid), "RX: Error - Invalid Pim Version - Version: 3",
+     "PIM_MESSAGE_INVALID_VERSION"},
+    {"unknown type", [](IoRig&, Bytes& b, std::uint32_t&) { pimByte(b, 0x2b); }, 11, "eth1",
+     int(MessageCounterType::invalid), "RX: Error - Invalid Pim Message - Type: 11",
+     "PIM_MESSAGE_INVALID_TYPE"},
+    {"graft", [](IoRig&, Bytes& b, std::uint32_t&) { pimByte(b, 0x26); }, 6, "eth1",
+     int(MessageCounterType::invalid), "RX: Error - Unsupported Pim Message - Type: 6", ""},
+    {"bad checksum", [](IoRig&, Bytes& b, std::uint32_t&) { b[23] ^= 1; }, 0, "eth1",
+     int(MessageCounterType::invalid), "RX: Error - Invalid Pim Hello - Read Error", ""},
+    // Two faults at once: the interface check comes before the destination check.
+    {"order",
+     [](IoRig&, Bytes& b, std::uint32_t& i) {
+       i = 8;
+       b = ipPacket(kSrc, Nimo::IpGenAddr("10.0.0.1"), helloBytes(kSrc, kAll));
+     },
+     0, "eth2", int(MessageCounterType::invalid), "RX: Error - Invalid Pim Interface - Type: 0",
+     ""},
+};
+
+TEST_F(IOSmTest, EachCheckDropsOnItsCounterWithItsText) {
+  for (const CheckRow& row : kChecks) {
+    SCOPED_TRACE(row.name);
+    DrobeRoot rowRoot;
+    IoRig r(Nimo::AddressFamily::ipv4, clock, "", row.name);
+    auto f = Kel::Ptr<FakePam>::make(Nimo::AddressFamily::ipv4);
+    r.mgr->pamIs(f);
+    r.intf("eth1", 7);
+    r.intf("eth2", 8, false);
+    r.mgr->rxMessageInfoIs(0);
+    r.start();
+    Bytes b = ipPacket(kSrc, kAll, helloBytes(kSrc, kAll));
+    std::uint32_t ifIndex = 7;
+    row.mutate(r, b, ifIndex);
+    capture.clear();
+    f->push(b, ifIndex);
+    r.io->rxPkt();
+
+    EXPECT_EQ(r.mgr->rxPamCounter()->count(), 1u);
+    EXPECT_EQ(r.mgr->rxPamCounter()->processed(), 0u);
+    EXPECT_EQ(r.mgr->rxMessageInfo(0)->count(), 0u);
+    EXPECT_THAT(lines("Pim::IO"), testing::Contains(HasSubstr(row.trace)));
+    std::vector<std::string> logs = lines("syslog");
+    if (*row.syslog) {
+      ASSERT_EQ(logs.size(), 1u);
+      EXPECT_THAT(logs[0], HasSubstr(row.syslog));
+    } else {
+      EXPECT_TRUE(logs.empty()) << logs[0];
+    }
+    // Exactly one counter moved: the row's (both keys when an interface is known).
+    std::uint32_t total = 0;
+    r.counters->msgCounterForEach([&](const Routing::Pim::Drobe::MessageCounterData& d) {
+      for (auto ct : {MessageCounterType::invalid, MessageCounterType::filtered,
+                      MessageCounterType::success}) {
+        total += d.rxMsgCounter().count(ct);
+      }
+    });
+    if (row.counter < 0) {
+      EXPECT_EQ(r.mgr->rxPamCounter()->error(), 1u);
+      EXPECT_EQ(total, 0u);
+    } else {
+      const auto ct = static_cast<MessageCounterType>(row.counter);
+      EXPECT_EQ(r.rx(row.type, "", ct), 1u);
+      if (*row.intf) {
+        EXPECT_EQ(r.rx(row.type, row.intf, ct), 1u);
+      }
+      EXPECT_EQ(total, *row.intf ? 2u : 1u);
+    }
+  }
+}
+
+TEST_F(IOSmTest, GoodHelloIsPostedAndCounted) {
+  standard();
+  struct Watch : Routing::Pim::IO::MessageInfo::NotifieeConst {
+    int n = 0;
+    void onCount() override { ++n; }
+  } w;
+  w.notifierIs(rig.mgr->rxMessageInfo(0));
+  // The same Hello twice: the agent wakes twice.
+  for (int i = 0; i < 2; ++i) fake->push(ipPacket(kSrc, kAll, helloBytes(kSrc, kAll)), 7);
+  rig.io->rxPkt();
+  EXPECT_EQ(w.n, 2);
+  const auto& info = *rig.mgr->rxMessageInfo(0);
+  EXPECT_EQ(info.intfId(), Nimo::IntfId("eth1"));
+  EXPECT_EQ(info.neighborAddr(), kSrc);
+  ASSERT_TRUE(info.helloMessage());
+  EXPECT_EQ(info.helloMessage()->holdTime(), 105);
+  EXPECT_EQ(rig.rx(0, "eth1", MessageCounterType::success), 2u);
+  EXPECT_EQ(rig.rx(0, "", MessageCounterType::success), 2u);
+  EXPECT_EQ(rig.mgr->rxPamCounter()->processed(), 2u);
+}
+
+TEST_F(IOSmTest, DeniedHelloPassesOnAPermittedSecondaryAddress) {
+  standard();
+  rig.config->intfConfigIs(Nimo::IntfId("eth1")).neighborFilter = "nbr";
+  rig.acls->aclIs("nbr")
+      .ruleIs({Acl::Action::Deny, Nimo::IpGenPrefix("10.0.0.2/32"), {}})
+      .ruleIs({Acl::Action::Permit, Nimo::IpGenPrefix("10.9.0.0/16"), {}});
+  fake->push(ipPacket(kSrc, kAll, helloBytes(kSrc, kAll, {"10.8.0.1"})), 7);
+  fake->push(ipPacket(kSrc, kAll, helloBytes(kSrc, kAll, {"10.8.0.1", "10.9.0.1"})), 7);
+  rig.io->rxPkt();
+  EXPECT_EQ(rig.rx(0, "eth1", MessageCounterType::filtered), 1u);
+  EXPECT_EQ(rig.rx(0, "eth1", MessageCounterType::success), 1u);
+  EXPECT_TRUE(
+      rig.mgr->rxMessageInfo(0)->helloMessage()->secondaryAddr(Nimo::IpGenAddr("10.9.0.1")));
+}
+
+TEST_F(IOSmTest, CounterWithoutInterfaceTouchesOnlyAllInterfaceKeys) {
+  standard();
+  rig.io->updateCounter(Routing::Pim::IO::MessageCounterDirection::rx, 10, 2, Nimo::IntfId(),
+                        MessageCounterType::success);
+  rig.io->updateCounter(Routing::Pim::IO::MessageCounterDirection::rx, 0x2a, 1,
+                        Nimo::IntfId("eth1"), MessageCounterType::success);
+  EXPECT_EQ(rig.counters->msgCounterSize(), 5u);
+  EXPECT_EQ(rig.rx(10, "", MessageCounterType::success), 2u);
+  EXPECT_EQ(rig.rx(10, "", MessageCounterType::success, 2), 1u);
+  EXPECT_EQ(rig.rx(10, "eth1", MessageCounterType::success, 1), 1u);
+}
+
+// ---------------------------------------------------------------------------------------
+// The receive loop yields by time and by back-pressure.
+
+TEST_F(IOSmTest, LoopStopsAtQuantumAndWhileClogged) {
+  standard();
+  for (int i = 0; i < 10; ++i) fake->push(ipPacket(kSrc, kAll, helloBytes(kSrc, kAll)), 7);
+  rig.io->loopQuantumIs(0.010);
+  fake->onRx = [&] { clock->advance(0.004); };  // each read costs 4 ms
+  rig.io->rxPkt();
+  EXPECT_EQ(rig.mgr->rxPamCounter()->count(), 3u);  // at 0, 4 and 8 ms
+  fake->onRx = nullptr;
+  int reads = 0;
+  rig.io->attrLogCloggedIs([&] { return reads++ >= 2; });
+  rig.io->rxPkt();
+  EXPECT_EQ(rig.mgr->rxPamCounter()->count(), 5u);
+  EXPECT_EQ(fake->queue.size(), 5u);  // the rest waits for the next readable event
+}
+
+}  // namespace
