@@ -80,8 +80,9 @@ bool isHandled(MessageType t) {
 // Known to PIM but not processed here: Graft, Graft-Ack (dense mode), State Refresh.
 bool isKnownUnhandled(MessageType t) { return t == 6 || t == 7 || t == 9; }
 
-Nimo::IpGenAddr allPimRouters(Nimo::AddressFamily af) {
-  return Nimo::IpGenAddr(af == Nimo::AddressFamily::ipv4 ? "224.0.0.13" : "ff02::d");
+const Nimo::IpGenAddr& allPimRouters(Nimo::AddressFamily af) {
+  static const Nimo::IpGenAddr v4("224.0.0.13"), v6("ff02::d");
+  return af == Nimo::AddressFamily::ipv4 ? v4 : v6;
 }
 
 }  // namespace

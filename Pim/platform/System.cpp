@@ -7,9 +7,9 @@ bool ServiceAclFilterSm::matchesRaw(const Nimo::Pkt& pkt, const L3::VrfName& vrf
   const std::uint8_t* first = pkt.data(0, 1);
   if (!first) return false;
   const auto af = (first[0] >> 4) == 6 ? Nimo::AddressFamily::ipv6 : Nimo::AddressFamily::ipv4;
-  const std::string name = config_ ? config_->serviceAcl(vrf, af) : std::string();
-  if (name.empty()) return true;
-  const AclConfig* acl = config_->acl(name);
+  const std::string* name = config_ ? config_->serviceAcl(vrf, af) : nullptr;
+  if (!name) return true;
+  const AclConfig* acl = config_->acl(*name);
   if (!acl) return true;  // named but not configured yet: the VRF is not locked out
   Nimo::IpGenAddr src, dst;
   if (af == Nimo::AddressFamily::ipv6) {

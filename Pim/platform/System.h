@@ -232,7 +232,7 @@ class AclConfig {
 class Config : public Kel::Entity {
  public:
   explicit Config(Kel::Name name) : Kel::Entity(std::move(name)) {}
-  const AclConfig* acl(const std::string& name) const {
+  const AclConfig* acl(std::string_view name) const {
     auto it = acl_.find(name);
     return it == acl_.end() ? nullptr : &it->second;
   }
@@ -240,18 +240,20 @@ class Config : public Kel::Entity {
     return acl_.try_emplace(name, af).first->second;
   }
   void aclDel(const std::string& name) { acl_.erase(name); }
-  // The service ACL of a VRF and family; empty: none.
-  std::string serviceAcl(const L3::VrfName& vrf, Nimo::AddressFamily af) const {
-    auto it = serviceAcl_.find({vrf.str(), af});
-    return it == serviceAcl_.end() ? std::string() : it->second;
+  // The service ACL of a VRF and family; null: none. Read for every received packet, so
+  // the lookup allocates nothing.
+  const std::string* serviceAcl(const L3::VrfName& vrf, Nimo::AddressFamily af) const {
+    if (serviceAcl_.empty()) return nullptr;
+    auto it = serviceAcl_.find({vrf, af});
+    return it == serviceAcl_.end() || it->second.empty() ? nullptr : &it->second;
   }
   void serviceAclIs(const L3::VrfName& vrf, Nimo::AddressFamily af, const std::string& acl) {
-    serviceAcl_[{vrf.str(), af}] = acl;
+    serviceAcl_[{vrf, af}] = acl;
   }
 
  private:
-  std::map<std::string, AclConfig> acl_;
-  std::map<std::pair<std::string, Nimo::AddressFamily>, std::string> serviceAcl_;
+  std::map<std::string, AclConfig, std::less<>> acl_;
+  std::map<std::pair<L3::VrfName, Nimo::AddressFamily>, std::string> serviceAcl_;
 };
 
 class ServiceAclFilterSm : public Kel::Entity {
