@@ -108,7 +108,7 @@ class IOSm::PamReactor : public Nimo::IpPam::NotifieeConst {
 class IOSm::PamManagerReactor : public PamManager::NotifieeConst {
  public:
   explicit PamManagerReactor(IOSm& o) : owner_(o) {}
-  void onPam() override { owner_.pamReactor_->notifierIs(owner_.pimPamManager_->pam()); }
+  void onPam() override { owner_.handlePam(); }
   void onRxMessageInfo(MessageType) override {
     if (owner_.initialized_) owner_.handlePamFilter();
   }
@@ -167,6 +167,18 @@ void IOSm::pimPamManagerIs(const Kel::Ptr<PamManager>& m) {
   pimPamManager_ = m;
   pamManagerReactor_->notifierIs(m);
   pamReactor_->notifierIs(m ? m->pam() : nullptr);
+}
+
+void IOSm::handlePam() {
+  const auto& pam = pimPamManager_->pam();
+  pamReactor_->notifierIs(pam);
+  if (!initialized_ || !pam) return;
+  // A new socket has neither the memberships nor the filter of the old one.
+  allPimRoutersMember_.clear();
+  filterMask_.reset();
+  handleInterface();
+  handlePamFilter();
+  pam->loopIs(&loop_);
 }
 
 void IOSm::pimStatusIs(const Kel::Ptr<Routing::Pim::Status>& s) {

@@ -263,6 +263,8 @@ class IOSm : public Kel::Entity {
   }
   void allPimRoutersMemberDelAll() noexcept { allPimRoutersMember_.clear(); }
 
+  // A new socket from the manager: watched, joined and filtered like the first.
+  void handlePam();
   void handleInterface();
   void handleInterface(const Nimo::IntfId& id);
   void handlePimInterface(const Nimo::IntfId& id);

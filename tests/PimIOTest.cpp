@@ -159,6 +159,21 @@ TEST_F(IOSmTest, MembershipFollowsPimAndDevice) {
   EXPECT_EQ(rig.mgr->kernelIntf(7), nullptr);
 }
 
+TEST_F(IOSmTest, ReopenedSocketGetsMembershipsAndFilter) {
+  standard();
+  auto second = Kel::Ptr<FakePam>::make(Nimo::AddressFamily::ipv4);
+  rig.mgr->pamIs(second);
+  EXPECT_THAT(second->memberships, ElementsAreArray({fmt::format("{} 7 12", IP_ADD_MEMBERSHIP)}));
+  EXPECT_EQ(second->applied, 1);
+  EXPECT_EQ(second->rxFilter(), fake->rxFilter());
+}
+
+TEST(PamManagerDeathTest, UnknownFamilyIsAProgrammingError) {
+  EXPECT_DEATH(Routing::Pim::IO::pamManagerFactory(L3::VrfName("v"), Nimo::AddressFamily::ipunknown,
+                                                   "", false),
+               "0 && \"Unsupported address family.\"");
+}
+
 TEST_F(IOSmTest, TransparentIpTogglesOnlyItsBit) {
   const std::uint32_t before = fake->options();
   rig.mgr->transparentIpIs(true);
