@@ -206,7 +206,7 @@ class IOSm : public Kel::Entity {
   static constexpr std::uint32_t kMaxRxPktData = 65535;
   // Charges against unresMaxBytes beyond four bytes per wire byte.
   static constexpr std::uint64_t kQueuedMessageOverhead = 256;
-  static constexpr std::uint64_t kQueueOverhead = 256;
+  static constexpr std::uint64_t kQueueOverhead = 1024;  // map node, queue, first deque block
 
   using NeighborKey = Routing::Pim::Drobe::NeighborKey;
 
