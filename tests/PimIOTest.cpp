@@ -322,6 +322,25 @@ TEST_F(IOSmTest, EachCheckDropsOnItsCounterWithItsText) {
   }
 }
 
+// Hostile lengths: every strict prefix and every IHL value is refused without reading past
+// the packet (ASan build), and only the intact packet is posted.
+TEST_F(IOSmTest, TruncationsAndHeaderLengthsNeverOverRead) {
+  standard();
+  const Bytes good = ipPacket(kSrc, kAll, helloBytes(kSrc, kAll));
+  for (std::size_t n = 0; n <= good.size(); ++n) {
+    const Bytes b(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(n));
+    EXPECT_EQ(rig.io->processPkt(Routing::Pim::IO::rxPktContextFactory(pkt(b), 7)),
+              n == good.size())
+        << n;
+  }
+  for (std::uint8_t ihl = 0; ihl < 16; ++ihl) {
+    Bytes b = good;
+    b[0] = static_cast<std::uint8_t>(0x40 | ihl);
+    EXPECT_EQ(rig.io->processPkt(Routing::Pim::IO::rxPktContextFactory(pkt(b), 7)), ihl == 5)
+        << int{ihl};
+  }
+}
+
 TEST_F(IOSmTest, GoodHelloIsPostedAndCounted) {
   standard();
   struct Watch : Routing::Pim::IO::MessageInfo::NotifieeConst {
