@@ -38,9 +38,11 @@
 #include <set>
 #include <string>
 
+#include "Pim/PimMcastBoundary.h"
 #include "Pim/platform/Flicklog.h"
 #include "Pim/platform/Kel.h"
 #include "Pim/platform/Nimo.h"
+#include "Pim/platform/PimCore.h"
 
 namespace Routing::Pim::Packet {
 
@@ -401,5 +403,90 @@ class HelloMessage : public Message {
 };
 std::ostream& operator<<(std::ostream& os, const HelloMessage::HelloPropagationDelay& d);
 std::ostream& operator<<(std::ostream& os, const HelloMessage::HelloImplPropagationDelay& d);
+
+// ---------------------------------------------------------------------------------------
+// Join/Prune (RFC 7761 4.9.5)
+//
+//   |PIM Ver| Type  |   Reserved    |           Checksum            |
+//   |        Upstream Neighbor Address (Encoded-Unicast format)     |
+//   |  Reserved     | Num groups    |          Holdtime             |
+//   |         Multicast Group Address 1 (Encoded-Group format)      |
+//   |   Number of Joined Sources    |   Number of Pruned Sources    |
+//   |        Joined Source Address 1 (Encoded-Source format)  ...   |
+//   |        Pruned Source Address 1 (Encoded-Source format)  ...   |
+//   |         Multicast Group Address m ...                         |
+//
+// The message is a view on a Routing::Pim::JoinPruneData (upstream neighbour, holdtime and
+// groups live there). Reading fills it, resolving entries that contradict each other and
+// dropping groups of the wrong family, outside the receiving interface's boundary or
+// of the other mode (bidirectional or not) than the message; `report` counts entries.
+// Writing drains it: every entry the writer passes is deleted, written or not, and what
+// does not fit in `mtu` - 20 bytes (room for an IPv4 header) is left for the next call,
+// which resumes at the bookmark the first one left. A sender therefore calls the writer
+// with a fresh packet until the data set is empty; a call that writes nothing returns 0.
+//
+// Units: report counts source entries, the (*,G) entry included. Writing: processed =
+// written, suppressed = suppressed joins dropped, filtered = entries of groups a filter
+// dropped plus entries of the wrong family; the three add up to the entries drained.
+// Reading adds up over reads: processed = entries accepted (before contradictions are
+// resolved), filtered = entries of groups the boundary or mode filter dropped.
+//
+// Usage:
+//   auto m = Kel::Ptr<JoinPruneMessage>::make();
+//   m->srcIpIs(...); m->dstIpIs(...); m->joinPruneDataIs(data); m->mtuIs(1500);
+//   while (!data->empty()) {
+//     auto pkt = Nimo::Pkt::create(1500);
+//     if (std::uint32_t n = m->writeJoinPruneMessage(pkt, 0, boundary)) send(pkt);  // pkt is n
+//     bytes
+//   }
+
+class JoinPruneMessage : public Message {
+ public:
+  struct Report {
+    static constexpr std::string_view kTypeName = "Routing::Pim::Packet::JoinPruneMessage::Report";
+    std::uint32_t processed = 0;
+    std::uint32_t suppressed = 0;
+    std::uint32_t filtered = 0;
+    std::uint32_t skipped() const noexcept { return suppressed + filtered; }
+    static constexpr auto fields() {
+      return std::make_tuple(Kel::field("processed", &Report::processed),
+                             Kel::field("suppressed", &Report::suppressed),
+                             Kel::field("filtered", &Report::filtered));
+    }
+    friend bool operator==(const Report&, const Report&) = default;
+  };
+
+  static constexpr std::uint32_t kDefaultMtu = 1500;
+  // The budget leaves room for an IPv4 header without options, for both families.
+  static constexpr std::uint32_t kIpHeaderAllowance = 20;
+  static constexpr std::uint32_t kMaxGroups = 255;
+
+  JoinPruneMessage() noexcept : Message(Nimo::PimMessageType::pimJoinPrune) {}
+
+  const Kel::Ptr<JoinPruneData>& joinPruneData() const noexcept { return joinPruneData_; }
+  void joinPruneDataIs(const Kel::Ptr<JoinPruneData>& d) noexcept { joinPruneData_ = d; }
+  std::uint32_t mtu() const noexcept { return mtu_; }
+  void mtuIs(std::uint32_t m) noexcept { mtu_ = m; }
+  bool bidir() const noexcept { return bidir_; }
+  void bidirIs(bool b) noexcept { bidir_ = b; }
+  const Report& report() const noexcept { return report_; }
+
+  // Fills joinPruneData (made if null); returns the message length or 0.
+  std::uint32_t readJoinPruneMessage(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset,
+                                     const Kel::Ptr<Boundary::IntfBoundary>& intfBoundary) noexcept;
+  // Drains joinPruneData into one message, trimming pkt to its end; returns its length or 0.
+  std::uint32_t writeJoinPruneMessage(
+      const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset,
+      const Kel::Ptr<Boundary::IntfBoundary>& intfBoundary) noexcept;
+
+  void print(std::ostream& os) const override;
+
+ private:
+  Kel::Ptr<JoinPruneData> joinPruneData_;
+  std::uint32_t mtu_ = kDefaultMtu;
+  bool bidir_ = false;
+  Report report_;
+};
+std::ostream& operator<<(std::ostream& os, const JoinPruneMessage::Report& r);
 
 }  // namespace Routing::Pim::Packet

@@ -85,6 +85,39 @@ std::vector<std::uint8_t> writtenHello(Family f, bool everyOption) {
   return std::vector<std::uint8_t>(p, p + n);
 }
 
+// A Join/Prune written by the codec: three groups, every kind of entry; bidir marks the
+// groups bidirectional (the filtered seeds), and one group lies in the fuzz boundary.
+std::vector<std::uint8_t> writtenJoinPrune(Family f, bool bidir) {
+  const bool v4 = f == Family::Ipv4;
+  auto data = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
+  data->upstreamNeighborIs(addr(v4 ? "10.0.0.2" : "fe80::2"));
+  data->holdTimeIs(210);
+  const char* groups[] = {"239.1.1.1", "239.200.1.1",  "232.1.1.1",
+                          "ff3e::1:1", "ff3e::8000:1", "ff3e::2:1"};
+  for (int g = 0; g < 3; ++g) {
+    auto& gd =
+        data->joinPruneGroupDataIs(Nimo::IpGenPrefix(addr(groups[v4 ? g : g + 3]), v4 ? 32 : 128));
+    gd.groupFlagsIs(bidir ? 0x80 : 0);
+    for (int i = 1; i <= 3; ++i) {
+      gd.joinedSourceIs(addr(
+          (v4 ? fmt::format("10.{}.0.{}", g, i) : fmt::format("2001:db8:{}::{}", g, i)).c_str()));
+      gd.prunedRptSourceIs(addr(
+          (v4 ? fmt::format("10.{}.1.{}", g, i) : fmt::format("2001:db8:{}::1:{}", g, i)).c_str()));
+    }
+    gd.wcSourceDataIs(Routing::Pim::WcSourceData(addr(v4 ? "10.9.9.9" : "2001:db8::99"), g != 1));
+  }
+  Routing::Pim::Packet::JoinPruneMessage m;
+  m.srcIpIs(addr(v4 ? "10.0.0.1" : "fe80::1"));
+  m.dstIpIs(addr(v4 ? "224.0.0.13" : "ff02::d"));
+  m.bidirIs(bidir);
+  m.joinPruneDataIs(data);
+  auto pkt = Nimo::Pkt::create(1500);
+  std::uint32_t n = m.writeJoinPruneMessage(pkt, 0, nullptr);
+  check(n != 0, "seed Join/Prune does not write");
+  const std::uint8_t* p = pkt->data(0, n);
+  return std::vector<std::uint8_t>(p, p + n);
+}
+
 template <typename Encoded, typename Write>
 std::vector<std::uint8_t> written(const Encoded& e, Write write) {
   auto pkt = Nimo::Pkt::create(64);
@@ -191,6 +224,13 @@ std::vector<std::vector<std::uint8_t>> seeds(std::string_view target) {
                         static_cast<std::uint8_t>(flags)));
       out.push_back(
           encode(Family::Ipv4, 0, false, written(e, &EncodedSourceAddress::writeSourceAddress)));
+    }
+  }
+  if (target == "readJoinPruneMessage") {
+    for (Family f : {Family::Ipv4, Family::Ipv6}) {
+      out.push_back(encode(f, 0, false, writtenJoinPrune(f, false)));
+      out.push_back(encode(f, 5, false, writtenJoinPrune(f, true)));
+      out.back()[0] |= 0x80;  // with the boundary and bidirectional filters
     }
   }
   return out;

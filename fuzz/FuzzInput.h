@@ -9,6 +9,7 @@
 //             the header check into the message body
 //   bit  6    tracing on at level 9 into a discarding sink, so that trace formatting runs
 //             on hostile values too
+//   bit  7    left to each target (readJoinPruneMessage: boundary and bidirectional filters)
 // Each target is a plain function returning the reader's result (bytes consumed, 0 on
 // rejection); it aborts when a round-trip property fails. The libFuzzer entry point is
 // added by PIM_FUZZ_ENTRY only in the fuzz build, so tests/FuzzRegressionTest.cpp can
@@ -61,11 +62,12 @@ std::uint32_t readUnicastAddress(const std::uint8_t* data, std::size_t size);
 std::uint32_t readGroupAddress(const std::uint8_t* data, std::size_t size);
 std::uint32_t readSourceAddress(const std::uint8_t* data, std::size_t size);
 std::uint32_t readHelloMessage(const std::uint8_t* data, std::size_t size);
+std::uint32_t readJoinPruneMessage(const std::uint8_t* data, std::size_t size);
 
 // The targets by name: the fuzzers' binary suffix (pimfuzz_<name>) and corpus directory.
-inline constexpr std::string_view kTargetNames[] = {"readHeader", "readUnicastAddress",
+inline constexpr std::string_view kTargetNames[] = {"readHeader",       "readUnicastAddress",
                                                     "readGroupAddress", "readSourceAddress",
-                                                    "readHelloMessage"};
+                                                    "readHelloMessage", "readJoinPruneMessage"};
 
 // Valid inputs for a target, built with the codec's writers plus a few by hand: the
 // fuzzers' seed corpus and the fixed inputs of the regression test. Each is accepted by

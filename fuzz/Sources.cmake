@@ -1,7 +1,7 @@
 # The fuzz targets' sources, shared by fuzz/CMakeLists.txt (one libFuzzer binary each) and
 # tests/CMakeLists.txt (FuzzRegressionTest links them all and replays inputs).
 set(PIM_FUZZ_TARGETS readHeader readUnicastAddress readGroupAddress readSourceAddress
-    readHelloMessage)
+    readHelloMessage readJoinPruneMessage)
 set(PIM_FUZZ_SUPPORT_SOURCES ${CMAKE_CURRENT_LIST_DIR}/FuzzInput.cpp)
 set(PIM_FUZZ_TARGET_SOURCES "")
 foreach(t ${PIM_FUZZ_TARGETS})

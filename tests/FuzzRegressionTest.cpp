@@ -28,6 +28,7 @@ constexpr NamedTarget kTargets[] = {
     {"readGroupAddress", &PimFuzz::readGroupAddress},
     {"readSourceAddress", &PimFuzz::readSourceAddress},
     {"readHelloMessage", &PimFuzz::readHelloMessage},
+    {"readJoinPruneMessage", &PimFuzz::readJoinPruneMessage},
 };
 static_assert(std::size(kTargets) == std::size(PimFuzz::kTargetNames));
 

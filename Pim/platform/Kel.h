@@ -508,4 +508,76 @@ void parseValue(const char* begin, const char* end, T& v) {
   if (!in.atEnd()) throwParseError(T::kTypeName, "Value");
 }
 
+// ---------------------------------------------------------------------------------------
+// Attribute log output (NboAttrLog): attribute changes of state objects streamed in
+// network byte order to an external collector over a connected stream socket.
+//
+// Each record is big-endian and self-delimiting:
+//   u32 record length (these 4 bytes included) | u16 n, path | u16 n, attribute |
+//   u32 n, value bytes
+// The socket is non-blocking; what it does not take now waits in the output's buffer and
+// goes out on the next attrIs() or flush(). clogged() is true while the unsent bytes are
+// above the high-water mark: the receive loop stops reading packets then, so that a slow
+// collector slows the agent instead of growing its memory. A send error other than
+// EAGAIN (collector gone) is traced and counted, the unsent bytes are dropped, and the
+// output stays failed (not clogged: a dead collector must not stop the agent).
+//
+// Threading: event-loop thread only.
+//
+// Usage:
+//   int sv[2]; socketpair(AF_UNIX, SOCK_STREAM, 0, sv);
+//   auto out = Kel::NboAttrLog::socketOutSmFactory("attrlog", sv[0], 64 * 1024);
+//   out->attrIs("routing/pim/status/default", "holdTime", bytes);
+//   if (out->clogged()) { /* stop reading; call out->flush() when the socket drains */ }
+namespace NboAttrLog {
+
+class SocketOutSm : public Entity {
+ public:
+  static constexpr std::string_view kTypeName = "Kel::NboAttrLog::SocketOutSm";
+
+  class NotifieeConst : public BaseNotifiee<SocketOutSm, NotifieeConst> {
+   public:
+    virtual void onClogged() {}
+  };
+  void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
+
+  // Takes ownership of fd (closed on destruction) and makes it non-blocking.
+  SocketOutSm(Name name, int fd, std::size_t highWater);
+  ~SocketOutSm() override;
+  SocketOutSm(const SocketOutSm&) = delete;
+  SocketOutSm& operator=(const SocketOutSm&) = delete;
+
+  int fd() const noexcept { return fd_; }
+  std::size_t highWater() const noexcept { return highWater_; }
+  // Queues one record and sends what the socket takes. Dropped (and counted) once failed.
+  void attrIs(std::string_view path, std::string_view attribute, std::string_view value) noexcept;
+  // Sends what the socket takes of the unsent bytes; returns the bytes sent.
+  std::size_t flush() noexcept;
+
+  std::size_t unsentBytes() const noexcept { return buf_.size() - head_; }
+  bool clogged() const noexcept { return clogged_; }
+  bool failed() const noexcept { return failed_; }
+  std::uint64_t records() const noexcept { return records_; }
+  std::uint64_t recordsDropped() const noexcept { return recordsDropped_; }
+  std::uint64_t sendErrors() const noexcept { return sendErrors_; }
+
+ private:
+  void cloggedIs(bool c);
+  int fd_;
+  std::size_t highWater_;
+  std::vector<char> buf_;
+  std::size_t head_ = 0;  // first unsent byte of buf_
+  bool clogged_ = false;
+  bool failed_ = false;
+  std::uint64_t records_ = 0;
+  std::uint64_t recordsDropped_ = 0;
+  std::uint64_t sendErrors_ = 0;
+  NotifieeList<NotifieeConst> notifiees_;
+};
+
+Ptr<SocketOutSm> socketOutSmFactory(const Name& name, int fd, std::size_t highWater);
+
+}  // namespace NboAttrLog
+
 }  // namespace Kel

@@ -132,6 +132,14 @@ bool IpGenPrefix::contains(const IpGenAddr& a) const noexcept {
   return host.masked().addr_ == masked().addr_;
 }
 
+bool IpGenPrefix::overlaps(const IpGenPrefix& o) const noexcept {
+  if (o.af() != af()) return false;
+  // Both cut to the shorter length: equal networks then.
+  IpGenPrefix a = *this, b = o;
+  a.len_ = b.len_ = std::min(len_, o.len_);
+  return a.masked().addr_ == b.masked().addr_;
+}
+
 std::string IpGenPrefix::str() const {
   if (!addr_.isSet()) return "None";
   return fmt::format("{}/{}", addr_.str(), len_);

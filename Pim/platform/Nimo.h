@@ -127,6 +127,8 @@ class IpGenPrefix {
   bool isHost() const noexcept { return addr_.isSet() && len_ == addr_.byteLength() * 8; }
   IpGenPrefix masked() const noexcept;
   bool contains(const IpGenAddr& a) const noexcept;
+  // Same family, and one prefix contains the other.
+  bool overlaps(const IpGenPrefix& o) const noexcept;
   std::string str() const;
   std::uint32_t hash() const noexcept;
 

@@ -2,6 +2,10 @@
 //
 // - Routing::Pim::Mode: PIM mode of an interface or group range. 1 sparse, 2 bidirectional,
 //   3 both (an interface may run both), 0 none.
+// - JoinPruneData: what a Join/Prune carries for one upstream neighbour, group by group
+//   (JoinPruneGroupData, whose pruned (S,G,rpt) part is RptPrunedGroupData), with the
+//   Bookmark where a writer stopped and SourceFlags, the kind of an encoded source. See
+//   the section's own comment below.
 // - DrPriorityOption, GenerationIdOption, LanPruneDelayOption: Hello option values as a
 //   neighbour sent them, with their presence (a Hello may omit any option, RFC 7761 4.9.2).
 //   LanPruneDelayOption keeps the option's first 16-bit word raw (T bit and propagation
@@ -24,14 +28,18 @@
 //       true, 500, 2500);                           // lpd.implPropagationDelay() == 0x81f4
 #pragma once
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <cstring>
 #include <map>
+#include <optional>
 #include <ostream>
 #include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 #include "Pim/platform/Kel.h"
 #include "Pim/platform/Nimo.h"
@@ -168,6 +176,369 @@ inline std::ostream& operator<<(std::ostream& os, const LanPruneDelayOption& o) 
             << ", propagationDelay=" << o.propagationDelay()
             << ", overrideInterval=" << o.overrideInterval() << "}";
 }
+
+// ---------------------------------------------------------------------------------------
+// Join/prune data: the groups and sources one Join/Prune carries to one upstream
+// neighbour, as the agent fills it for sending and as the codec fills it on receipt.
+//
+// Per group there are four source collections, (S,G) joins, (S,G,rpt) joins, (S,G) prunes
+// and (S,G,rpt) prunes, and at most one (*,G) entry (its RP, join or prune). Joins carry a
+// suppression mark that the agent's join suppression sets; the writer drops marked joins.
+//
+// Containers: each source collection is a sorted flat vector (SourceSet), 24 bytes a
+// source. A message is read in wire order; when that is ascending (our writer's order),
+// inserting is an append after one comparison, otherwise a binary search and a move. The
+// writer drains a collection from a position onwards in one erase. A node per source
+// would cost more than parsing the source. Groups are a std::map by prefix: one node per
+// group is small beside its sources, and the writer needs their order to resume from a
+// bookmark.
+//
+// Usage:
+//   auto jp = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
+//   jp->holdTimeIs(210);
+//   auto& g = jp->joinPruneGroupDataIs(Nimo::IpGenPrefix("239.1.1.1/32"));
+//   g.joinedSourceIs(Nimo::IpGenAddr("10.0.0.5"));
+//   g.wcSourceDataIs(Routing::Pim::WcSourceData(Nimo::IpGenAddr("10.0.0.100"), true));
+//   g.joinSuppressSourceIs(Nimo::IpGenAddr("10.0.0.5"));  // the writer will skip it
+
+// The flags byte of an Encoded-Source address: S (sparse), W (wildcard), R (RPT).
+class SourceFlags {
+ public:
+  static constexpr std::uint8_t kSparse = 0x04;
+  static constexpr std::uint8_t kWildcard = 0x02;
+  static constexpr std::uint8_t kRpt = 0x01;
+
+  constexpr SourceFlags() noexcept = default;
+  constexpr explicit SourceFlags(std::uint8_t v) noexcept : value_(v) {}
+  // What a sparse-mode sender puts on the wire for each kind.
+  static constexpr SourceFlags sg() noexcept { return SourceFlags(kSparse); }
+  static constexpr SourceFlags sgRpt() noexcept { return SourceFlags(kSparse | kRpt); }
+  static constexpr SourceFlags starG() noexcept { return SourceFlags(kSparse | kWildcard | kRpt); }
+
+  constexpr std::uint8_t value() const noexcept { return value_; }
+  constexpr bool isStarG() const noexcept { return (value_ & kWcRpt) == kWcRpt; }
+  constexpr bool isSgRpt() const noexcept { return (value_ & kWcRpt) == kRpt; }
+  constexpr bool isSg() const noexcept { return (value_ & kWcRpt) == 0; }
+  // W without R names nothing.
+  constexpr bool isInvalid() const noexcept { return (value_ & kWcRpt) == kWildcard; }
+
+ private:
+  static constexpr std::uint8_t kWcRpt = kWildcard | kRpt;
+  std::uint8_t value_ = 0;
+};
+
+// One source of a set. The address is kept as 16 bytes ahead of its family, so that the
+// next insertion compares against exactly what the last one stored (an IpGenAddr there
+// would put the bytes at an odd offset, and reading them back stalls on every source).
+class SourceEntry {
+ public:
+  SourceEntry(const Nimo::IpGenAddr& a, bool suppressed) noexcept
+      : af_(a.af()), suppressed_(suppressed) {
+    std::memcpy(bytes_, a.bytes(), sizeof bytes_);
+  }
+  Nimo::IpGenAddr address() const noexcept { return Nimo::IpGenAddr(af_, bytes_); }
+  bool suppressed() const noexcept { return suppressed_; }
+  friend bool operator==(const SourceEntry& a, const SourceEntry& b) noexcept {
+    return a.af_ == b.af_ && a.suppressed_ == b.suppressed_ &&
+           std::memcmp(a.bytes_, b.bytes_, sizeof a.bytes_) == 0;
+  }
+
+ private:
+  friend class SourceSet;
+  // Family, then bytes as a big-endian number: IpGenAddr's order.
+  static bool less(Nimo::AddressFamily af, const std::uint8_t* b, Nimo::AddressFamily otherAf,
+                   const std::uint8_t* other) noexcept {
+    if (af != otherAf) return af < otherAf;
+    std::uint64_t x[2], y[2];
+    std::memcpy(x, b, 16);
+    std::memcpy(y, other, 16);
+    const std::uint64_t x0 = __builtin_bswap64(x[0]), y0 = __builtin_bswap64(y[0]);
+    if (x0 != y0) return x0 < y0;
+    return __builtin_bswap64(x[1]) < __builtin_bswap64(y[1]);
+  }
+  bool less(const Nimo::IpGenAddr& a) const noexcept {
+    return less(af_, bytes_, a.af(), a.bytes());
+  }
+  bool less(const SourceEntry& o) const noexcept { return less(af_, bytes_, o.af_, o.bytes_); }
+  bool is(const Nimo::IpGenAddr& a) const noexcept {
+    return af_ == a.af() && std::memcmp(bytes_, a.bytes(), sizeof bytes_) == 0;
+  }
+  bool is(const SourceEntry& o) const noexcept {
+    return af_ == o.af_ && std::memcmp(bytes_, o.bytes_, sizeof bytes_) == 0;
+  }
+  alignas(8) std::uint8_t bytes_[16];
+  Nimo::AddressFamily af_;
+  bool suppressed_;
+};
+
+// A set of sources kept as a sorted vector. An insertion out of order is appended and the
+// vector sorted (duplicates dropped, the first kept) on the next lookup or walk: a message
+// whose sources come in descending order then costs one sort, not a move per source.
+class SourceSet {
+ public:
+  using const_iterator = std::vector<SourceEntry>::const_iterator;
+
+  std::size_t size() const noexcept { return settled().size(); }
+  bool empty() const noexcept { return v_.empty(); }
+  const_iterator begin() const noexcept { return settled().begin(); }
+  const_iterator end() const noexcept { return settled().end(); }
+  const SourceEntry& operator[](std::size_t i) const noexcept { return settled()[i]; }
+  void reserve(std::size_t n) { v_.reserve(n); }
+
+  // An address already there stays as it is (suppression mark included).
+  void insert(const Nimo::IpGenAddr& a) {
+    if (!v_.empty()) {
+      if (v_.back().is(a)) return;
+      if (!v_.back().less(a)) sorted_ = false;
+    }
+    v_.push_back(SourceEntry(a, false));
+  }
+  bool erase(const Nimo::IpGenAddr& a) noexcept {
+    auto it = lower(a);
+    if (it == v_.end() || !it->is(a)) return false;
+    v_.erase(it);
+    return true;
+  }
+  // Removes the entries [first, last) by index.
+  void eraseRange(std::size_t first, std::size_t last) noexcept {
+    settled();
+    v_.erase(v_.begin() + static_cast<std::ptrdiff_t>(first),
+             v_.begin() + static_cast<std::ptrdiff_t>(last));
+  }
+  void clear() noexcept {
+    v_.clear();
+    sorted_ = true;
+  }
+  bool contains(const Nimo::IpGenAddr& a) const noexcept { return find(a) != nullptr; }
+  const SourceEntry* find(const Nimo::IpGenAddr& a) const noexcept {
+    auto it = const_cast<SourceSet*>(this)->lower(a);
+    return it != v_.end() && it->is(a) ? &*it : nullptr;
+  }
+  // Index of the first entry not below a.
+  std::size_t lowerBound(const Nimo::IpGenAddr& a) const noexcept {
+    return static_cast<std::size_t>(const_cast<SourceSet*>(this)->lower(a) - v_.begin());
+  }
+  bool suppressedIs(const Nimo::IpGenAddr& a, bool s) noexcept {
+    auto it = lower(a);
+    if (it == v_.end() || !it->is(a)) return false;
+    it->suppressed_ = s;
+    return true;
+  }
+  friend bool operator==(const SourceSet& a, const SourceSet& b) noexcept {
+    return a.settled() == b.settled();
+  }
+
+ private:
+  // Sorts without allocating. Of equal addresses the first is kept, and it carries the
+  // suppression mark if any does: appended repeats are never marked, so that is the mark
+  // of the entry that was there first.
+  const std::vector<SourceEntry>& settled() const noexcept {
+    if (!sorted_) {
+      std::sort(v_.begin(), v_.end(), [](const SourceEntry& x, const SourceEntry& y) {
+        if (x.is(y)) return x.suppressed_ && !y.suppressed_;
+        return x.less(y);
+      });
+      v_.erase(std::unique(v_.begin(), v_.end(),
+                           [](const SourceEntry& x, const SourceEntry& y) { return x.is(y); }),
+               v_.end());
+      sorted_ = true;
+    }
+    return v_;
+  }
+  std::vector<SourceEntry>::iterator lower(const Nimo::IpGenAddr& a) noexcept {
+    settled();
+    return std::lower_bound(
+        v_.begin(), v_.end(), a,
+        [](const SourceEntry& e, const Nimo::IpGenAddr& x) { return e.less(x); });
+  }
+  // Mutable: sorting a pending tail changes no value, only its order in memory.
+  mutable std::vector<SourceEntry> v_;
+  mutable bool sorted_ = true;
+};
+
+// The (*,G) entry of a group: the RP, joined or pruned.
+class WcSourceData {
+ public:
+  WcSourceData() noexcept = default;
+  WcSourceData(const Nimo::IpGenAddr& rp, bool join) noexcept : rp_(rp), join_(join) {}
+  const Nimo::IpGenAddr& rp() const noexcept { return rp_; }
+  bool join() const noexcept { return join_; }
+  bool wcSuppressed() const noexcept { return wcSuppressed_; }
+  void wcSuppressedIs(bool s) noexcept { wcSuppressed_ = s; }
+  friend bool operator==(const WcSourceData&, const WcSourceData&) = default;
+
+ private:
+  Nimo::IpGenAddr rp_;
+  bool join_ = true;
+  bool wcSuppressed_ = false;
+};
+
+// The four source collections, in the order a writer packs them (the (*,G) entry goes
+// between the joins and the prunes).
+enum class SourceCollection : std::uint8_t { JoinedRpt = 0, Joined = 1, PrunedRpt = 2, Pruned = 3 };
+
+// A group's pruned (S,G,rpt) sources: the part of a group that RPT-prune state shares.
+class RptPrunedGroupData {
+ public:
+  const SourceSet& prunedRptSource() const noexcept { return prunedRpt_; }
+  void prunedRptSourceIs(const Nimo::IpGenAddr& s) { prunedRpt_.insert(s); }
+  bool prunedRptSourceDel(const Nimo::IpGenAddr& s) { return prunedRpt_.erase(s); }
+  void prunedRptSourceDelAll() noexcept { prunedRpt_.clear(); }
+  friend bool operator==(const RptPrunedGroupData&, const RptPrunedGroupData&) = default;
+
+ protected:
+  SourceSet prunedRpt_;
+};
+
+class JoinPruneGroupData : public RptPrunedGroupData {
+ public:
+  // The Encoded-Group flags byte (B, Z) as received or to be sent.
+  std::uint8_t groupFlags() const noexcept { return groupFlags_; }
+  void groupFlagsIs(std::uint8_t f) noexcept { groupFlags_ = f; }
+
+  const SourceSet& joinedSource() const noexcept { return joined_; }
+  void joinedSourceIs(const Nimo::IpGenAddr& s) { joined_.insert(s); }
+  bool joinedSourceDel(const Nimo::IpGenAddr& s) { return joined_.erase(s); }
+  void joinedSourceDelAll() noexcept { joined_.clear(); }
+
+  const SourceSet& joinedRptSource() const noexcept { return joinedRpt_; }
+  void joinedRptSourceIs(const Nimo::IpGenAddr& s) { joinedRpt_.insert(s); }
+  bool joinedRptSourceDel(const Nimo::IpGenAddr& s) { return joinedRpt_.erase(s); }
+  void joinedRptSourceDelAll() noexcept { joinedRpt_.clear(); }
+
+  const SourceSet& prunedSource() const noexcept { return pruned_; }
+  void prunedSourceIs(const Nimo::IpGenAddr& s) { pruned_.insert(s); }
+  bool prunedSourceDel(const Nimo::IpGenAddr& s) { return pruned_.erase(s); }
+  void prunedSourceDelAll() noexcept { pruned_.clear(); }
+
+  const std::optional<WcSourceData>& wcSourceData() const noexcept { return wc_; }
+  void wcSourceDataIs(const WcSourceData& w) noexcept { wc_ = w; }
+  void wcSourceDataDel() noexcept { wc_.reset(); }
+  void wcSuppressedIs(bool s) noexcept {
+    if (wc_) wc_->wcSuppressedIs(s);
+  }
+
+  // Join suppression: marks (or unmarks) the (S,G) and (S,G,rpt) joins of s. False when
+  // s has neither.
+  bool joinSuppressSourceIs(const Nimo::IpGenAddr& s) noexcept { return suppress(s, true); }
+  bool joinSuppressSourceDel(const Nimo::IpGenAddr& s) noexcept { return suppress(s, false); }
+
+  bool empty() const noexcept {
+    return joined_.empty() && joinedRpt_.empty() && pruned_.empty() && prunedRpt_.empty() && !wc_;
+  }
+  // Number of entries, the (*,G) one included.
+  std::size_t routes() const noexcept {
+    return joined_.size() + joinedRpt_.size() + pruned_.size() + prunedRpt_.size() + (wc_ ? 1 : 0);
+  }
+
+  SourceSet& sourceSet(SourceCollection c) noexcept {
+    switch (c) {
+      case SourceCollection::JoinedRpt:
+        return joinedRpt_;
+      case SourceCollection::Joined:
+        return joined_;
+      case SourceCollection::PrunedRpt:
+        return prunedRpt_;
+      case SourceCollection::Pruned:
+        break;
+    }
+    return pruned_;
+  }
+  const SourceSet& sourceSet(SourceCollection c) const noexcept {
+    return const_cast<JoinPruneGroupData*>(this)->sourceSet(c);
+  }
+
+  friend bool operator==(const JoinPruneGroupData&, const JoinPruneGroupData&) = default;
+
+ private:
+  bool suppress(const Nimo::IpGenAddr& s, bool on) noexcept {
+    const bool a = joined_.suppressedIs(s, on);
+    const bool b = joinedRpt_.suppressedIs(s, on);
+    return a || b;
+  }
+  std::uint8_t groupFlags_ = 0;
+  SourceSet joined_;
+  SourceSet joinedRpt_;
+  SourceSet pruned_;
+  std::optional<WcSourceData> wc_;
+};
+
+class JoinPruneData : public Kel::PtrInterface {
+ public:
+  // Where a writer stopped: the entry that did not fit.
+  class Bookmark {
+   public:
+    enum class Collection : std::uint8_t { StarG, SgRpt, Sg, Unknown };
+    enum class Type : std::uint8_t { Join, Prune };
+
+    Bookmark() noexcept = default;
+    Bookmark(const Nimo::IpGenPrefix& group, const Nimo::IpGenAddr& source, Collection c,
+             Type t) noexcept
+        : group_(group), source_(source), collection_(c), type_(t) {}
+    const Nimo::IpGenPrefix& group() const noexcept { return group_; }
+    const Nimo::IpGenAddr& source() const noexcept { return source_; }
+    Collection collection() const noexcept { return collection_; }
+    Type type() const noexcept { return type_; }
+    friend bool operator==(const Bookmark&, const Bookmark&) = default;
+
+   private:
+    Nimo::IpGenPrefix group_;
+    Nimo::IpGenAddr source_;
+    Collection collection_ = Collection::Unknown;
+    Type type_ = Type::Join;
+  };
+  using GroupMap = std::map<Nimo::IpGenPrefix, JoinPruneGroupData>;
+
+  // The neighbour the message is addressed to (its Upstream Neighbor Address field).
+  const Nimo::IpGenAddr& upstreamNeighbor() const noexcept { return upstreamNeighbor_; }
+  void upstreamNeighborIs(const Nimo::IpGenAddr& a) noexcept { upstreamNeighbor_ = a; }
+  std::uint16_t holdTime() const noexcept { return holdTime_; }
+  void holdTimeIs(std::uint16_t h) noexcept { holdTime_ = h; }
+  // The byte after the upstream address, kept as received.
+  std::uint8_t reserved2() const noexcept { return reserved2_; }
+  void reserved2Is(std::uint8_t r) noexcept { reserved2_ = r; }
+  // A periodic refresh, as opposed to a triggered message; a (*,G) prune has no place in one.
+  bool periodic() const noexcept { return periodic_; }
+  void periodicIs(bool p) noexcept { periodic_ = p; }
+
+  const GroupMap& joinPruneGroupData() const noexcept { return groups_; }
+  GroupMap& joinPruneGroupData() noexcept { return groups_; }
+  const JoinPruneGroupData* joinPruneGroupData(const Nimo::IpGenPrefix& g) const noexcept {
+    auto it = groups_.find(g);
+    return it == groups_.end() ? nullptr : &it->second;
+  }
+  // The group's data, created empty if absent.
+  JoinPruneGroupData& joinPruneGroupDataIs(const Nimo::IpGenPrefix& g) { return groups_[g]; }
+  void joinPruneGroupDataDel(const Nimo::IpGenPrefix& g) { groups_.erase(g); }
+
+  const std::optional<Bookmark>& bookmark() const noexcept { return bookmark_; }
+  void bookmarkIs(const Bookmark& b) noexcept { bookmark_ = b; }
+  void bookmarkDel() noexcept { bookmark_.reset(); }
+
+  bool empty() const noexcept { return groups_.empty(); }
+  std::size_t routes() const noexcept {
+    std::size_t n = 0;
+    for (const auto& [g, d] : groups_) n += d.routes();
+    return n;
+  }
+
+  friend bool operator==(const JoinPruneData& a, const JoinPruneData& b) noexcept {
+    return a.upstreamNeighbor_ == b.upstreamNeighbor_ && a.holdTime_ == b.holdTime_ &&
+           a.reserved2_ == b.reserved2_ && a.periodic_ == b.periodic_ && a.groups_ == b.groups_ &&
+           a.bookmark_ == b.bookmark_;
+  }
+
+ private:
+  Nimo::IpGenAddr upstreamNeighbor_;
+  std::uint16_t holdTime_ = 0;
+  std::uint8_t reserved2_ = 0;
+  bool periodic_ = false;
+  GroupMap groups_;
+  std::optional<Bookmark> bookmark_;
+};
+
+// "Bookmark: (239.1.1.1/32, 10.0.0.5) Collection: (S,G) Type: join"
+std::ostream& operator<<(std::ostream& os, const JoinPruneData::Bookmark& b);
 
 }  // namespace Routing::Pim
 
