@@ -59,6 +59,8 @@ constexpr std::string_view kBadType = "RX: Error - Invalid Pim Message - Type: "
 constexpr std::string_view kUnsupported = "RX: Error - Unsupported Pim Message - Type: ";
 constexpr std::string_view kNoMessageInfo = "RX: Error - No Message Info - Type: ";
 constexpr std::string_view kHelloReadError = "RX: Error - Invalid Pim Hello - Read Error";
+constexpr std::string_view kJoinPruneReadError = "RX: Error - Invalid Pim Join/Prune - Read Error";
+constexpr std::string_view kJoinPruneZeroGroups = "RX: Filtered - Pim Join/Prune - Zero Groups";
 
 constexpr std::uint8_t kMessageSubtypeNone = 255;
 
@@ -142,6 +144,15 @@ class IOSm::StatusReactor : public Routing::Pim::Status::NotifieeConst {
   IOSm& owner_;
 };
 
+class IOSm::AttrLogReactor : public Kel::NboAttrLog::SocketOutSm::NotifieeConst {
+ public:
+  explicit AttrLogReactor(IOSm& o) : owner_(o) {}
+  void onClogged() override { owner_.handleAttrLogClogged(); }
+
+ private:
+  IOSm& owner_;
+};
+
 // ---------------------------------------------------------------------------------------
 // Construction and inputs.
 
@@ -153,7 +164,8 @@ IOSm::IOSm(const L3::VrfName& vrf, Ulm::EventLoop& loop)
       pamManagerReactor_(std::make_unique<PamManagerReactor>(*this)),
       pamReactor_(std::make_unique<PamReactor>(*this)),
       intfDirReactor_(std::make_unique<IntfDirReactor>(*this)),
-      statusReactor_(std::make_unique<StatusReactor>(*this)) {}
+      statusReactor_(std::make_unique<StatusReactor>(*this)),
+      attrLogReactor_(std::make_unique<AttrLogReactor>(*this)) {}
 
 IOSm::~IOSm() {
   if (pimPamManager_ && pimPamManager_->pam()) pimPamManager_->pam()->loopIs(nullptr);
@@ -181,6 +193,23 @@ void IOSm::handlePam() {
   pam->loopIs(&loop_);
 }
 
+void IOSm::pimAttrLogSmIs(const Kel::Ptr<Routing::Pim::PimAttrLogSm>& a) {
+  pimAttrLogSm_ = a;
+  attrLogReactor_->notifierIs(a ? a->nboAttrLogOutSm() : nullptr);
+}
+
+bool IOSm::isAttrLogOutClogged() const noexcept {
+  return pimAttrLogSm_ && pimAttrLogSm_->nboAttrLogOutSm() &&
+         pimAttrLogSm_->nboAttrLogOutSm()->clogged();
+}
+
+void IOSm::handleAttrLogClogged() {
+  if (!initialized_ || !pimPamManager_ || !pimPamManager_->pam()) return;
+  if (isAttrLogOutClogged()) return;  // the receive loop unwatches when it meets the clog
+  pimPamManager_->pam()->loopIs(&loop_);
+  rxPkt();
+}
+
 void IOSm::pimStatusIs(const Kel::Ptr<Routing::Pim::Status>& s) {
   pimStatus_ = s;
   statusReactor_->notifierIs(s);
@@ -204,6 +233,9 @@ void IOSm::handleInitialized() {
   KEL_ASSERT(pimPamManager_);
   FLICK_TRACE(ioTrace(), 4, "{} Enabling Pam {}", prefix(), vrf_.name());
   handleInterface();
+  mcastBoundary_ = mcastBoundaryStatus_
+                       ? Routing::Pim::Boundary::mcastBoundaryFactory(name(), mcastBoundaryStatus_)
+                       : nullptr;
   initialized_ = true;
   handlePamFilter();
   if (pimPamManager_->pam()) pimPamManager_->pam()->loopIs(&loop_);
@@ -430,7 +462,12 @@ void IOSm::rxPkt() {
   PamCounter& counter = *pimPamManager_->rxPamCounter();
   const Kel::Clock& clock = *loop_.clock();
   const Kel::Time start = clock.now();
-  while (clock.now() - start < loopQuantum_ && !(attrLogClogged_ && attrLogClogged_())) {
+  while (clock.now() - start < loopQuantum_) {
+    if (isAttrLogOutClogged()) {
+      // Level-triggered: a watched socket would wake the loop at once, again and again.
+      pam.loopIs(nullptr);
+      break;
+    }
     Kel::Ptr<Nimo::Pkt> pkt = pam.rxPkt();
     if (!pkt) break;
     counter.countInc();
@@ -468,6 +505,8 @@ bool IOSm::processPkt(const Kel::Ptr<RxPktContext>& c) {
   switch (h.type()) {
     case 0:
       return processHelloMessage(ctx);
+    case 3:
+      return processJoinPruneMessage(ctx);
     default:
       // The readers of the other types arrive with the rest of the codec.
       FLICK_TRACE(ioTrace(), 1, "{} {}{}", prefix(), kUnsupported, h.type());
@@ -692,6 +731,28 @@ bool IOSm::processHelloMessage(RxPktContext& ctx) {
   }
   ctx.remainingIs(0);
   return deliver(ctx, kMessageSubtypeNone, hello);
+}
+
+bool IOSm::processJoinPruneMessage(RxPktContext& ctx) {
+  auto jp = Kel::Ptr<Packet::JoinPruneMessage>::make();
+  jp->srcIpIs(ctx.ipHdr().src);
+  jp->dstIpIs(ctx.ipHdr().dst);
+  Kel::Ptr<Routing::Pim::Boundary::IntfBoundary> boundary;
+  if (mcastBoundaryStatus_) {
+    auto s =
+        mcastBoundaryStatus_->softwareBoundaryStatus(Kel::Name(std::string(ctx.intfId().name())));
+    if (s) boundary = Routing::Pim::Boundary::intfBoundaryFactory(s);
+  }
+  if (!jp->readJoinPruneMessage(ctx.pkt(), ctx.ipHdr().headerLength, boundary)) {
+    FLICK_TRACE(ioTrace(), 1, "{} {}", prefix(), kJoinPruneReadError);
+    return drop(ctx, MessageCounterType::invalid);
+  }
+  ctx.remainingIs(0);
+  if (jp->joinPruneData()->empty()) {
+    FLICK_TRACE(ioTrace(), 5, "{} {}", prefix(), kJoinPruneZeroGroups);
+    return drop(ctx, MessageCounterType::filtered);
+  }
+  return deliver(ctx, kMessageSubtypeNone, jp);
 }
 
 bool IOSm::neighborFiltered(MessageType, const Nimo::IpGenAddr& src, const Nimo::IntfId& intf) {

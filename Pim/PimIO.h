@@ -18,6 +18,8 @@
 //   pimConfigColl, aclConfig   neighbour filter per interface and its ACL
 //   serviceAclFilterSm   the VRF's service ACL
 //   pimCounters          the message counter table (a Drobe writer)
+//   pimAttrLogSm         attribute-log output                 onClogged -> handleAttrLogClogged
+//   mcastBoundaryStatus  boundaries for Join/Prune, Assert, Bootstrap groups
 // Timer: unresTimer on the loop's wheel -> handleUnresolvedPackets.
 // Socket: the pam's readableCount -> rxPkt.
 //
@@ -41,6 +43,8 @@
 //   form's containers) plus a fixed overhead, and a new queue its own overhead; a message
 //   that would pass the bound is dropped, traced and counted rx/invalid.
 // - loopQuantum defaults to 10 ms.
+// - A Join/Prune left without groups, on the wire or after the boundary dropped them all,
+//   is "RX: Filtered - Pim Join/Prune - Zero Groups".
 // - With no registered message type the filter is the prefix, reject, accept: everything
 //   is rejected.
 //
@@ -63,7 +67,9 @@
 #include <map>
 #include <optional>
 
+#include "Pim/PimAttrLogSm.h"
 #include "Pim/PimDrobe.h"
+#include "Pim/PimMcastBoundary.h"
 #include "Pim/PimMessage.h"
 #include "Pim/PimPam.h"
 #include "Pim/platform/PimCore.h"
@@ -254,8 +260,25 @@ class IOSm : public Kel::Entity {
   void unresMaxBytesIs(std::uint64_t b) noexcept { unresMaxBytes_ = b; }
   // Bytes charged by the queues now.
   std::uint64_t unresBytes() const noexcept { return unresBytes_; }
-  // Hook for the receive loop's back-pressure: true while the attribute log is clogged.
-  void attrLogCloggedIs(std::function<bool()> f) { attrLogClogged_ = std::move(f); }
+  // The attribute log's output: while it is clogged the receive loop reads nothing and the
+  // socket is not watched (its packets wait in the kernel); unclogging drains it again.
+  const Kel::Ptr<Routing::Pim::PimAttrLogSm>& pimAttrLogSm() const noexcept {
+    return pimAttrLogSm_;
+  }
+  void pimAttrLogSmIs(const Kel::Ptr<Routing::Pim::PimAttrLogSm>& a);
+  void handleAttrLogClogged();
+  bool isAttrLogOutClogged() const noexcept;
+  // Multicast boundaries: the platform's status, and the view built on it at
+  // initialisation that the message handlers ask.
+  const Kel::Ptr<const Routing::McastBoundary::Status>& mcastBoundaryStatus() const noexcept {
+    return mcastBoundaryStatus_;
+  }
+  void mcastBoundaryStatusIs(const Kel::Ptr<const Routing::McastBoundary::Status>& s) {
+    mcastBoundaryStatus_ = s;
+  }
+  const Kel::Ptr<Routing::Pim::Boundary::McastBoundary>& mcastBoundary() const noexcept {
+    return mcastBoundary_;
+  }
 
   // Memberships: interface -> kernel index used.
   const std::map<Nimo::IntfId, std::uint32_t>& allPimRoutersMember() const noexcept {
@@ -282,6 +305,7 @@ class IOSm : public Kel::Entity {
   bool validateRxDstAddress(RxPktContext& ctx);
   bool validateRxSrcAddress(RxPktContext& ctx);
   bool processHelloMessage(RxPktContext& ctx);
+  bool processJoinPruneMessage(RxPktContext& ctx);
   bool neighborFiltered(Packet::MessageType type, const Nimo::IpGenAddr& src,
                         const Nimo::IntfId& intf);
   // subtype 255 (or any value outside 0-254) means none.
@@ -306,6 +330,7 @@ class IOSm : public Kel::Entity {
   class PamReactor;
   class IntfDirReactor;
   class StatusReactor;
+  class AttrLogReactor;
 
   std::string prefix() const;
   bool drop(const RxPktContext& ctx, MessageCounterType ct, int subtype = 255);
@@ -329,7 +354,9 @@ class IOSm : public Kel::Entity {
   Kel::Ptr<Interface::IntfStatusDir> kernelIntfStatusDir_;
   Kel::Ptr<const Interface::IntfStatusDir> allIntfStatusDir_;
   Kel::Ptr<const Acl::ServiceAclFilterSm> serviceAclFilterSm_;
-  std::function<bool()> attrLogClogged_;
+  Kel::Ptr<Routing::Pim::PimAttrLogSm> pimAttrLogSm_;
+  Kel::Ptr<const Routing::McastBoundary::Status> mcastBoundaryStatus_;
+  Kel::Ptr<Routing::Pim::Boundary::McastBoundary> mcastBoundary_;
 
   bool initialized_ = false;
   double loopQuantum_ = loopQuantumDefault;
@@ -346,6 +373,7 @@ class IOSm : public Kel::Entity {
   std::unique_ptr<PamReactor> pamReactor_;
   std::unique_ptr<IntfDirReactor> intfDirReactor_;
   std::unique_ptr<StatusReactor> statusReactor_;
+  std::unique_ptr<AttrLogReactor> attrLogReactor_;
 };
 
 Kel::Ptr<IOSm> iOSmFactory(const L3::VrfName& vrf, Ulm::EventLoop& loop);

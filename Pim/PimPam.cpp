@@ -16,7 +16,16 @@ Kel::Ptr<Packet::HelloMessage> MessageInfo::helloMessage() const noexcept {
 }
 
 void MessageInfo::helloMessageIs(const Kel::Ptr<Packet::HelloMessage>& msg) {
-  KEL_ASSERT(msg->pimMessageType() == Nimo::PimMessageType::pimHello);
+  KEL_ASSERT(msg->pimMessageType() == Nimo::pimHello());
+  message_ = msg;
+}
+
+Kel::Ptr<Packet::JoinPruneMessage> MessageInfo::joinPruneMessage() const noexcept {
+  return Kel::ptr_cast<Packet::JoinPruneMessage>(message_);
+}
+
+void MessageInfo::joinPruneMessageIs(const Kel::Ptr<Packet::JoinPruneMessage>& msg) {
+  KEL_ASSERT(msg->pimMessageType() == Nimo::pimJoinPrune());
   message_ = msg;
 }
 

@@ -120,6 +120,8 @@ class MessageInfo : public Kel::Entity {
 
   Kel::Ptr<Packet::HelloMessage> helloMessage() const noexcept;
   void helloMessageIs(const Kel::Ptr<Packet::HelloMessage>& msg);
+  Kel::Ptr<Packet::JoinPruneMessage> joinPruneMessage() const noexcept;
+  void joinPruneMessageIs(const Kel::Ptr<Packet::JoinPruneMessage>& msg);
 
  private:
   Nimo::IntfId intfId_;

@@ -1,7 +1,9 @@
 // The I/O machine through a fake socket: filter program, memberships, the ordered receive
 // checks, the receive loop's yield rules and the unresolved queue's timers.
 #include <gmock/gmock.h>
+#include <malloc.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <deque>
 #include <functional>
@@ -392,7 +394,7 @@ TEST_F(IOSmTest, CounterWithoutInterfaceTouchesOnlyAllInterfaceKeys) {
 // ---------------------------------------------------------------------------------------
 // The receive loop yields by time and by back-pressure.
 
-TEST_F(IOSmTest, LoopStopsAtQuantumAndWhileClogged) {
+TEST_F(IOSmTest, LoopStopsAtQuantumAndWhileTheAttributeLogIsClogged) {
   standard();
   for (int i = 0; i < 10; ++i) fake->push(ipPacket(kSrc, kAll, helloBytes(kSrc, kAll)), 7);
   rig.io->loopQuantumIs(0.010);
@@ -400,11 +402,146 @@ TEST_F(IOSmTest, LoopStopsAtQuantumAndWhileClogged) {
   rig.io->rxPkt();
   EXPECT_EQ(rig.mgr->rxPamCounter()->count(), 3u);  // at 0, 4 and 8 ms
   fake->onRx = nullptr;
-  int reads = 0;
-  rig.io->attrLogCloggedIs([&] { return reads++ >= 2; });
+
+  // A collector that stops reading clogs the log: nothing is read until it catches up.
+  int sv[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+  auto out = Kel::NboAttrLog::socketOutSmFactory("attrlog", sv[0], 4096);
+  rig.io->pimAttrLogSmIs(Routing::Pim::pimAttrLogSmFactory(out));
+  const std::string value(4096, 'x');
+  for (int i = 0; i < 10000 && !out->clogged(); ++i) out->attrIs("p", "a", value);
+  ASSERT_TRUE(out->clogged());
   rig.io->rxPkt();
-  EXPECT_EQ(rig.mgr->rxPamCounter()->count(), 5u);
-  EXPECT_EQ(fake->queue.size(), 5u);  // the rest waits for the next readable event
+  EXPECT_EQ(rig.mgr->rxPamCounter()->count(), 3u);
+  char buf[65536];
+  for (int i = 0; i < 100000 && out->clogged(); ++i) {
+    (void)::recv(sv[1], buf, sizeof buf, MSG_DONTWAIT);
+    out->flush();
+  }
+  EXPECT_FALSE(out->clogged());
+  EXPECT_EQ(rig.mgr->rxPamCounter()->count(), 10u);  // unclogging drained the socket
+  ::close(sv[1]);
+}
+
+// ---------------------------------------------------------------------------------------
+// The unresolved queue.
+
+Bytes joinPruneBytes(const Nimo::IpGenAddr& src, const char* group = "239.1.1.1",
+                     const char* source = "192.0.2.1") {
+  auto data = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
+  data->upstreamNeighborIs(Nimo::IpGenAddr("10.0.0.1"));
+  data->holdTimeIs(210);
+  data->joinPruneGroupDataIs(Nimo::IpGenPrefix(fmt::format("{}/32", group)))
+      .joinedSourceIs(Nimo::IpGenAddr(source));
+  Routing::Pim::Packet::JoinPruneMessage m;
+  m.srcIpIs(src);
+  m.dstIpIs(kAll);
+  m.joinPruneDataIs(data);
+  auto p = Nimo::Pkt::create(1500);
+  const std::uint32_t n = m.writeJoinPruneMessage(p, 0, nullptr);
+  return bytesOf(*p, n);
+}
+
+class UnresolvedQueueTest : public IOSmTest {
+ protected:
+  void SetUp() override {
+    IOSmTest::SetUp();
+    standard();
+    agent.notifierIs(rig.mgr->rxMessageInfo(3));
+  }
+  void send(const Nimo::IpGenAddr& src, const char* group, std::uint32_t ifIndex = 7) {
+    fake->push(ipPacket(src, kAll, joinPruneBytes(src, group)), ifIndex);
+    rig.io->rxPkt();
+  }
+  void tick(double seconds) {
+    clock->advance(seconds);
+    rig.loop.timers().runExpired();
+  }
+  struct Collect : Routing::Pim::IO::MessageInfo::NotifieeConst {
+    std::vector<std::string> groups;
+    void onCount() override {
+      groups.push_back(notifier()
+                           ->joinPruneMessage()
+                           ->joinPruneData()
+                           ->joinPruneGroupData()
+                           .begin()
+                           ->first.str());
+    }
+  } agent;
+};
+
+TEST_F(UnresolvedQueueTest, ReleasedInArrivalOrderWhenTheNeighbourAppears) {
+  send(kSrc, "239.1.1.3");
+  send(kSrc, "239.1.1.1");
+  send(kSrc, "239.1.1.2", 8);  // eth2 is not PIM: dropped before the queue
+  EXPECT_TRUE(agent.groups.empty());
+  EXPECT_TRUE(rig.io->unresTimer().armed());
+  tick(3.0);
+  // The same address on another interface releases nothing.
+  rig.status->intfIs(Nimo::IntfId("eth3"));
+  rig.status->activeNeighborIs({Nimo::IntfId("eth3"), kSrc}, 105);
+  EXPECT_TRUE(agent.groups.empty());
+  rig.status->activeNeighborIs({Nimo::IntfId("eth1"), kSrc}, 105);
+  EXPECT_THAT(agent.groups, ElementsAreArray({"239.1.1.3/32", "239.1.1.1/32"}));
+  EXPECT_EQ(rig.mgr->rxMessageInfo(3)->neighborAddr(), kSrc);
+  EXPECT_EQ(rig.rx(3, "eth1", MessageCounterType::success), 2u);
+  EXPECT_FALSE(rig.io->unresTimer().armed());
+  EXPECT_EQ(rig.io->unresBytes(), 0u);
+}
+
+TEST_F(UnresolvedQueueTest, PurgedAtTheSecondReview) {
+  send(kSrc, "239.1.1.1");
+  const double armedAt = clock->now();
+  tick(5.0);  // first review: seen once, kept
+  EXPECT_EQ(rig.io->pimUnresPktSize(), 1u);
+  tick(5.0 - 1e-3);  // one tick before the second review
+  EXPECT_EQ(rig.io->pimUnresPktSize(), 1u);
+  tick(2e-3);  // one tick after
+  EXPECT_NEAR(clock->now() - armedAt, 10.0 + 1e-3, 1e-9);
+  EXPECT_EQ(rig.io->pimUnresPktSize(), 0u);
+  EXPECT_EQ(rig.rx(3, "eth1", MessageCounterType::invalid), 1u);
+  EXPECT_THAT(lines("Pim::IO"),
+              testing::Contains(HasSubstr("Purging PIM Join/Prune packet since neighbor 10.0.0.2 "
+                                          "was not discovered yet.")));
+  EXPECT_FALSE(rig.io->unresTimer().armed());
+  EXPECT_TRUE(agent.groups.empty());
+}
+
+TEST_F(UnresolvedQueueTest, TheDepthPlusFirstMessageIsDroppedAndLogged) {
+  for (int i = 0; i < 1025; ++i) send(kSrc, "239.1.1.1");
+  EXPECT_EQ(rig.io->pimUnresPkt({kSrc, Nimo::IntfId("eth1")})->size(), 1024u);
+  EXPECT_EQ(rig.rx(3, "eth1", MessageCounterType::invalid), 1u);
+  EXPECT_THAT(lines("syslog"),
+              ElementsAreArray({HasSubstr("PIM unprocessed message queue is full for neighbor "
+                                          "10.0.0.2, message type 0x23 on VRF default.")}));
+}
+
+// 100,000 spoofed sources: the queues stop at their total bound and the rest is counted.
+TEST_F(UnresolvedQueueTest, FloodOfSpoofedSourcesStaysWithinTheTotalBound) {
+  const std::uint64_t bound = 4u << 20;
+  rig.io->unresMaxBytesIs(bound);
+  Routing::Pim::IO::ioTrace().levelIs(0);
+  const Bytes jp = joinPruneBytes(kSrc);
+  const int n = 100000;
+  const std::size_t heapBefore = ::mallinfo2().uordblks;
+  for (int i = 0; i < n; ++i) {
+    const Nimo::IpGenAddr src(Nimo::AddressFamily::ipv4,
+                              std::array<std::uint8_t, 4>{10, std::uint8_t(i >> 16),
+                                                          std::uint8_t(i >> 8), std::uint8_t(i)}
+                                  .data());
+    fake->push(ipPacket(src, kAll, withChecksum(jp, src, kAll)), 7);
+    if (i % 1000 == 999) rig.io->rxPkt();
+  }
+  rig.io->rxPkt();
+  EXPECT_LE(rig.io->unresBytes(), bound);
+#if !defined(__SANITIZE_ADDRESS__)
+  // The charge is an estimate; the heap itself must stay near the bound too (the
+  // allocator's own bookkeeping and the counter table's few entries are the slack).
+  EXPECT_LE(::mallinfo2().uordblks - heapBefore, bound + (1u << 20));
+#endif
+  const std::uint32_t queued = static_cast<std::uint32_t>(rig.io->pimUnresPktSize());
+  EXPECT_GT(queued, 0u);
+  EXPECT_EQ(queued + rig.rx(3, "eth1", MessageCounterType::invalid), std::uint32_t(n));
 }
 
 }  // namespace

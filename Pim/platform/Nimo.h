@@ -301,6 +301,15 @@ enum class PimMessageType : std::uint8_t {
   pimStateRefresh = 0x29,
   pimDfElection = 0x2A,
 };
+// The message types by name, as the exchange records' invariants spell them.
+constexpr PimMessageType pimHello() noexcept { return PimMessageType::pimHello; }
+constexpr PimMessageType pimRegister() noexcept { return PimMessageType::pimRegister; }
+constexpr PimMessageType pimRegisterStop() noexcept { return PimMessageType::pimRegisterStop; }
+constexpr PimMessageType pimJoinPrune() noexcept { return PimMessageType::pimJoinPrune; }
+constexpr PimMessageType pimBootstrap() noexcept { return PimMessageType::pimBootstrap; }
+constexpr PimMessageType pimAssert() noexcept { return PimMessageType::pimAssert; }
+constexpr PimMessageType pimCrpAdvertisement() noexcept { return PimMessageType::pimCrpAdv; }
+constexpr PimMessageType pimDfElection() noexcept { return PimMessageType::pimDfElection; }
 std::string_view pimMessageTypeName(PimMessageType t) noexcept;  // "Hello", "Unknown", ...
 std::ostream& operator<<(std::ostream& os, PimMessageType t);
 
