@@ -426,22 +426,6 @@ TEST_F(IOSmTest, LoopStopsAtQuantumAndWhileTheAttributeLogIsClogged) {
 // ---------------------------------------------------------------------------------------
 // The unresolved queue.
 
-Bytes joinPruneBytes(const Nimo::IpGenAddr& src, const char* group = "239.1.1.1",
-                     const char* source = "192.0.2.1") {
-  auto data = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
-  data->upstreamNeighborIs(Nimo::IpGenAddr("10.0.0.1"));
-  data->holdTimeIs(210);
-  data->joinPruneGroupDataIs(Nimo::IpGenPrefix(fmt::format("{}/32", group)))
-      .joinedSourceIs(Nimo::IpGenAddr(source));
-  Routing::Pim::Packet::JoinPruneMessage m;
-  m.srcIpIs(src);
-  m.dstIpIs(kAll);
-  m.joinPruneDataIs(data);
-  auto p = Nimo::Pkt::create(1500);
-  const std::uint32_t n = m.writeJoinPruneMessage(p, 0, nullptr);
-  return bytesOf(*p, n);
-}
-
 class UnresolvedQueueTest : public IOSmTest {
  protected:
   void SetUp() override {
@@ -450,7 +434,8 @@ class UnresolvedQueueTest : public IOSmTest {
     agent.notifierIs(rig.mgr->rxMessageInfo(3));
   }
   void send(const Nimo::IpGenAddr& src, const char* group, std::uint32_t ifIndex = 7) {
-    fake->push(ipPacket(src, kAll, joinPruneBytes(src, group)), ifIndex);
+    fake->push(ipPacket(src, kAll, joinPruneBytes(src, kAll, fmt::format("{}/32", group).c_str())),
+               ifIndex);
     rig.io->rxPkt();
   }
   void tick(double seconds) {
@@ -521,7 +506,7 @@ TEST_F(UnresolvedQueueTest, FloodOfSpoofedSourcesStaysWithinTheTotalBound) {
   const std::uint64_t bound = 4u << 20;
   rig.io->unresMaxBytesIs(bound);
   Routing::Pim::IO::ioTrace().levelIs(0);
-  const Bytes jp = joinPruneBytes(kSrc);
+  const Bytes jp = joinPruneBytes(kSrc, kAll);
   const int n = 100000;
   const std::size_t heapBefore = ::mallinfo2().uordblks;
   for (int i = 0; i < n; ++i) {

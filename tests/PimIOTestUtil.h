@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <string>
 
@@ -39,6 +40,33 @@ inline Bytes helloBytes(const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst,
   for (const char* a : secondaries) h.secondaryAddrIs(Nimo::IpGenAddr(a), true);
   auto p = Nimo::Pkt::create(1500);
   const std::uint32_t n = h.writeHelloMessage(p, 0);
+  return bytesOf(*p, n);
+}
+
+// A Join/Prune written by the codec: one group, one joined source, of src's family.
+inline Bytes joinPruneBytes(const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst,
+                            const char* group = nullptr, int sources = 1) {
+  const bool v6 = src.af() == Nimo::AddressFamily::ipv6;
+  auto data = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
+  data->upstreamNeighborIs(Nimo::IpGenAddr(v6 ? "fe80::99" : "10.0.0.99"));
+  data->holdTimeIs(210);
+  auto& g = data->joinPruneGroupDataIs(
+      Nimo::IpGenPrefix(group ? group : (v6 ? "ff3e::1/128" : "239.1.1.1/32")));
+  for (int i = 0; i < sources; ++i) {
+    std::array<std::uint8_t, 16> a{};
+    a[0] = v6 ? 0x20 : 192;
+    a[1] = v6 ? 0x01 : 0;
+    a[v6 ? 13 : 1] = std::uint8_t(i >> 16);
+    a[v6 ? 14 : 2] = std::uint8_t(i >> 8);
+    a[v6 ? 15 : 3] = std::uint8_t(i);
+    g.joinedSourceIs(Nimo::IpGenAddr(src.af(), a.data()));
+  }
+  Routing::Pim::Packet::JoinPruneMessage m;
+  m.srcIpIs(src);
+  m.dstIpIs(dst);
+  m.joinPruneDataIs(data);
+  auto p = Nimo::Pkt::create(1500);
+  const std::uint32_t n = m.writeJoinPruneMessage(p, 0, nullptr);
   return bytesOf(*p, n);
 }
 

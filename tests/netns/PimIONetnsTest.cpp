@@ -82,6 +82,31 @@ TEST_P(PimIONetnsTest, UnregisteredTypesNeverReachUserSpace) {
   ASSERT_TRUE(until([&] { return pam.rxPktCount() == 2; }));
 }
 
+// A Join/Prune before any Hello waits in B's queue; it reaches the agent once A is made a
+// neighbour, and a second one, from a neighbour that never shows up, is purged.
+TEST_P(PimIONetnsTest, JoinPruneWaitsForItsNeighbourOrIsPurged) {
+  const Nimo::IntfId intf(pair->vethB);
+  const auto& info = rig->mgr->rxMessageInfo(3);
+  ASSERT_TRUE(sender->send(all.str(), joinPruneBytes(src, all)));
+  ASSERT_TRUE(until([&] { return rig->io->pimUnresPktSize() == 1; }));
+  EXPECT_EQ(info->count(), 0u);
+  rig->status->activeNeighborIs({intf, src}, 105);
+  EXPECT_EQ(info->count(), 1u);
+  EXPECT_EQ(info->neighborAddr(), src);
+  EXPECT_EQ(info->intfId(), intf);
+  EXPECT_EQ(info->joinPruneMessage()->joinPruneData()->routes(), 1u);
+  EXPECT_EQ(rig->io->pimUnresPktSize(), 0u);
+
+  rig->status->activeNeighborDel({intf, src});
+  rig->io->unresTimeoutIs(0.05);
+  ASSERT_TRUE(sender->send(all.str(), joinPruneBytes(src, all)));
+  ASSERT_TRUE(until([&] { return rig->io->pimUnresPktSize() == 1; }));
+  EXPECT_TRUE(until([&] { return rig->io->pimUnresPktSize() == 0; }));
+  EXPECT_EQ(info->count(), 1u);
+  EXPECT_EQ(rig->rx(3, pair->vethB.c_str(), MessageCounterType::invalid), 1u);
+  EXPECT_EQ(rig->rx(3, pair->vethB.c_str(), MessageCounterType::success), 1u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Families, PimIONetnsTest,
                          ::testing::Values(Nimo::AddressFamily::ipv4, Nimo::AddressFamily::ipv6),
                          [](const auto& i) {
