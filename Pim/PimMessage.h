@@ -490,3 +490,605 @@ class JoinPruneMessage : public Message {
 std::ostream& operator<<(std::ostream& os, const JoinPruneMessage::Report& r);
 
 }  // namespace Routing::Pim::Packet
+
+// =======================================================================================
+// Register, Register-Stop, Assert, Bootstrap, Candidate-RP Advertisement, DF Election.
+// Their implementations are in PimMessageRegister.cpp, PimMessageAssert.cpp,
+// PimMessageBootstrap.cpp and PimMessageDfElection.cpp.
+//
+// Usage (receive side of a data Register, whose inner packet is forwarded in place):
+//   auto reg = Kel::Ptr<Routing::Pim::Packet::RegisterMessage>::make();
+//   reg->srcIpIs(outerSrc);
+//   reg->dstIpIs(outerDst);
+//   if (reg->readRegisterMessage(pkt, offset) != 0 && !reg->nullFlag()) {
+//     decapsulate(reg->rcvdPkt());  // pkt itself, now beginning at the inner IP header
+//   }
+
+#include <map>
+#include <vector>
+
+namespace Routing {
+
+// A route's metric preference and metric, compared as a pair (RFC 7761 4.6.3 / RFC 5015).
+struct MetricPref {
+  std::uint32_t preference = 0;
+  std::uint32_t metric = 0;
+  friend bool operator==(const MetricPref&, const MetricPref&) = default;
+  friend auto operator<=>(const MetricPref&, const MetricPref&) = default;
+};
+
+}  // namespace Routing
+
+namespace Routing::Pim::Packet {
+
+// ---------------------------------------------------------------------------------------
+// Register (RFC 7761 4.9.3)
+//
+//   |PIM Ver| Type  |   Reserved    |           Checksum            |
+//   |B|N|                       Reserved2                           |
+//   .                     Multicast data packet                     .
+//
+// The checksum covers the first 8 bytes (the reader also accepts a sum over the whole
+// message, see Message::readHeader). The inner IPv4 or IPv6 header is checked here. A data
+// Register is handed on without a copy: on success the reader removes everything ahead of
+// the inner IP header from the head of the (shared) packet and keeps that packet in
+// rcvdPkt. A Null-Register carries only a dummy inner header; the writer builds one that
+// declares its own length (IPv4 total length 20, IPv6 payload length 0), which is what
+// the reader requires of a Null-Register, and its IPv4 header checksum is always filled in.
+// The inner source and group and the inner TOS/traffic class (reserved2) and TTL/hop
+// limit are kept for printing and for writing the dummy header when rcvdPkt is not set.
+//
+// messageSubtype follows the N bit (1 data, 0 null) from construction on; a change of the
+// flags word re-derives it and notifies the NotifieeConst observers.
+
+class RegisterMessage : public Message {
+ public:
+  struct RegisterImplFlags {
+    static constexpr std::string_view kTypeName =
+        "Routing::Pim::Packet::RegisterMessage::RegisterImplFlags";
+    RegisterImplFlags() noexcept = default;
+    RegisterImplFlags(std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d) noexcept
+        : v0(a), v1(b), v2(c), v3(d) {}
+    RegisterImplFlags(const char* begin, const char* end) { Kel::parseValue(begin, end, *this); }
+    std::uint8_t v0 = 0, v1 = 0, v2 = 0, v3 = 0;
+    static constexpr auto fields() {
+      return std::make_tuple(
+          Kel::field("v0", &RegisterImplFlags::v0), Kel::field("v1", &RegisterImplFlags::v1),
+          Kel::field("v2", &RegisterImplFlags::v2), Kel::field("v3", &RegisterImplFlags::v3));
+    }
+    friend bool operator==(const RegisterImplFlags&, const RegisterImplFlags&) = default;
+  };
+
+  static constexpr std::uint32_t kBorderBit = 0x80000000u;
+  static constexpr std::uint32_t kNullBit = 0x40000000u;
+  static constexpr MessageSubtype kDataSubtype = 1;
+  static constexpr MessageSubtype kNullSubtype = 0;
+
+  class NotifieeConst {
+   public:
+    virtual ~NotifieeConst() = default;
+    virtual void onImplRegisterFlags() {}
+  };
+
+  RegisterMessage() noexcept : Message(Nimo::PimMessageType::pimRegister) {
+    messageSubtypeIs(kDataSubtype);
+  }
+
+  RegisterImplFlags implRegisterFlags() const noexcept { return flags_; }
+  void implRegisterFlagsIs(RegisterImplFlags f);
+  std::uint32_t implRegisterFlagsU32() const noexcept;
+  void implRegisterFlagsU32Is(std::uint32_t v);
+  bool borderFlag() const noexcept { return (implRegisterFlagsU32() & kBorderBit) != 0; }
+  void borderFlagIs(bool b);
+  bool nullFlag() const noexcept { return (implRegisterFlagsU32() & kNullBit) != 0; }
+  void nullFlagIs(bool b);
+  // Derives messageSubtype from the N bit and notifies; runs on every real flags change.
+  void handleMessageSubtype();
+
+  std::uint8_t reserved2() const noexcept { return reserved2_; }
+  void reserved2Is(std::uint8_t v) noexcept { reserved2_ = v; }
+  std::uint8_t hopLimit() const noexcept { return hopLimit_; }
+  void hopLimitIs(std::uint8_t v) noexcept { hopLimit_ = v; }
+  const Kel::Ptr<Nimo::Pkt>& rcvdPkt() const noexcept { return rcvdPkt_; }
+  void rcvdPktIs(const Kel::Ptr<Nimo::Pkt>& p) noexcept { rcvdPkt_ = p; }
+  const Nimo::IpGenAddr& innerSource() const noexcept { return innerSource_; }
+  void innerSourceIs(const Nimo::IpGenAddr& a) noexcept { innerSource_ = a; }
+  const Nimo::IpGenAddr& innerGroup() const noexcept { return innerGroup_; }
+  void innerGroupIs(const Nimo::IpGenAddr& a) noexcept { innerGroup_ = a; }
+
+  void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
+
+  std::uint32_t readRegisterMessage(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+  std::uint32_t writeRegisterMessage(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+
+  void print(std::ostream& os) const override;
+  // Header fields, flags, inner fields, and the bytes (not the identity) of rcvdPkt.
+  friend bool operator==(const RegisterMessage& a, const RegisterMessage& b) noexcept;
+
+ private:
+  // Observers belong to one object: a copy starts without any.
+  struct Notifiees : Kel::NotifieeList<NotifieeConst> {
+    Notifiees() = default;
+    Notifiees(const Notifiees&) {}
+    Notifiees& operator=(const Notifiees&) { return *this; }
+  };
+
+  RegisterImplFlags flags_;
+  std::uint8_t reserved2_ = 0;
+  std::uint8_t hopLimit_ = 0;
+  Kel::Ptr<Nimo::Pkt> rcvdPkt_;
+  Nimo::IpGenAddr innerSource_;
+  Nimo::IpGenAddr innerGroup_;
+  Notifiees notifiees_;
+};
+std::ostream& operator<<(std::ostream& os, const RegisterMessage::RegisterImplFlags& f);
+
+// ---------------------------------------------------------------------------------------
+// Register-Stop (RFC 7761 4.9.4)
+//
+//   |PIM Ver| Type  |   Reserved    |           Checksum            |
+//   |             Group Address (Encoded-Group format)              |
+//   |            Source Address (Encoded-Unicast format)            |
+//
+// The group always goes out as a host prefix (/32, /128), whatever mask the object holds.
+
+class RegisterStopMessage : public Message {
+ public:
+  RegisterStopMessage() noexcept : Message(Nimo::PimMessageType::pimRegisterStop) {}
+
+  const EncodedGroupAddress& group() const noexcept { return group_; }
+  void groupIs(const EncodedGroupAddress& g) noexcept { group_ = g; }
+  const EncodedUnicastAddress& source() const noexcept { return source_; }
+  void sourceIs(const EncodedUnicastAddress& s) noexcept { source_ = s; }
+
+  std::uint32_t readRegisterStopMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                        std::uint32_t offset) noexcept;
+  std::uint32_t writeRegisterStopMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                         std::uint32_t offset) noexcept;
+
+  void print(std::ostream& os) const override;
+  friend bool operator==(const RegisterStopMessage& a, const RegisterStopMessage& b) noexcept;
+
+ private:
+  EncodedGroupAddress group_;
+  EncodedUnicastAddress source_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Assert (RFC 7761 4.9.6)
+//
+//   |PIM Ver| Type  |   Reserved    |           Checksum            |
+//   |             Group Address (Encoded-Group format)              |
+//   |            Source Address (Encoded-Unicast format)            |
+//   |R|                     Metric Preference                       |
+//   |                             Metric                            |
+//
+// For a (*,G) Assert the source field holds the RP address. The group always goes out as
+// a host prefix; the reader refuses any other mask.
+
+class AssertMessage : public Message {
+ public:
+  // The 31-bit metric preference.
+  class AssertMetricPreference {
+   public:
+    static constexpr std::string_view kTypeName =
+        "Routing::Pim::Packet::AssertMessage::AssertMetricPreference";
+    static constexpr std::uint32_t min = 0;
+    static constexpr std::uint32_t max = 2147483647;
+    static constexpr std::string_view kRangeErrorText =
+        "AssertMetricPreference::value < AssertMetricPreference::min or > "
+        "AssertMetricPreference::max not allowed";
+
+    AssertMetricPreference() noexcept = default;
+    explicit AssertMetricPreference(std::uint32_t v);  // Kel::RangeError above max
+    AssertMetricPreference(const char* begin, const char* end);
+    std::uint32_t value() const noexcept { return value_; }
+
+    static constexpr auto fields() {
+      return std::make_tuple(Kel::field("value", &AssertMetricPreference::value_));
+    }
+    friend bool operator==(const AssertMetricPreference&, const AssertMetricPreference&) = default;
+
+   private:
+    std::uint32_t value_ = 0;
+  };
+
+  // The R bit and the preference as the four bytes of the wire word.
+  struct AssertImplMetricPreference {
+    static constexpr std::string_view kTypeName =
+        "Routing::Pim::Packet::AssertMessage::AssertImplMetricPreference";
+    AssertImplMetricPreference() noexcept = default;
+    AssertImplMetricPreference(std::uint8_t a, std::uint8_t b, std::uint8_t c,
+                               std::uint8_t d) noexcept
+        : v0(a), v1(b), v2(c), v3(d) {}
+    AssertImplMetricPreference(const char* begin, const char* end) {
+      Kel::parseValue(begin, end, *this);
+    }
+    std::uint8_t v0 = 0, v1 = 0, v2 = 0, v3 = 0;
+    static constexpr auto fields() {
+      return std::make_tuple(Kel::field("v0", &AssertImplMetricPreference::v0),
+                             Kel::field("v1", &AssertImplMetricPreference::v1),
+                             Kel::field("v2", &AssertImplMetricPreference::v2),
+                             Kel::field("v3", &AssertImplMetricPreference::v3));
+    }
+    friend bool operator==(const AssertImplMetricPreference&,
+                           const AssertImplMetricPreference&) = default;
+  };
+
+  AssertMessage() noexcept : Message(Nimo::PimMessageType::pimAssert) {}
+
+  const EncodedGroupAddress& group() const noexcept { return group_; }
+  void groupIs(const EncodedGroupAddress& g) noexcept { group_ = g; }
+  const EncodedUnicastAddress& source() const noexcept { return source_; }
+  void sourceIs(const EncodedUnicastAddress& s) noexcept { source_ = s; }
+  AssertImplMetricPreference implMetricPreference() const noexcept { return impl_; }
+  void implMetricPreferenceIs(AssertImplMetricPreference v) noexcept { impl_ = v; }
+  std::uint32_t implMetricPreferenceU32() const noexcept;
+  void implMetricPreferenceU32Is(std::uint32_t v) noexcept;
+  bool rpt() const noexcept { return (impl_.v0 & 0x80) != 0; }
+  void rptIs(bool b) noexcept;
+  AssertMetricPreference metricPreference() const noexcept;
+  void metricPreferenceIs(AssertMetricPreference p) noexcept;  // keeps R
+  std::uint32_t metric() const noexcept { return metric_; }
+  void metricIs(std::uint32_t m) noexcept { metric_ = m; }
+
+  std::uint32_t readAssertMessage(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+  std::uint32_t writeAssertMessage(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+
+  void print(std::ostream& os) const override;
+  friend bool operator==(const AssertMessage& a, const AssertMessage& b) noexcept;
+
+ private:
+  EncodedGroupAddress group_;
+  EncodedUnicastAddress source_;
+  AssertImplMetricPreference impl_;
+  std::uint32_t metric_ = 0;
+};
+std::ostream& operator<<(std::ostream& os, const AssertMessage::AssertMetricPreference& p);
+std::ostream& operator<<(std::ostream& os, const AssertMessage::AssertImplMetricPreference& p);
+
+// ---------------------------------------------------------------------------------------
+// Bootstrap (RFC 5059 4.1)
+//
+//   |PIM Ver| Type  |N|  Reserved   |           Checksum            |
+//   |         Fragment Tag          | Hash Mask Len | BSR Priority  |
+//   |             BSR Address (Encoded-Unicast format)              |
+//   |         Group Address 1 (Encoded-Group format)                |
+//   | RP Count 1    | Frag RP Cnt 1 |         Reserved              |
+//   |             RP Address 1 (Encoded-Unicast format)             |
+//   |          RP1 Holdtime         | RP1 Priority  |   Reserved    |
+//   .                 ... more RPs, more groups ...                 .
+//
+// The reader fills groupData in wire order and, per group, one entry of fragments with
+// the key the BSR logic reassembles by (hash is left 0: computing it is that logic's job).
+// Equality compares everything but fragments, which the reader derives from groupData.
+
+struct BootstrapRpData {
+  BootstrapRpData() noexcept = default;
+  explicit BootstrapRpData(const Nimo::IpGenAddr& a) noexcept : rpAddress(a) {}
+  Nimo::IpGenAddr rpAddress;
+  std::uint16_t rpHoldtime = 0;
+  std::uint8_t rpPriority = 0;
+  std::uint8_t reserved = 0;
+  friend bool operator==(const BootstrapRpData&, const BootstrapRpData&) = default;
+};
+
+using BootstrapRpList = std::map<Nimo::IpGenAddr, BootstrapRpData>;
+
+struct BootstrapGroupData {
+  BootstrapGroupData() noexcept = default;
+  explicit BootstrapGroupData(const Nimo::IpGenPrefix& p) noexcept : prefix(p) {}
+  // The entry for an RP address, made on first use.
+  BootstrapRpData& rpListIs(const Nimo::IpGenAddr& a) {
+    return rpList.try_emplace(a, a).first->second;
+  }
+  Nimo::IpGenPrefix prefix;
+  std::uint8_t groupFlags = 0;  // the Encoded-Group flags byte
+  std::uint8_t rpCount = 0;
+  std::uint8_t fragRpCount = 0;
+  BootstrapRpList rpList;
+  friend bool operator==(const BootstrapGroupData&, const BootstrapGroupData&) = default;
+};
+
+// The group entries of one message, in wire order.
+using BootstrapOptionalData = std::vector<BootstrapGroupData>;
+
+struct BootstrapRpFragmentKey {
+  static constexpr std::string_view kTypeName = "Routing::Pim::Packet::BootstrapRpFragmentKey";
+  BootstrapRpFragmentKey() noexcept = default;
+  BootstrapRpFragmentKey(const char* begin, const char* end) { Kel::parseValue(begin, end, *this); }
+
+  Nimo::IpGenPrefix prefix;
+  Nimo::IpGenAddr bsrAddress;
+  std::uint8_t groupFlags = 0;
+  bool noForward = false;
+  std::uint16_t fragmentTag = 0;
+  std::uint8_t hashMaskLen = 0;
+  std::uint8_t bsrPriority = 0;
+  std::uint8_t rpCount = 0;
+  std::uint32_t hash = 0;
+
+  static constexpr auto kFields =
+      std::make_tuple(Kel::field("prefix", &BootstrapRpFragmentKey::prefix),
+                      Kel::field("bsrAddress", &BootstrapRpFragmentKey::bsrAddress),
+                      Kel::field("groupFlags", &BootstrapRpFragmentKey::groupFlags),
+                      Kel::field("noForward", &BootstrapRpFragmentKey::noForward),
+                      Kel::field("fragmentTag", &BootstrapRpFragmentKey::fragmentTag),
+                      Kel::field("hashMaskLen", &BootstrapRpFragmentKey::hashMaskLen),
+                      Kel::field("bsrPriority", &BootstrapRpFragmentKey::bsrPriority),
+                      Kel::field("rpCount", &BootstrapRpFragmentKey::rpCount),
+                      Kel::field("hash", &BootstrapRpFragmentKey::hash));
+  friend bool operator==(const BootstrapRpFragmentKey&, const BootstrapRpFragmentKey&) = default;
+  friend auto operator<=>(const BootstrapRpFragmentKey&, const BootstrapRpFragmentKey&) = default;
+};
+std::ostream& operator<<(std::ostream& os, const BootstrapRpFragmentKey& k);
+
+struct BootstrapRpFragment {
+  BootstrapRpFragmentKey fragmentKey;
+  BootstrapRpList rpList;
+  friend bool operator==(const BootstrapRpFragment&, const BootstrapRpFragment&) = default;
+};
+
+class BootstrapMessage : public Message {
+ public:
+  static constexpr std::string_view kHashMaskLenRangeErrorText =
+      "BootstrapMessage::hashMaskLen < 0 or > 128 not allowed";
+  static constexpr std::uint8_t kNoForwardBit = 0x80;
+
+  BootstrapMessage() noexcept : Message(Nimo::PimMessageType::pimBootstrap) {}
+
+  std::uint16_t fragmentTag() const noexcept { return fragmentTag_; }
+  void fragmentTagIs(std::uint16_t v) noexcept { fragmentTag_ = v; }
+  std::uint8_t hashMaskLen() const noexcept { return hashMaskLen_; }
+  // Stores n, then throws Kel::RangeError if n exceeds 128; the value stays stored.
+  void hashMaskLenIs(std::uint8_t n);
+  std::uint8_t bsrPriority() const noexcept { return bsrPriority_; }
+  void bsrPriorityIs(std::uint8_t v) noexcept { bsrPriority_ = v; }
+  const Nimo::IpGenAddr& bsrAddress() const noexcept { return bsrAddress_; }
+  void bsrAddressIs(const Nimo::IpGenAddr& a) noexcept { bsrAddress_ = a; }
+
+  // The No-Forward bit. Setting it overwrites the whole reserved byte (0x80 or 0): the
+  // other bits have no meaning in a Bootstrap and are sent as zero.
+  bool noForward() const noexcept { return (reserved() & kNoForwardBit) != 0; }
+  void noForwardIs(bool b) noexcept { reservedIs(b ? kNoForwardBit : 0); }
+  bool forward() const noexcept { return !noForward(); }
+  void forwardIs(bool b) noexcept { noForwardIs(!b); }
+
+  const BootstrapOptionalData& groupData() const noexcept { return groupData_; }
+  BootstrapOptionalData& groupData() noexcept { return groupData_; }
+  // Appends a group entry and returns it.
+  BootstrapGroupData& groupDataIs(const Nimo::IpGenPrefix& prefix);
+  void groupDataDelAll() noexcept { groupData_.clear(); }
+  const std::map<BootstrapRpFragmentKey, BootstrapRpFragment>& fragments() const noexcept {
+    return fragments_;
+  }
+
+  std::uint32_t readBootstrapMessage(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+  std::uint32_t writeBootstrapMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                      std::uint32_t offset) noexcept;
+
+  void print(std::ostream& os) const override;
+  friend bool operator==(const BootstrapMessage& a, const BootstrapMessage& b) noexcept;
+
+ private:
+  std::uint16_t fragmentTag_ = 0;
+  std::uint8_t hashMaskLen_ = 0;
+  std::uint8_t bsrPriority_ = 0;
+  Nimo::IpGenAddr bsrAddress_;
+  BootstrapOptionalData groupData_;
+  std::map<BootstrapRpFragmentKey, BootstrapRpFragment> fragments_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Candidate-RP Advertisement (RFC 5059 4.2)
+//
+//   |PIM Ver| Type  |   Reserved    |           Checksum            |
+//   | Prefix Count  |   Priority    |          Holdtime             |
+//   |              RP Address (Encoded-Unicast format)              |
+//   |         Group Address 1 (Encoded-Group format)                |  ...
+//
+// Groups are kept by prefix with their flags byte. A group with the admin-scope zone bit
+// is accepted on read with a warning (the BSR logic logs PIMBSR_CRPADV_ZONE_SET); on write
+// every group's scope (Admin when Z is set, else global) must be the allowedScope the
+// caller configured.
+
+struct CrpGroupData : Kel::PtrInterface {
+  // Group prefix -> Encoded-Group flags byte.
+  std::map<Nimo::IpGenPrefix, std::uint8_t> groupInfo;
+  void groupInfoIs(const Nimo::IpGenPrefix& p, std::uint8_t flags = 0) { groupInfo[p] = flags; }
+};
+
+enum class CrpAdvScope : std::uint8_t { Global, Admin };
+
+class CrpAdvMessage : public Message {
+ public:
+  CrpAdvMessage() noexcept : Message(Nimo::PimMessageType::pimCrpAdv) {}
+
+  std::uint8_t prefixCount() const noexcept { return prefixCount_; }
+  void prefixCountIs(std::uint8_t v) noexcept { prefixCount_ = v; }
+  std::uint8_t priority() const noexcept { return priority_; }
+  void priorityIs(std::uint8_t v) noexcept { priority_ = v; }
+  std::uint16_t holdtime() const noexcept { return holdtime_; }
+  void holdtimeIs(std::uint16_t v) noexcept { holdtime_ = v; }
+  const Nimo::IpGenAddr& rpAddress() const noexcept { return rpAddress_; }
+  void rpAddressIs(const Nimo::IpGenAddr& a) noexcept { rpAddress_ = a; }
+  // Null until a reader allocates it or a caller sets it; a failed read discards it.
+  const Kel::Ptr<CrpGroupData>& groupData() const noexcept { return groupData_; }
+  void groupDataIs(const Kel::Ptr<CrpGroupData>& g) noexcept { groupData_ = g; }
+  CrpAdvScope allowedScope() const noexcept { return allowedScope_; }
+  void allowedScopeIs(CrpAdvScope s) noexcept { allowedScope_ = s; }
+
+  std::uint32_t readCrpAdvMessage(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+  std::uint32_t writeCrpAdvMessage(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+
+  void print(std::ostream& os) const override;
+  // Wire fields and group contents (a null groupData equals an empty one); not the scope.
+  friend bool operator==(const CrpAdvMessage& a, const CrpAdvMessage& b) noexcept;
+
+ private:
+  std::uint8_t prefixCount_ = 0;
+  std::uint8_t priority_ = 0;
+  std::uint16_t holdtime_ = 0;
+  Nimo::IpGenAddr rpAddress_;
+  Kel::Ptr<CrpGroupData> groupData_;
+  CrpAdvScope allowedScope_ = CrpAdvScope::Global;
+};
+
+// ---------------------------------------------------------------------------------------
+// DF Election (RFC 5015 3.7)
+//
+//   |PIM Ver| Type  |Subtype| Rsvd  |           Checksum            |
+//   |              RP Address (Encoded-Unicast format)              |
+//   |                   Sender Metric Preference                    |
+//   |                         Sender Metric                         |
+// Backoff and Pass go on with
+//   |  Offering (Backoff) / New Winner (Pass) Address (Encoded-Unicast) |
+//   |             Offering / Winner Metric Preference               |
+//   |                  Offering / Winner Metric                     |
+//   |            Interval (Backoff only, 16 bits)                   |
+//
+// The subtype lives in the high nibble of the reserved byte. Each subclass fixes its
+// subtype at construction; calling a subclass's read or write on an object whose subtype
+// was changed to another is a programming error. A read keeps the reserved byte as
+// received. Bytes after the last field are not examined; the result counts those read.
+
+enum class DfElectionMessageType : std::uint8_t {
+  dfElectionUnknown = 0,
+  dfElectionOffer = 1,
+  dfElectionWinner = 2,
+  dfElectionBackoff = 3,
+  dfElectionPass = 4,
+};
+std::ostream& operator<<(std::ostream& os, DfElectionMessageType t);
+
+class DfElectionMessage : public Message {
+ public:
+  static constexpr DfElectionMessageType dfElectionOffer() noexcept {
+    return DfElectionMessageType::dfElectionOffer;
+  }
+  static constexpr DfElectionMessageType dfElectionWinner() noexcept {
+    return DfElectionMessageType::dfElectionWinner;
+  }
+  static constexpr DfElectionMessageType dfElectionBackoff() noexcept {
+    return DfElectionMessageType::dfElectionBackoff;
+  }
+  static constexpr DfElectionMessageType dfElectionPass() noexcept {
+    return DfElectionMessageType::dfElectionPass;
+  }
+
+  DfElectionMessage() noexcept : Message(Nimo::PimMessageType::pimDfElection) {}
+
+  DfElectionMessageType dfElectionMessageType() const noexcept {
+    return DfElectionMessageType(reserved() >> 4);
+  }
+  // Sets reserved to t << 4 (low nibble 0) and messageSubtype to t.
+  void dfElectionMessageTypeIs(DfElectionMessageType t) noexcept;
+
+  const EncodedUnicastAddress& rpAddress() const noexcept { return rpAddress_; }
+  void rpAddressIs(const EncodedUnicastAddress& a) noexcept { rpAddress_ = a; }
+  std::uint32_t senderMetricPreference() const noexcept { return senderPref_.preference; }
+  void senderMetricPreferenceIs(std::uint32_t v) noexcept { senderPref_.preference = v; }
+  std::uint32_t senderMetric() const noexcept { return senderPref_.metric; }
+  void senderMetricIs(std::uint32_t v) noexcept { senderPref_.metric = v; }
+  Routing::MetricPref senderMetricPref() const noexcept { return senderPref_; }
+  void senderMetricPrefIs(Routing::MetricPref m) noexcept { senderPref_ = m; }
+
+  // The common part: header, RP address, sender metric preference and metric.
+  std::uint32_t readDfElectionMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                      std::uint32_t offset) noexcept;
+  std::uint32_t writeDfElectionMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                       std::uint32_t offset) noexcept;
+
+  void print(std::ostream& os) const override;
+  friend bool operator==(const DfElectionMessage& a, const DfElectionMessage& b) noexcept;
+
+ protected:
+  // Without the trace line, for the subclasses that go on reading.
+  std::uint32_t readCommon(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint32_t offset) noexcept;
+  void traceRx() const;
+
+ private:
+  EncodedUnicastAddress rpAddress_;
+  Routing::MetricPref senderPref_;
+};
+
+class DfElectionOfferMessage : public DfElectionMessage {
+ public:
+  DfElectionOfferMessage() noexcept { initDfElectionOfferMessage(); }
+  void initDfElectionOfferMessage() noexcept { dfElectionMessageTypeIs(dfElectionOffer()); }
+  std::uint32_t readDfElectionOfferMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                           std::uint32_t offset) noexcept;
+  std::uint32_t writeDfElectionOfferMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                            std::uint32_t offset) noexcept;
+};
+
+class DfElectionWinnerMessage : public DfElectionMessage {
+ public:
+  DfElectionWinnerMessage() noexcept { initDfElectionWinnerMessage(); }
+  void initDfElectionWinnerMessage() noexcept { dfElectionMessageTypeIs(dfElectionWinner()); }
+  std::uint32_t readDfElectionWinnerMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                            std::uint32_t offset) noexcept;
+  std::uint32_t writeDfElectionWinnerMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                             std::uint32_t offset) noexcept;
+};
+
+class DfElectionBackoffMessage : public DfElectionMessage {
+ public:
+  DfElectionBackoffMessage() noexcept { initDfElectionBackoffMessage(); }
+  void initDfElectionBackoffMessage() noexcept { dfElectionMessageTypeIs(dfElectionBackoff()); }
+
+  const EncodedUnicastAddress& offeringAddress() const noexcept { return offeringAddress_; }
+  void offeringAddressIs(const EncodedUnicastAddress& a) noexcept { offeringAddress_ = a; }
+  std::uint32_t offeringMetricPreference() const noexcept { return offeringPref_.preference; }
+  void offeringMetricPreferenceIs(std::uint32_t v) noexcept { offeringPref_.preference = v; }
+  std::uint32_t offeringMetric() const noexcept { return offeringPref_.metric; }
+  void offeringMetricIs(std::uint32_t v) noexcept { offeringPref_.metric = v; }
+  Routing::MetricPref offeringMetricPref() const noexcept { return offeringPref_; }
+  void offeringMetricPrefIs(Routing::MetricPref m) noexcept { offeringPref_ = m; }
+  std::uint16_t interval() const noexcept { return interval_; }
+  void intervalIs(std::uint16_t v) noexcept { interval_ = v; }
+
+  std::uint32_t readDfElectionBackoffMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                             std::uint32_t offset) noexcept;
+  std::uint32_t writeDfElectionBackoffMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                              std::uint32_t offset) noexcept;
+
+  void print(std::ostream& os) const override;
+  friend bool operator==(const DfElectionBackoffMessage& a,
+                         const DfElectionBackoffMessage& b) noexcept;
+
+ private:
+  EncodedUnicastAddress offeringAddress_;
+  Routing::MetricPref offeringPref_;
+  std::uint16_t interval_ = 0;
+};
+
+class DfElectionPassMessage : public DfElectionMessage {
+ public:
+  DfElectionPassMessage() noexcept { initDfElectionPassMessage(); }
+  void initDfElectionPassMessage() noexcept { dfElectionMessageTypeIs(dfElectionPass()); }
+
+  const EncodedUnicastAddress& winningAddress() const noexcept { return winningAddress_; }
+  void winningAddressIs(const EncodedUnicastAddress& a) noexcept { winningAddress_ = a; }
+  std::uint32_t winningMetricPreference() const noexcept { return winningPref_.preference; }
+  void winningMetricPreferenceIs(std::uint32_t v) noexcept { winningPref_.preference = v; }
+  std::uint32_t winningMetric() const noexcept { return winningPref_.metric; }
+  void winningMetricIs(std::uint32_t v) noexcept { winningPref_.metric = v; }
+  Routing::MetricPref winningMetricPref() const noexcept { return winningPref_; }
+  void winningMetricPrefIs(Routing::MetricPref m) noexcept { winningPref_ = m; }
+
+  std::uint32_t readDfElectionPassMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                          std::uint32_t offset) noexcept;
+  std::uint32_t writeDfElectionPassMessage(const Kel::Ptr<Nimo::Pkt>& pkt,
+                                           std::uint32_t offset) noexcept;
+
+  void print(std::ostream& os) const override;
+  friend bool operator==(const DfElectionPassMessage& a, const DfElectionPassMessage& b) noexcept;
+
+ private:
+  EncodedUnicastAddress winningAddress_;
+  Routing::MetricPref winningPref_;
+};
+
+}  // namespace Routing::Pim::Packet

@@ -233,6 +233,7 @@ std::vector<std::vector<std::uint8_t>> seeds(std::string_view target) {
       out.back()[0] |= 0x80;  // with the boundary and bidirectional filters
     }
   }
+  for (auto& seed : messageSeeds(target)) out.push_back(std::move(seed));
   return out;
 }
 

@@ -1,8 +1,11 @@
 # The fuzz targets' sources, shared by fuzz/CMakeLists.txt (one libFuzzer binary each) and
 # tests/CMakeLists.txt (FuzzRegressionTest links them all and replays inputs).
 set(PIM_FUZZ_TARGETS readHeader readUnicastAddress readGroupAddress readSourceAddress
-    readHelloMessage readJoinPruneMessage)
-set(PIM_FUZZ_SUPPORT_SOURCES ${CMAKE_CURRENT_LIST_DIR}/FuzzInput.cpp)
+    readHelloMessage readJoinPruneMessage
+    readRegisterMessage readRegisterStopMessage readAssertMessage readBootstrapMessage
+    readCrpAdvMessage readDfElectionMessage)
+set(PIM_FUZZ_SUPPORT_SOURCES ${CMAKE_CURRENT_LIST_DIR}/FuzzInput.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/FuzzSeedsMessages.cpp)
 set(PIM_FUZZ_TARGET_SOURCES "")
 foreach(t ${PIM_FUZZ_TARGETS})
   string(SUBSTRING ${t} 0 1 first)

@@ -29,6 +29,12 @@ constexpr NamedTarget kTargets[] = {
     {"readSourceAddress", &PimFuzz::readSourceAddress},
     {"readHelloMessage", &PimFuzz::readHelloMessage},
     {"readJoinPruneMessage", &PimFuzz::readJoinPruneMessage},
+    {"readRegisterMessage", &PimFuzz::readRegisterMessage},
+    {"readRegisterStopMessage", &PimFuzz::readRegisterStopMessage},
+    {"readAssertMessage", &PimFuzz::readAssertMessage},
+    {"readBootstrapMessage", &PimFuzz::readBootstrapMessage},
+    {"readCrpAdvMessage", &PimFuzz::readCrpAdvMessage},
+    {"readDfElectionMessage", &PimFuzz::readDfElectionMessage},
 };
 static_assert(std::size(kTargets) == std::size(PimFuzz::kTargetNames));
 
