@@ -59,8 +59,28 @@ constexpr std::string_view kBadType = "RX: Error - Invalid Pim Message - Type: "
 constexpr std::string_view kUnsupported = "RX: Error - Unsupported Pim Message - Type: ";
 constexpr std::string_view kNoMessageInfo = "RX: Error - No Message Info - Type: ";
 constexpr std::string_view kHelloReadError = "RX: Error - Invalid Pim Hello - Read Error";
+constexpr std::string_view kRegisterReadError = "RX: Error - Invalid Pim Register - Read Error";
+constexpr std::string_view kRegisterStopReadError =
+    "RX: Error - Invalid Pim Register Stop - Read Error";
 constexpr std::string_view kJoinPruneReadError = "RX: Error - Invalid Pim Join/Prune - Read Error";
 constexpr std::string_view kJoinPruneZeroGroups = "RX: Filtered - Pim Join/Prune - Zero Groups";
+constexpr std::string_view kBootstrapReadError = "RX: Error - Invalid Pim Bootstrap - Read Error";
+constexpr std::string_view kBootstrapFrom = "RX: Bootstrap Message from ";
+constexpr std::string_view kBootstrapBoundary =
+    "RX: Bootstrap: Group in Boundary Filter - Packet Filtered";
+constexpr std::string_view kAssertReadError = "RX: Error - Invalid Pim Assert - Read Error";
+constexpr std::string_view kAssertBoundary =
+    "RX: Assert: Group is Boundary filter - Packet Filtered";
+constexpr std::string_view kCrpAdvReadError = "RX: Error - Invalid Pim CrpAdv - Read Error";
+constexpr std::string_view kDfOfferReadError =
+    "RX: Error - Invalid Pim DF Election Offer - Read Error";
+constexpr std::string_view kDfWinnerReadError =
+    "RX: Error - Invalid Pim DF Election Winner - Read Error";
+constexpr std::string_view kDfBackoffReadError =
+    "RX: Error - Invalid Pim DF Election Backoff - Read Error";
+constexpr std::string_view kDfPassReadError =
+    "RX: Error - Invalid Pim DF Election Pass - Read Error";
+constexpr std::string_view kDfUnsupported = "RX: Error - Unsupported Pim DF Election Type";
 
 constexpr std::uint8_t kMessageSubtypeNone = 255;
 
@@ -210,6 +230,11 @@ void IOSm::handleAttrLogClogged() {
   rxPkt();
 }
 
+void IOSm::mcastBoundaryStatusIs(const Kel::Ptr<const Routing::McastBoundary::Status>& s) {
+  mcastBoundaryStatus_ = s;
+  mcastBoundary_ = s ? Routing::Pim::Boundary::mcastBoundaryFactory(name(), s) : nullptr;
+}
+
 void IOSm::pimStatusIs(const Kel::Ptr<Routing::Pim::Status>& s) {
   pimStatus_ = s;
   statusReactor_->notifierIs(s);
@@ -233,9 +258,7 @@ void IOSm::handleInitialized() {
   KEL_ASSERT(pimPamManager_);
   FLICK_TRACE(ioTrace(), 4, "{} Enabling Pam {}", prefix(), vrf_.name());
   handleInterface();
-  mcastBoundary_ = mcastBoundaryStatus_
-                       ? Routing::Pim::Boundary::mcastBoundaryFactory(name(), mcastBoundaryStatus_)
-                       : nullptr;
+  mcastBoundaryStatusIs(mcastBoundaryStatus_);
   initialized_ = true;
   handlePamFilter();
   if (pimPamManager_->pam()) pimPamManager_->pam()->loopIs(&loop_);
@@ -505,13 +528,20 @@ bool IOSm::processPkt(const Kel::Ptr<RxPktContext>& c) {
   switch (h.type()) {
     case 0:
       return processHelloMessage(ctx);
+    case 1:
+      return processRegisterMessage(ctx);
+    case 2:
+      return processRegisterStopMessage(ctx);
     case 3:
       return processJoinPruneMessage(ctx);
-    default:
-      // The readers of the other types arrive with the rest of the codec.
-      FLICK_TRACE(ioTrace(), 1, "{} {}{}", prefix(), kUnsupported, h.type());
-      pimPamManager_->rxPamCounter()->errorInc();
-      return drop(ctx, MessageCounterType::invalid);
+    case 4:
+      return processBootstrapMessage(ctx);
+    case 5:
+      return processAssertMessage(ctx);
+    case 8:
+      return processCrpAdvMessage(ctx);
+    default:  // 10, the last type isHandled admits
+      return processDfElectionMessage(ctx);
   }
 }
 
@@ -743,16 +773,118 @@ bool IOSm::processJoinPruneMessage(RxPktContext& ctx) {
         mcastBoundaryStatus_->softwareBoundaryStatus(Kel::Name(std::string(ctx.intfId().name())));
     if (s) boundary = Routing::Pim::Boundary::intfBoundaryFactory(s);
   }
-  if (!jp->readJoinPruneMessage(ctx.pkt(), ctx.ipHdr().headerLength, boundary)) {
+  const bool read = jp->readJoinPruneMessage(ctx.pkt(), ctx.ipHdr().headerLength, boundary) != 0;
+  // The reader refuses a message that keeps no group; that is a filter's verdict when the
+  // wire has no group or when filters dropped every entry, and bad input otherwise.
+  const std::uint32_t numGroupsAt = ctx.ipHdr().headerLength + Nimo::PimCommonHdr::kSize + 2 +
+                                    Nimo::addressBytes(ctx.ipHdr().af) + 1;
+  const std::uint8_t* numGroups = ctx.pkt()->data(numGroupsAt, 1);
+  // (The data exists only once the header and upstream address have read well.)
+  const bool noGroups = jp->joinPruneData() && jp->joinPruneData()->empty() &&
+                        (read || (numGroups && *numGroups == 0) || jp->report().filtered > 0);
+  if (!read && !noGroups) {
     FLICK_TRACE(ioTrace(), 1, "{} {}", prefix(), kJoinPruneReadError);
     return drop(ctx, MessageCounterType::invalid);
   }
   ctx.remainingIs(0);
-  if (jp->joinPruneData()->empty()) {
+  if (noGroups) {
     FLICK_TRACE(ioTrace(), 5, "{} {}", prefix(), kJoinPruneZeroGroups);
     return drop(ctx, MessageCounterType::filtered);
   }
   return deliver(ctx, kMessageSubtypeNone, jp);
+}
+
+template <typename M, typename Read>
+Kel::Ptr<M> IOSm::readBody(RxPktContext& ctx, Read read, std::string_view text, int subtype) {
+  auto m = Kel::Ptr<M>::make();
+  m->srcIpIs(ctx.ipHdr().src);
+  m->dstIpIs(ctx.ipHdr().dst);
+  if (!((*m).*read)(ctx.pkt(), ctx.ipHdr().headerLength)) {
+    FLICK_TRACE(ioTrace(), 1, "{} {}", prefix(), text);
+    drop(ctx, MessageCounterType::invalid, subtype);
+    return nullptr;
+  }
+  ctx.remainingIs(0);
+  return m;
+}
+
+bool IOSm::processRegisterMessage(RxPktContext& ctx) {
+  auto m = readBody<Packet::RegisterMessage>(ctx, &Packet::RegisterMessage::readRegisterMessage,
+                                             kRegisterReadError);
+  return m && deliver(ctx, kMessageSubtypeNone, m);
+}
+
+bool IOSm::processRegisterStopMessage(RxPktContext& ctx) {
+  auto m = readBody<Packet::RegisterStopMessage>(
+      ctx, &Packet::RegisterStopMessage::readRegisterStopMessage, kRegisterStopReadError);
+  return m && deliver(ctx, kMessageSubtypeNone, m);
+}
+
+bool IOSm::processBootstrapMessage(RxPktContext& ctx) {
+  FLICK_TRACE(ioTrace(), 7, "{} {}{}", prefix(), kBootstrapFrom, ctx.ipHdr().src);
+  auto m = readBody<Packet::BootstrapMessage>(ctx, &Packet::BootstrapMessage::readBootstrapMessage,
+                                              kBootstrapReadError);
+  if (!m) return false;
+  if (mcastBoundary_) {
+    for (const auto& g : m->groupData()) {
+      if (mcastBoundary_->filteredPrefix(ctx.intfId(), g.prefix)) {
+        FLICK_TRACE(ioTrace(), 5, "{} {}", prefix(), kBootstrapBoundary);
+        return drop(ctx, MessageCounterType::filtered);
+      }
+    }
+  }
+  return deliver(ctx, kMessageSubtypeNone, m);
+}
+
+bool IOSm::processAssertMessage(RxPktContext& ctx) {
+  auto m = readBody<Packet::AssertMessage>(ctx, &Packet::AssertMessage::readAssertMessage,
+                                           kAssertReadError);
+  if (!m) return false;
+  if (mcastBoundary_ && mcastBoundary_->filtered(ctx.intfId(), m->group().address())) {
+    FLICK_TRACE(ioTrace(), 5, "{} {}", prefix(), kAssertBoundary);
+    return drop(ctx, MessageCounterType::filtered);
+  }
+  return deliver(ctx, kMessageSubtypeNone, m);
+}
+
+bool IOSm::processCrpAdvMessage(RxPktContext& ctx) {
+  auto m = readBody<Packet::CrpAdvMessage>(ctx, &Packet::CrpAdvMessage::readCrpAdvMessage,
+                                           kCrpAdvReadError);
+  return m && deliver(ctx, kMessageSubtypeNone, m);
+}
+
+bool IOSm::processDfElectionMessage(RxPktContext& ctx) {
+  using DF = Packet::DfElectionMessage;
+  // The subtype is the high nibble of the header's second byte (present: the PIM header
+  // was peeked).
+  const std::uint8_t subtype = *ctx.pkt()->data(ctx.ipHdr().headerLength + 1) >> 4;
+  Kel::Ptr<DF> m;
+  switch (static_cast<Packet::DfElectionMessageType>(subtype)) {
+    case DF::dfElectionOffer():
+      m = readBody<Packet::DfElectionOfferMessage>(
+          ctx, &Packet::DfElectionOfferMessage::readDfElectionOfferMessage, kDfOfferReadError,
+          subtype);
+      break;
+    case DF::dfElectionWinner():
+      m = readBody<Packet::DfElectionWinnerMessage>(
+          ctx, &Packet::DfElectionWinnerMessage::readDfElectionWinnerMessage, kDfWinnerReadError,
+          subtype);
+      break;
+    case DF::dfElectionBackoff():
+      m = readBody<Packet::DfElectionBackoffMessage>(
+          ctx, &Packet::DfElectionBackoffMessage::readDfElectionBackoffMessage, kDfBackoffReadError,
+          subtype);
+      break;
+    case DF::dfElectionPass():
+      m = readBody<Packet::DfElectionPassMessage>(
+          ctx, &Packet::DfElectionPassMessage::readDfElectionPassMessage, kDfPassReadError,
+          subtype);
+      break;
+    default:
+      FLICK_TRACE(ioTrace(), 1, "{} {}", prefix(), kDfUnsupported);
+      return drop(ctx, MessageCounterType::invalid, subtype);
+  }
+  return m && deliver(ctx, subtype, m);
 }
 
 bool IOSm::neighborFiltered(MessageType, const Nimo::IpGenAddr& src, const Nimo::IntfId& intf) {

@@ -273,9 +273,7 @@ class IOSm : public Kel::Entity {
   const Kel::Ptr<const Routing::McastBoundary::Status>& mcastBoundaryStatus() const noexcept {
     return mcastBoundaryStatus_;
   }
-  void mcastBoundaryStatusIs(const Kel::Ptr<const Routing::McastBoundary::Status>& s) {
-    mcastBoundaryStatus_ = s;
-  }
+  void mcastBoundaryStatusIs(const Kel::Ptr<const Routing::McastBoundary::Status>& s);
   const Kel::Ptr<Routing::Pim::Boundary::McastBoundary>& mcastBoundary() const noexcept {
     return mcastBoundary_;
   }
@@ -305,7 +303,13 @@ class IOSm : public Kel::Entity {
   bool validateRxDstAddress(RxPktContext& ctx);
   bool validateRxSrcAddress(RxPktContext& ctx);
   bool processHelloMessage(RxPktContext& ctx);
+  bool processRegisterMessage(RxPktContext& ctx);
+  bool processRegisterStopMessage(RxPktContext& ctx);
   bool processJoinPruneMessage(RxPktContext& ctx);
+  bool processBootstrapMessage(RxPktContext& ctx);
+  bool processAssertMessage(RxPktContext& ctx);
+  bool processCrpAdvMessage(RxPktContext& ctx);
+  bool processDfElectionMessage(RxPktContext& ctx);
   bool neighborFiltered(Packet::MessageType type, const Nimo::IpGenAddr& src,
                         const Nimo::IntfId& intf);
   // subtype 255 (or any value outside 0-254) means none.
@@ -340,6 +344,10 @@ class IOSm : public Kel::Entity {
   // Posts, or queues when the context says so.
   bool deliver(RxPktContext& ctx, int subtype, const Kel::Ptr<Packet::Message>& msg);
   bool enqueue(RxPktContext& ctx, const Kel::Ptr<Packet::Message>& msg);
+  // Makes M with the packet's addresses and reads it with read; traces text and counts
+  // rx/invalid on failure (null).
+  template <typename M, typename Read>
+  Kel::Ptr<M> readBody(RxPktContext& ctx, Read read, std::string_view text, int subtype = 255);
   void armUnresTimer(std::string_view text);
   bool wantMembership(const Nimo::IntfId& id) const;
 

@@ -11,23 +11,39 @@ void MessageInfo::messageIs(const Kel::Ptr<Packet::Message>& msg) {
   message_ = msg;
 }
 
-Kel::Ptr<Packet::HelloMessage> MessageInfo::helloMessage() const noexcept {
-  return Kel::ptr_cast<Packet::HelloMessage>(message_);
-}
-
-void MessageInfo::helloMessageIs(const Kel::Ptr<Packet::HelloMessage>& msg) {
-  KEL_ASSERT(msg->pimMessageType() == Nimo::pimHello());
-  message_ = msg;
-}
-
-Kel::Ptr<Packet::JoinPruneMessage> MessageInfo::joinPruneMessage() const noexcept {
-  return Kel::ptr_cast<Packet::JoinPruneMessage>(message_);
-}
-
-void MessageInfo::joinPruneMessageIs(const Kel::Ptr<Packet::JoinPruneMessage>& msg) {
-  KEL_ASSERT(msg->pimMessageType() == Nimo::pimJoinPrune());
-  message_ = msg;
-}
+// The invariants are spelled as the system states them, so that a failed one reads so.
+#define PIM_MESSAGE_INFO_KIND(name, Class, invariant)                   \
+  Kel::Ptr<Packet::Class> MessageInfo::name() const noexcept {          \
+    return Kel::ptr_cast<Packet::Class>(message_);                      \
+  }                                                                     \
+  void MessageInfo::name##Is(const Kel::Ptr<Packet::Class>& msg) {      \
+    KEL_ASSERT(invariant);                                              \
+    message_ = msg;                                                     \
+  }
+using Packet::DfElectionMessage;
+PIM_MESSAGE_INFO_KIND(helloMessage, HelloMessage, msg->pimMessageType() == Nimo::pimHello())
+PIM_MESSAGE_INFO_KIND(registerMessage, RegisterMessage,
+                      msg->pimMessageType() == Nimo::pimRegister())
+PIM_MESSAGE_INFO_KIND(registerStopMessage, RegisterStopMessage,
+                      msg->pimMessageType() == Nimo::pimRegisterStop())
+PIM_MESSAGE_INFO_KIND(joinPruneMessage, JoinPruneMessage,
+                      msg->pimMessageType() == Nimo::pimJoinPrune())
+PIM_MESSAGE_INFO_KIND(bootstrapMessage, BootstrapMessage,
+                      msg->pimMessageType() == Nimo::pimBootstrap())
+PIM_MESSAGE_INFO_KIND(assertMessage, AssertMessage, msg->pimMessageType() == Nimo::pimAssert())
+PIM_MESSAGE_INFO_KIND(crpAdvMessage, CrpAdvMessage,
+                      msg->pimMessageType() == Nimo::pimCrpAdvertisement())
+PIM_MESSAGE_INFO_KIND(dfElectionMessage, DfElectionMessage,
+                      msg->pimMessageType() == Nimo::pimDfElection())
+PIM_MESSAGE_INFO_KIND(dfElectionOfferMessage, DfElectionOfferMessage,
+                      msg->dfElectionMessageType() == DfElectionMessage::dfElectionOffer())
+PIM_MESSAGE_INFO_KIND(dfElectionWinnerMessage, DfElectionWinnerMessage,
+                      msg->dfElectionMessageType() == DfElectionMessage::dfElectionWinner())
+PIM_MESSAGE_INFO_KIND(dfElectionBackoffMessage, DfElectionBackoffMessage,
+                      msg->dfElectionMessageType() == DfElectionMessage::dfElectionBackoff())
+PIM_MESSAGE_INFO_KIND(dfElectionPassMessage, DfElectionPassMessage,
+                      msg->dfElectionMessageType() == DfElectionMessage::dfElectionPass())
+#undef PIM_MESSAGE_INFO_KIND
 
 // ---------------------------------------------------------------------------------------
 // PamManager

@@ -118,10 +118,24 @@ class MessageInfo : public Kel::Entity {
   // Any kind, checked against its type: the receive path and the queue post through this.
   void messageIs(const Kel::Ptr<Packet::Message>& msg);
 
-  Kel::Ptr<Packet::HelloMessage> helloMessage() const noexcept;
-  void helloMessageIs(const Kel::Ptr<Packet::HelloMessage>& msg);
-  Kel::Ptr<Packet::JoinPruneMessage> joinPruneMessage() const noexcept;
-  void joinPruneMessageIs(const Kel::Ptr<Packet::JoinPruneMessage>& msg);
+  // One getter and setter per kind; a getter is null when the message is of another kind,
+  // a setter asserts the kind.
+#define PIM_MESSAGE_INFO_KIND(name, Class)                      \
+  Kel::Ptr<Packet::Class> name() const noexcept;                \
+  void name##Is(const Kel::Ptr<Packet::Class>& msg);
+  PIM_MESSAGE_INFO_KIND(helloMessage, HelloMessage)
+  PIM_MESSAGE_INFO_KIND(registerMessage, RegisterMessage)
+  PIM_MESSAGE_INFO_KIND(registerStopMessage, RegisterStopMessage)
+  PIM_MESSAGE_INFO_KIND(joinPruneMessage, JoinPruneMessage)
+  PIM_MESSAGE_INFO_KIND(bootstrapMessage, BootstrapMessage)
+  PIM_MESSAGE_INFO_KIND(assertMessage, AssertMessage)
+  PIM_MESSAGE_INFO_KIND(crpAdvMessage, CrpAdvMessage)
+  PIM_MESSAGE_INFO_KIND(dfElectionMessage, DfElectionMessage)
+  PIM_MESSAGE_INFO_KIND(dfElectionOfferMessage, DfElectionOfferMessage)
+  PIM_MESSAGE_INFO_KIND(dfElectionWinnerMessage, DfElectionWinnerMessage)
+  PIM_MESSAGE_INFO_KIND(dfElectionBackoffMessage, DfElectionBackoffMessage)
+  PIM_MESSAGE_INFO_KIND(dfElectionPassMessage, DfElectionPassMessage)
+#undef PIM_MESSAGE_INFO_KIND
 
  private:
   Nimo::IntfId intfId_;

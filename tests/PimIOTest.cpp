@@ -8,6 +8,7 @@
 #include <deque>
 #include <functional>
 
+#include "fuzz/FuzzInput.h"
 #include "tests/PimIOTestUtil.h"
 
 namespace {
@@ -362,6 +363,108 @@ TEST_F(IOSmTest, GoodHelloIsPostedAndCounted) {
   EXPECT_EQ(rig.rx(0, "eth1", MessageCounterType::success), 2u);
   EXPECT_EQ(rig.rx(0, "", MessageCounterType::success), 2u);
   EXPECT_EQ(rig.mgr->rxPamCounter()->processed(), 2u);
+}
+
+// Every type the dispatch handles beyond Hello and Join/Prune (tested above and below): the
+// codec's own IPv4 messages (the fuzz seeds) are
+// posted in their type's slot as their kind and counted, with the subtype for DF Election;
+// the same message with a broken checksum gives the type's read-error text.
+struct DispatchRow {
+  const char* target;
+  std::uint8_t type;
+  bool unicast;  // sent to a unicast address
+  const char* readError;
+  std::function<bool(const Routing::Pim::IO::MessageInfo&)> kind;
+};
+
+const DispatchRow kDispatch[] = {
+    {"readRegisterMessage", 1, true, "Invalid Pim Register - Read Error",
+     [](const auto& i) { return bool(i.registerMessage()); }},
+    {"readRegisterStopMessage", 2, true, "Invalid Pim Register Stop - Read Error",
+     [](const auto& i) { return bool(i.registerStopMessage()); }},
+    {"readBootstrapMessage", 4, false, "Invalid Pim Bootstrap - Read Error",
+     [](const auto& i) { return bool(i.bootstrapMessage()); }},
+    {"readAssertMessage", 5, false, "Invalid Pim Assert - Read Error",
+     [](const auto& i) { return bool(i.assertMessage()); }},
+    {"readCrpAdvMessage", 8, true, "Invalid Pim CrpAdv - Read Error",
+     [](const auto& i) { return bool(i.crpAdvMessage()); }},
+    {"readDfElectionMessage", 10, false, "Invalid Pim DF Election ",
+     [](const auto& i) {
+       return i.dfElectionOfferMessage() || i.dfElectionWinnerMessage() ||
+              i.dfElectionBackoffMessage() || i.dfElectionPassMessage();
+     }},
+};
+
+TEST_F(IOSmTest, EveryTypeIsPostedAsItsKindAndCounted) {
+  standard();
+  for (std::uint8_t t = 0; t < 16; ++t) rig.mgr->rxMessageInfoIs(t);
+  rig.status->activeNeighborIs({Nimo::IntfId("eth1"), kSrc}, 105);
+  for (const DispatchRow& row : kDispatch) {
+    SCOPED_TRACE(row.target);
+    int posted = 0;
+    for (const Bytes& seed : PimFuzz::seeds(row.target)) {
+      if ((seed[0] & 3) != 0) continue;  // IPv4 only: its checksum ignores the addresses
+      const Bytes msg(seed.begin() + 1 + ((seed[0] >> 2) & 7), seed.end());
+      const Nimo::IpGenAddr dst = row.unicast ? Nimo::IpGenAddr("10.0.0.1") : kAll;
+      const std::uint32_t before = rig.mgr->rxMessageInfo(row.type)->count();
+      ASSERT_TRUE(rig.io->processPkt(
+          Routing::Pim::IO::rxPktContextFactory(pkt(ipPacket(kSrc, dst, msg)), 7)));
+      const auto& info = *rig.mgr->rxMessageInfo(row.type);
+      EXPECT_EQ(info.count(), before + 1);
+      EXPECT_TRUE(row.kind(info));
+      const int subtype = row.type == 10 ? msg[1] >> 4 : 255;
+      EXPECT_EQ(
+          rig.rx(row.type, "eth1", MessageCounterType::success, static_cast<std::uint8_t>(subtype)),
+          row.type == 10 ? 1u : before + 1);
+      Bytes broken = msg;
+      broken[3] ^= 1;
+      capture.clear();
+      EXPECT_FALSE(rig.io->processPkt(
+          Routing::Pim::IO::rxPktContextFactory(pkt(ipPacket(kSrc, dst, broken)), 7)));
+      EXPECT_THAT(lines("Pim::IO"), testing::Contains(HasSubstr(row.readError)));
+      ++posted;
+    }
+    EXPECT_GT(posted, 0);
+  }
+}
+
+// Groups inside the interface's boundary make Join/Prune, Assert and Bootstrap filtered,
+// not invalid; a DF Election of an unknown subtype is invalid on its subtype's keys.
+TEST_F(IOSmTest, BoundaryFiltersAndUnknownDfSubtype) {
+  standard();
+  for (std::uint8_t t : {std::uint8_t{4}, std::uint8_t{5}, std::uint8_t{10}}) {
+    rig.mgr->rxMessageInfoIs(t);
+  }
+  rig.status->activeNeighborIs({Nimo::IntfId("eth1"), kSrc}, 105);
+  auto boundary = Kel::Ptr<Nimo::IntfBoundaryStatus>::make();
+  boundary->groupPrefixIs(Nimo::IpGenPrefix("224.0.0.0/4"));
+  auto all = Kel::Ptr<Routing::McastBoundary::Status>::make("boundary");
+  all->softwareBoundaryStatusIs(Kel::Name("eth1"), boundary);
+  rig.io->mcastBoundaryStatusIs(all);
+  auto first = [](const char* target) {
+    const Bytes seed = PimFuzz::seeds(target).front();
+    return Bytes(seed.begin() + 1 + ((seed[0] >> 2) & 7), seed.end());
+  };
+  Bytes df = first("readDfElectionMessage");
+  df[1] = 0x70;  // subtype 7
+  df = withChecksum(df, kSrc, kAll);
+  for (const Bytes& m : {joinPruneBytes(kSrc, kAll), first("readAssertMessage"),
+                         first("readBootstrapMessage"), df}) {
+    fake->push(ipPacket(kSrc, kAll, m), 7);
+  }
+  rig.io->rxPkt();
+  EXPECT_EQ(rig.rx(3, "eth1", MessageCounterType::filtered), 1u);
+  EXPECT_EQ(rig.rx(5, "eth1", MessageCounterType::filtered), 1u);
+  EXPECT_EQ(rig.rx(4, "eth1", MessageCounterType::filtered), 1u);
+  EXPECT_EQ(rig.rx(10, "eth1", MessageCounterType::invalid, 7), 1u);
+  EXPECT_EQ(rig.mgr->rxPamCounter()->processed(), 0u);
+  const auto io = lines("Pim::IO");
+  for (const char* text : {"RX: Filtered - Pim Join/Prune - Zero Groups",
+                           "RX: Assert: Group is Boundary filter - Packet Filtered",
+                           "RX: Bootstrap: Group in Boundary Filter - Packet Filtered",
+                           "RX: Error - Unsupported Pim DF Election Type"}) {
+    EXPECT_THAT(io, testing::Contains(HasSubstr(text)));
+  }
 }
 
 TEST_F(IOSmTest, DeniedHelloPassesOnAPermittedSecondaryAddress) {
