@@ -171,6 +171,15 @@ TEST_F(IOSmTest, ReopenedSocketGetsMembershipsAndFilter) {
   EXPECT_EQ(second->rxFilter(), fake->rxFilter());
 }
 
+TEST(MessageInfoDeathTest, DfElectionKindMustMatchItsSlot) {
+  Routing::Pim::IO::MessageInfo info("rx");
+  auto offer = Kel::Ptr<Routing::Pim::Packet::DfElectionOfferMessage>::make();
+  info.dfElectionOfferMessageIs(offer);
+  offer->dfElectionMessageTypeIs(Routing::Pim::Packet::DfElectionMessage::dfElectionWinner());
+  EXPECT_DEATH(info.dfElectionOfferMessageIs(offer),
+               "msg->dfElectionMessageType\\(\\) == DfElectionMessage::dfElectionOffer\\(\\)");
+}
+
 TEST(PamManagerDeathTest, UnknownFamilyIsAProgrammingError) {
   EXPECT_DEATH(Routing::Pim::IO::pamManagerFactory(L3::VrfName("v"), Nimo::AddressFamily::ipunknown,
                                                    "", false),
