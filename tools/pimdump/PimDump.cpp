@@ -257,7 +257,7 @@ void Dumper::frame(const std::string& file, long number, LinkType link,
     }
   }
   sink_->reset();
-  Decoded d = decodePim(m);
+  Decoded d = decodePim(m, options_);
   ++messages_;
   const bool ok = d.json.value("ok", false);
   const std::string& error = d.error.empty() ? sink_->firstError() : d.error;

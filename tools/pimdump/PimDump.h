@@ -73,9 +73,10 @@ struct Decoded {
   std::string error;
 };
 
+struct Options;
 // Decodes one located message. The trace facility "Pim::Packet" must be at level 1 or
 // more for the error line to be seen; Dumper sees to that.
-Decoded decodePim(const LocatedPim& m);
+Decoded decodePim(const LocatedPim& m, const Options& options);
 
 // The schema's name for a PIM type number: "hello", ..., "unknown".
 const char* typeName(unsigned typeNumber) noexcept;
@@ -88,6 +89,7 @@ struct Options {
   int traceLevel = 0;   // also show the codec's trace lines up to this level
   long maxCount = -1;   // live: stop after this many PIM messages (-1: no limit)
   double duration = 0;  // live: stop after this many seconds (0: no limit)
+  bool bidir = false;   // read Join/Prunes as a bidirectional router does (else sparse mode)
 };
 
 class Dumper {

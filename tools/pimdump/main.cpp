@@ -24,6 +24,8 @@ void usage(std::ostream& os) {
         "  -i, --interface IFACE  capture live from IFACE (needs root or CAP_NET_RAW)\n"
         "  -c, --count N          live: stop after N PIM messages\n"
         "      --duration S       live: stop after S seconds\n"
+        "      --bidir            read Join/Prunes as a bidirectional-mode router (default:\n"
+        "                         sparse mode; each drops the other mode's groups)\n"
         "      --text             print the codec's own print form, one line per message\n"
         "      --trace LEVEL      also show the codec's trace lines up to LEVEL (1-9) on stderr\n"
         "  -h, --help             this text\n"
@@ -47,13 +49,14 @@ bool number(const char* text, double lo, double hi, double& out) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  enum { kText = 256, kTrace, kDuration };
+  enum { kText = 256, kTrace, kDuration, kBidir };
   static const option kOptions[] = {{"interface", required_argument, nullptr, 'i'},
                                     {"count", required_argument, nullptr, 'c'},
                                     {"duration", required_argument, nullptr, kDuration},
                                     {"text", no_argument, nullptr, kText},
                                     {"trace", required_argument, nullptr, kTrace},
                                     {"help", no_argument, nullptr, 'h'},
+                                    {"bidir", no_argument, nullptr, kBidir},
                                     {nullptr, 0, nullptr, 0}};
   PimDump::Options options;
   std::string interface;
