@@ -107,6 +107,22 @@ TEST_P(PimIONetnsTest, JoinPruneWaitsForItsNeighbourOrIsPurged) {
   EXPECT_EQ(rig->rx(3, pair->vethB.c_str(), MessageCounterType::success), 1u);
 }
 
+// The kernel takes every option the access manager asks for, in both socket variants.
+TEST_P(PimIONetnsTest, SocketVariantsTakeTheirOptions) {
+  for (bool headerInclude : {false, true}) {
+    auto m =
+        Routing::Pim::IO::pamManagerFactory(L3::VrfName("v"), GetParam(), pair->b, headerInclude);
+    ASSERT_TRUE(m->pam());
+    const auto& pam = *m->pam();
+    EXPECT_EQ(pam.optionErrors(), 0u);
+    EXPECT_EQ(pam.options() & 0x1808u, 0x1808u);
+    EXPECT_EQ((pam.options() & 0x0002u) != 0 || pam.ipv6HeaderInclude(), headerInclude);
+    EXPECT_EQ(pam.param(6), 4u << 20);
+    m->transparentIpIs(true);
+    EXPECT_EQ(pam.options() & 0x0200u, 0x0200u);
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Families, PimIONetnsTest,
                          ::testing::Values(Nimo::AddressFamily::ipv4, Nimo::AddressFamily::ipv6),
                          [](const auto& i) {
