@@ -153,7 +153,11 @@ TEST_F(IOSmTest, MembershipFollowsPimAndDevice) {
   rig.status->intfIs(Nimo::IntfId("eth2"));                 // PIM comes up on eth2
   rig.dir->intfStatusIs(Nimo::IntfId("eth1")).ifIndex = 9;  // eth1's device is replaced
   rig.dir->intfStatusNotify(Nimo::IntfId("eth1"));
-  rig.status->intfDel(Nimo::IntfId("eth2"));  // and PIM goes again
+  rig.io->updateCounter(Routing::Pim::IO::MessageCounterDirection::rx, 0, 255, Nimo::IntfId("eth2"),
+                        MessageCounterType::success);
+  rig.status->intfDel(Nimo::IntfId("eth2"));  // and PIM goes again, with its counters
+  EXPECT_EQ(rig.rx(0, "eth2", MessageCounterType::success), 0u);
+  EXPECT_EQ(rig.rx(0, "", MessageCounterType::success), 1u);
   EXPECT_THAT(fake->memberships, ElementsAreArray({fmt::format("{} 8 12", IP_ADD_MEMBERSHIP),
                                                    fmt::format("{} 7 12", IP_DROP_MEMBERSHIP),
                                                    fmt::format("{} 9 12", IP_ADD_MEMBERSHIP),
