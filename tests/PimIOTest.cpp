@@ -624,7 +624,7 @@ TEST_F(UnresolvedQueueTest, FloodOfSpoofedSourcesStaysWithinTheTotalBound) {
   Routing::Pim::IO::ioTrace().levelIs(0);
   const Bytes jp = joinPruneBytes(kSrc, kAll);
   const int n = 100000;
-  const std::size_t heapBefore = ::mallinfo2().uordblks;
+  [[maybe_unused]] const std::size_t heapBefore = ::mallinfo2().uordblks;
   for (int i = 0; i < n; ++i) {
     const Nimo::IpGenAddr src(Nimo::AddressFamily::ipv4,
                               std::array<std::uint8_t, 4>{10, std::uint8_t(i >> 16),
