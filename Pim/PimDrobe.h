@@ -70,6 +70,7 @@
 #include <utility>
 
 #include "Pim/PimTypesDrobe.h"
+#include "Pim/PimDrobeTables.h"
 #include "Pim/platform/Drobe.h"
 #include "Pim/platform/Flicklog.h"
 #include "Pim/platform/Kel.h"

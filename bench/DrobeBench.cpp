@@ -60,6 +60,7 @@ struct CVal {
   std::uint32_t rx[3] = {};
   std::uint32_t tx[3] = {};
   CKey key() const { return k; }
+  bool operator==(const CVal&) const = default;
   // Self-checking content for the torn-read run: every count derives from rx[0].
   static CVal make(const CKey& k, std::uint32_t n) {
     CVal v{k, {n, n * 3u, n ^ 0x5a5a5a5au}, {~n, n * 7u, n + 0x1234u}};
@@ -127,10 +128,10 @@ void BM_BareSeqlockStore(benchmark::State& state) {
   const int fd = ::open(w->file().c_str(), O_RDWR | O_CLOEXEC);
   void* base = ::mmap(nullptr, st.bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   ::close(fd);
-  using Slot = Drobe::detail::Slot<CVal>;
-  // The slots end the file, which is padded to 64 bytes.
-  const std::size_t slotBytes = (std::size_t{st.slots} * sizeof(Slot) + 63) & ~std::size_t{63};
-  auto* slots = reinterpret_cast<Slot*>(static_cast<std::byte*>(base) + st.bytes - slotBytes);
+  // The slots end the file, from a page boundary, padded to a page.
+  constexpr std::size_t kSlot = Drobe::detail::kSlotSize<CVal>;
+  const std::size_t slotBytes = (std::size_t{st.slots} * kSlot + 4095) & ~std::size_t{4095};
+  auto* slots = static_cast<std::byte*>(base) + st.bytes - slotBytes;
   const auto keys = makeKeys(kCapacity);
   const auto idx = randomIndices(1 << 20, st.slots);
   Drobe::detail::SlotBody<CVal> body;
@@ -139,12 +140,7 @@ void BM_BareSeqlockStore(benchmark::State& state) {
   for (auto _ : state) {
     const std::uint32_t i = idx[n & ((1 << 20) - 1)];
     body.value = CVal::make(keys[i % kCapacity], ++n);
-    Slot& s = slots[i];
-    const std::uint32_t seq = s.seq.load(std::memory_order_relaxed);
-    s.seq.store(seq + 1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    std::memcpy(static_cast<void*>(&s.body), &body, sizeof body);
-    s.seq.store(seq + 2, std::memory_order_release);
+    Drobe::detail::writeSlot(reinterpret_cast<std::uint64_t*>(slots + i * kSlot), body);
   }
   ::munmap(base, st.bytes);
   state.SetItemsProcessed(state.iterations());
@@ -167,6 +163,54 @@ void BM_ReaderFind(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_ReaderFind);
+
+// Insertion of 1,000,000 small records with a commit per 10,000: into a table that grows
+// from 64k (rebuilt five times into new files), and into one sized for them at mount.
+struct MKey {
+  std::uint32_t id = 0;
+  std::uint32_t hash() const { return id * 2654435761u; }
+  bool operator==(const MKey&) const = default;
+};
+struct MVal {
+  MKey k;
+  std::uint32_t a = 0;
+  std::uint64_t b = 0;
+  MKey key() const { return k; }
+  bool operator==(const MVal&) const = default;
+};
+constexpr std::uint32_t kMillion = 1000000;
+
+void insertMillion(benchmark::State& state, std::uint32_t initial) {
+  int run = 0;
+  for (auto _ : state) {
+    auto w = Drobe::Writer<MKey, MVal>::create("bench/million" + std::to_string(run++),
+                                               {"rec", initial, 0, kMillion});
+    for (std::uint32_t id = 0; id < kMillion; ++id) {
+      w->is({{id}, id, id * 3ull});
+      if (id % 10000 == 9999) w->commit();
+    }
+    w->commit();
+    benchmark::DoNotOptimize(w->size());
+  }
+  state.SetItemsProcessed(state.iterations() * kMillion);
+}
+void BM_InsertMillionGrowing(benchmark::State& state) { insertMillion(state, 65536); }
+void BM_InsertMillionPresized(benchmark::State& state) { insertMillion(state, kMillion); }
+BENCHMARK(BM_InsertMillionGrowing)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_InsertMillionPresized)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+// Resident bytes of this process, shared pages it touched included.
+std::uint64_t residentBytes() {
+  std::FILE* f = std::fopen("/proc/self/smaps_rollup", "re");
+  if (!f) return 0;
+  char line[256];
+  unsigned long long kb = 0;
+  while (std::fgets(line, sizeof line, f)) {
+    if (std::sscanf(line, "Rss: %llu kB", &kb) == 1) break;
+  }
+  std::fclose(f);
+  return kb * 1024;
+}
 
 // Keeps each benchmark's rate for the ratio lines printed after the run.
 class Collector : public benchmark::ConsoleReporter {
@@ -253,6 +297,7 @@ struct Stamp {
   CKey k;
   std::uint64_t t0 = 0;
   CKey key() const { return k; }
+  bool operator==(const Stamp&) const = default;
 };
 
 Percentiles drobeLatency() {
@@ -381,13 +426,30 @@ int main(int argc, char** argv) {
         "%.2f (aim "
         "<= 1.5), p99 %.2f (aim <= 2)\n",
         d.median, d.p99, d.median / f.median, d.p99 / f.p99);
+    const double grow = rep.rate["BM_InsertMillionGrowing/iterations:3"],
+                 sized = rep.rate["BM_InsertMillionPresized/iterations:3"];
+    if (grow > 0 && sized > 0) {
+      std::printf(
+          "InsertMillion: growing from 64k %.1f M inserts/s vs pre-sized %.1f M/s: time ratio "
+          "%.2f (aim <= 2)\n",
+          grow / 1e6, sized / 1e6, sized / grow);
+    }
+    const std::uint64_t rss0 = residentBytes();
     auto w = Writer::create("bench/size", {"msgCounter", kCapacity, 0});
+    const std::uint64_t rssEmpty = residentBytes() - rss0;
+    const auto keys = makeKeys(kCapacity);
+    for (std::uint32_t i = 0; i < 1000; ++i) w->is(CVal::make(keys[i], 1));
+    w->commit();
+    const std::uint64_t rss1000 = residentBytes() - rss0 - rssEmpty;
+    std::printf("ResidentBytes: empty %u-entry counter table %" PRIu64
+                " bytes, per 1000 entries %" PRIu64 " bytes (%.0f per entry)\n",
+                kCapacity, rssEmpty, rss1000, static_cast<double>(rss1000) / 1000.0);
     const auto st = w->stats();
     std::printf("SharedBytes: %" PRIu64
                 " bytes for %u entries (%u slots of %zu bytes, ring %u): %.1f "
                 "bytes per entry (record %zu bytes)\n",
-                st.bytes, st.capacity, st.slots, sizeof(Drobe::detail::Slot<CVal>), st.ringSize,
-                static_cast<double>(st.bytes) / st.capacity, sizeof(CVal));
+                st.bytes, st.capacity, st.slots, std::size_t{Drobe::detail::kSlotSize<CVal>},
+                st.ringSize, static_cast<double>(st.bytes) / st.capacity, sizeof(CVal));
   }
   std::error_code ec;
   std::filesystem::remove_all(root, ec);

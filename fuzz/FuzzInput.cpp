@@ -234,6 +234,7 @@ std::vector<std::vector<std::uint8_t>> seeds(std::string_view target) {
     }
   }
   for (auto& seed : messageSeeds(target)) out.push_back(std::move(seed));
+  for (auto& seed : sampleSeeds(target)) out.push_back(std::move(seed));
   return out;
 }
 

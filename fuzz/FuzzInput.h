@@ -69,12 +69,15 @@ std::uint32_t readAssertMessage(const std::uint8_t* data, std::size_t size);
 std::uint32_t readBootstrapMessage(const std::uint8_t* data, std::size_t size);
 std::uint32_t readCrpAdvMessage(const std::uint8_t* data, std::size_t size);
 std::uint32_t readDfElectionMessage(const std::uint8_t* data, std::size_t size);
+// pimdump's path from an IP packet to JSON; the input is the IP packet itself.
+std::uint32_t pimdumpFrame(const std::uint8_t* data, std::size_t size);
 
 // The targets by name: the fuzzers' binary suffix (pimfuzz_<name>) and corpus directory.
 inline constexpr std::string_view kTargetNames[] = {
     "readHeader",        "readUnicastAddress",   "readGroupAddress",    "readSourceAddress",
     "readHelloMessage",  "readJoinPruneMessage", "readRegisterMessage", "readRegisterStopMessage",
-    "readAssertMessage", "readBootstrapMessage", "readCrpAdvMessage",   "readDfElectionMessage"};
+    "readAssertMessage", "readBootstrapMessage", "readCrpAdvMessage",   "readDfElectionMessage",
+    "pimdumpFrame"};
 
 // Valid inputs for a target, built with the codec's writers plus a few by hand: the
 // fuzzers' seed corpus and the fixed inputs of the regression test. Each is accepted by
@@ -83,6 +86,8 @@ std::vector<std::vector<std::uint8_t>> seeds(std::string_view target);
 // The seeds of the Register, Register-Stop, Assert, Bootstrap, C-RP-Adv and DF Election
 // targets (FuzzSeedsMessages.cpp); seeds() appends them.
 std::vector<std::vector<std::uint8_t>> messageSeeds(std::string_view target);
+// The sample captures' messages for a target.
+std::vector<std::vector<std::uint8_t>> sampleSeeds(std::string_view target);
 
 }  // namespace PimFuzz
 

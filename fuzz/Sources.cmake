@@ -3,9 +3,11 @@
 set(PIM_FUZZ_TARGETS readHeader readUnicastAddress readGroupAddress readSourceAddress
     readHelloMessage readJoinPruneMessage
     readRegisterMessage readRegisterStopMessage readAssertMessage readBootstrapMessage
-    readCrpAdvMessage readDfElectionMessage)
+    readCrpAdvMessage readDfElectionMessage pimdumpFrame)
+set(PIM_FUZZ_PLATFORM_TARGETS drobeReader)  # own input format and seeds; not in FuzzInput.h
 set(PIM_FUZZ_SUPPORT_SOURCES ${CMAKE_CURRENT_LIST_DIR}/FuzzInput.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/FuzzSeedsMessages.cpp)
+    ${CMAKE_CURRENT_LIST_DIR}/FuzzSeedsMessages.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/FuzzSeedsSamples.cpp)
 set(PIM_FUZZ_TARGET_SOURCES "")
 foreach(t ${PIM_FUZZ_TARGETS})
   string(SUBSTRING ${t} 0 1 first)

@@ -1,14 +1,17 @@
 // Drobe: shared-memory tables in one process (writer and reader on one loop) and across
 // processes (forked writer and readers, a writer killed mid-update). Also Ledra's mounts.
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <random>
 
@@ -180,6 +183,17 @@ TEST_F(DrobeTest, FullTableRefusesWithTraceAndCountAndKeepsItsContents) {
   EXPECT_EQ(m.rows.at(3).counter, 33u);
   ASSERT_TRUE(w->del({0}));
   EXPECT_TRUE(w->is(TVal::make({100}, 1)));
+  // A growing table refuses only at its maximum, and its readers see it grow.
+  auto g = W::create(kPath, {"grow", 8, 0, 20});
+  Mirror gm;
+  auto gr = mirrored(gm, "grow");
+  for (std::uint32_t id = 0; id < 20; ++id) ASSERT_TRUE(g->is(TVal::make({id}, id)));
+  EXPECT_FALSE(g->is(TVal::make({20}, 1)));
+  EXPECT_EQ(g->refused(), 1u);
+  publish(*g);
+  EXPECT_EQ(gm.rows, contents(*g));
+  EXPECT_EQ(gr->stats().capacity, 20u);
+  EXPECT_EQ(gm.unmounts, 0);
 }
 
 TEST_F(DrobeTest, DeletionKeepsProbeChainsAndTombstonesAreReusedAndReclaimed) {
@@ -347,6 +361,145 @@ TEST_F(DrobeTest, MountStatusFollowsTheWriterAndForeignLayoutsAreIgnored) {
   EXPECT_FALSE(foreign->mounted());
 }
 
+// Holds an exclusive open-file-description lock on a file, as a live writer does.
+struct LockHolder {
+  int fd;
+  explicit LockHolder(const std::string& file) : fd(::open(file.c_str(), O_RDWR | O_CLOEXEC)) {
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    EXPECT_EQ(::fcntl(fd, F_OFD_SETLK, &fl), 0) << file;
+  }
+  ~LockHolder() { ::close(fd); }
+};
+
+std::string fileBytes(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+TEST_F(DrobeTest, PaddingNeverReachesSharedMemoryNorMakesANotice) {
+  struct Padded {
+    TKey k;
+    std::uint8_t a = 0;  // three padding bytes follow
+    std::uint32_t b = 0;
+    TKey key() const { return k; }
+    bool operator==(const Padded& o) const { return k == o.k && a == o.a && b == o.b; }
+  };
+  // Records built in storage full of junk, as a stack slot may be.
+  alignas(Padded) unsigned char raw[2][sizeof(Padded)];
+  auto padded = [&](int i, unsigned char junk) -> const Padded& {
+    std::memset(raw[i], junk, sizeof raw[i]);
+    auto* p = new (raw[i]) Padded;
+    p->k = TKey{1};
+    p->a = 1;
+    p->b = 2;
+    return *p;
+  };
+  auto w = Drobe::Writer<TKey, Padded>::create(kPath, {"padded", 8, 0});
+  auto r = Drobe::Reader<TKey, Padded>::create(loop_, kPath, "padded");
+  struct Keys : Drobe::Reader<TKey, Padded>::NotifieeConst {
+    int keys = 0;
+    void onKey(const TKey&) override { ++keys; }
+  } n;
+  n.notifierIs(r);
+  turn();
+  ASSERT_TRUE(w->is(padded(0, 0xAB)));
+  w->commit();
+  turn();
+  ASSERT_TRUE(w->is(padded(1, 0xCD)));  // equal but for its padding: no change
+  w->commit();
+  turn();
+  EXPECT_EQ(n.keys, 1);
+  const std::string bytes = fileBytes(w->file());
+  EXPECT_EQ(bytes.find('\xAB'), std::string::npos);
+  EXPECT_EQ(bytes.find('\xCD'), std::string::npos);
+}
+
+TEST_F(DrobeTest, HeadersThatCannotBeTrustedAreRefusedWithTheirTrace) {
+  auto w = W::create(kPath, {"rec", 32, 0});
+  ASSERT_TRUE(w);
+  w->is(TVal::make({1}, 1));
+  w->commit();
+  const std::string image = fileBytes(w->file());
+  const std::string bad = Drobe::collectionFile(kPath, "bad");
+  // Byte offsets of header fields in page 0 of the file format.
+  struct Case {
+    const char* what;
+    std::size_t offset, width;
+    std::uint64_t value;
+    const char* trace;  // empty: mounts
+  };
+  const std::uint64_t fileSize = image.size();
+  const Case cases[] = {
+      {"the writer's own file, as a control", 0, 0, 0, ""},
+      {"ring size not a power of two", 40, 4, 1000, "(ring size)"},
+      {"ring size beyond the bound", 40, 4, 1u << 21, "(ring size)"},
+      {"more readers than the registry holds", 12, 4, 65, "(reader count)"},
+      {"capacity above the slot count", 32, 4, 1000, "(slot count)"},
+      {"more slots than the file holds", 36, 4, 100000, "(offsets)"},
+      {"slots moved past the end of the file", 80, 8, fileSize, "(offsets)"},
+      {"ring moved onto the header", 64, 8, 0, "(offsets)"},
+      {"file size the file does not have", 88, 8, fileSize + 4096, "(offsets)"},
+      {"file shorter than its header says", ~std::size_t{0}, 0, 4096, "(file size)"},
+      {"another record layout", 48, 8, 0x1234, "written with another record layout"},
+      {"another version", 8, 4, 99, "(not a table of this version)"},
+  };
+  Drobe::trace().levelIs(1);
+  for (const Case& c : cases) {
+    std::string bytes = image;
+    if (c.offset == ~std::size_t{0}) {
+      bytes.resize(bytes.size() - c.value);
+    } else if (c.width) {
+      std::memcpy(bytes.data() + c.offset, &c.value, c.width);
+    }
+    std::ofstream(bad, std::ios::binary | std::ios::trunc) << bytes;
+    LockHolder live(bad);
+    Flicklog::CaptureSink cap;
+    auto r = R::create(loop_, kPath, "bad");
+    turn();
+    const bool refused = *c.trace != 0;
+    EXPECT_EQ(r->mounted(), !refused) << c.what;
+    if (refused) {
+      ASSERT_FALSE(cap.lines().empty()) << c.what;
+      EXPECT_NE(cap.lines()[0].text.find(c.trace), std::string::npos)
+          << c.what << ": " << cap.lines()[0].text;
+    } else {
+      EXPECT_TRUE(r->find({1})) << c.what;
+    }
+  }
+}
+
+TEST_F(DrobeTest, UnsafeMountPathsAreRefusedAndReadersCreateNoDirectory) {
+  Drobe::trace().levelIs(1);
+  const std::pair<const char*, const char*> unsafe[] = {
+      {"", "rec"},     {"a//b", "rec"}, {"a/./b", "rec"}, {"../escape", "rec"}, {"a/b/..", "rec"},
+      {"/abs", "rec"}, {"a/", "rec"},   {"ok", ".."},     {"ok", "x/y"},        {"ok", ""},
+  };
+  for (const auto& [path, name] : unsafe) {
+    Flicklog::CaptureSink cap;
+    EXPECT_FALSE(W::create(path, {name, 8, 0})) << path << " " << name;
+    auto r = R::create(loop_, path, name);
+    turn();
+    EXPECT_FALSE(r->mounted());
+    ASSERT_EQ(cap.lines().size(), 2u) << path << " " << name;
+    EXPECT_NE(cap.lines()[1].text.find("unsafe mount path, refused"), std::string::npos);
+  }
+  EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(root_).parent_path() / "escape"));
+  // A reader of a path nobody writes leaves nothing behind; it still mounts once a writer
+  // creates the directory.
+  Mirror m;
+  auto r = R::create(loop_, "typo/vrf", "rec");
+  m.notifierIs(r);
+  turn();
+  EXPECT_FALSE(std::filesystem::exists(root_ + "/typo"));
+  auto w = W::create("typo/vrf", {"rec", 8, 0});
+  w->is(TVal::make({5}, 5));
+  publish(*w);
+  EXPECT_EQ(m.mounts, 1);
+  EXPECT_EQ(m.rows.count(5), 1u);
+}
+
 // Across processes: forked readers and writers report through pipes; every wait is
 // bounded, and the parent kills only the children it forked.
 
@@ -502,11 +655,251 @@ TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSu
   ::kill(victim, SIGKILL);
   ::waitpid(victim, nullptr, 0);
   std::erase(children_, victim);
+  // The dead writer's pid now names a live process (ours): its successor must not care.
+  const std::string file = Drobe::collectionFile(kXPath, "rec");
+  std::string head = fileBytes(file).substr(0, 128);
+  int patched = 0;
+  for (std::size_t off = 0; off + 4 <= head.size(); off += 4) {
+    std::int32_t v;
+    std::memcpy(&v, head.data() + off, 4);
+    if (v != victim) continue;
+    const std::int32_t live = ::getpid();
+    std::fstream f(file, std::ios::binary | std::ios::in | std::ios::out);
+    f.seekp(static_cast<std::streamoff>(off));
+    f.write(reinterpret_cast<const char*>(&live), 4);
+    ++patched;
+  }
+  ASSERT_EQ(patched, 1);
   startWriter(22, 2000);
   for (const ReaderResult& x : readerResults(workload(22, 2000, nullptr))) {
     EXPECT_EQ(x.mounts, 2);
     EXPECT_EQ(x.unmounts, 1);
     EXPECT_EQ(x.generation, 2u);
+  }
+}
+
+// Runs loop until done() or 10 s (bounded), and says whether done() came true.
+bool runUntil(Ulm::EventLoop& loop, const std::function<bool()>& done) {
+  const Kel::Time deadline = loop.clock()->now() + 10.0;
+  while (!done() && loop.clock()->now() < deadline) loop.runOnce(0.01);
+  return done();
+}
+
+// A child writer commits three records 100 ms apart, its wake-ups hampered: the reader in
+// this process must get all three, and the writer's trace (level 4) shows the path taken.
+TEST_F(DrobeCrossProcessTest, ReadersConvergeWhateverBecomesOfTheirWakeUps) {
+  struct Case {
+    const char* what;
+    bool needsRoot;
+    std::function<bool()> beforeMount, afterRegistration;
+    const char *expected, *absent;
+  };
+  const Case cases[] = {
+      {"the writer is out of descriptors: wake-ups fail, the reader polls", false,
+       [] { return true; },
+       [] {
+         const int lowest = ::open("/dev/null", O_RDONLY);
+         ::close(lowest);
+         const rlimit rl{static_cast<rlim_t>(lowest), static_cast<rlim_t>(lowest)};
+         return ::setrlimit(RLIMIT_NOFILE, &rl) == 0;
+       },
+       "failed", "gone"},
+      // An unprivileged writer is refused the root reader's eventfd.
+      {"the writer may not take the reader's eventfd: datagrams", true,
+       [] { return ::setgid(65534) == 0 && ::setuid(65534) == 0; }, [] { return true; },
+       "woken by datagram", "failed"},
+  };
+  for (const Case& c : cases) {
+    if (c.needsRoot && ::geteuid() != 0) continue;
+#ifdef __SANITIZE_ADDRESS__
+    // UBSan probes memory through a pipe, which a process out of descriptors cannot make.
+    if (&c == cases) continue;
+#endif
+    const std::string path = std::string(kXPath) + "/" + std::to_string(&c - cases);
+    std::filesystem::create_directories(Drobe::mountDir(path));
+    std::filesystem::permissions(Drobe::mountDir(path), std::filesystem::perms::all);
+    Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+    Mirror m;
+    auto r = R::create(loop, path, "rec");
+    m.notifierIs(r);
+    int hold = -1;
+    const pid_t writer = spawn(false, hold, [&](int holdFd) {
+      if (!c.beforeMount()) ::_exit(3);
+      auto w = W::create(path, {"rec", 64, 0});
+      for (int i = 0; w && i < 10000 && w->stats().readers == 0; ++i) ::usleep(1000);
+      if (!w || !c.afterRegistration()) ::_exit(4);
+      Drobe::trace().levelIs(4);
+      Flicklog::CaptureSink cap;
+      for (std::uint32_t id = 1; id <= 3; ++id) {
+        w->is(TVal::make({id}, id));
+        w->commit();
+        ::usleep(100000);
+      }
+      int expected = 0, absent = 0;
+      for (const auto& l : cap.lines()) {
+        expected += l.text.find(c.expected) != std::string::npos;
+        absent += l.text.find(c.absent) != std::string::npos;
+      }
+      for (char ch; ::read(holdFd, &ch, 1) > 0;) {
+      }
+      ::_exit(expected > 0 && absent == 0 ? 0 : 6);
+    });
+    EXPECT_TRUE(runUntil(loop, [&] { return m.rows.size() == 3; })) << c.what;
+    ::close(hold);
+    int status = -1;
+    ::waitpid(writer, &status, 0);
+    std::erase(children_, writer);
+    EXPECT_EQ(status, 0) << c.what << ": the writer's trace does not show the expected path";
+  }
+}
+
+TEST_F(DrobeCrossProcessTest, ADeadReadersRegistrationIsFreed) {
+  auto w = W::create(kXPath, {"rec", 64, 0});
+  ASSERT_TRUE(w);
+  w->is(TVal::make({1}, 1));
+  w->commit();
+  int progress = -1;
+  // The reader reports each record it sees, so that it is woken once while alive (the
+  // writer then holds its wake-up descriptor) before it is killed.
+  const pid_t reader = spawn(true, progress, [](int out) {
+    Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+    Mirror m;
+    auto r = R::create(loop, kXPath, "rec");
+    m.notifierIs(r);
+    for (std::uint32_t id : {1u, 2u}) {
+      if (!runUntil(loop, [&] { return m.rows.count(id) == 1; })) ::_exit(3);
+      (void)!::write(out, "x", 1);
+    }
+    runUntil(loop, [] { return false; });  // until killed, or 10 s
+    ::_exit(0);
+  });
+  auto next = [&] {
+    pollfd p{progress, POLLIN, 0};
+    char c;
+    return ::poll(&p, 1, 10000) == 1 && ::read(progress, &c, 1) == 1;
+  };
+  ASSERT_TRUE(next());
+  w->is(TVal::make({2}, 2));
+  w->commit();
+  ASSERT_TRUE(next());
+  EXPECT_EQ(w->stats().readers, 1u);
+  ::kill(reader, SIGKILL);
+  ::waitpid(reader, nullptr, 0);
+  std::erase(children_, reader);
+  for (std::uint32_t i = 0; i < 500 && w->stats().readers > 0; ++i) {
+    w->is(TVal::make({3}, i));
+    w->commit();
+    ::usleep(20000);
+  }
+  EXPECT_EQ(w->stats().readers, 0u);
+}
+
+// Growth: small records, so that a million of them fit a test machine.
+struct GKey {
+  std::uint32_t id = 0;
+  std::uint32_t hash() const { return id * 2654435761u; }
+  bool operator==(const GKey&) const = default;
+};
+struct GVal {
+  GKey k;
+  std::uint32_t counter = 0;
+  std::uint64_t check = 0;
+  GKey key() const { return k; }
+  static GVal make(std::uint32_t id, std::uint32_t counter) {
+    return {{id}, counter, mix((std::uint64_t{id} << 32) | counter)};
+  }
+  bool intact() const { return check == make(k.id, counter).check; }
+  bool operator==(const GVal&) const = default;
+};
+constexpr std::uint32_t kGrowMax = 1000000, kGrowDone = kGrowMax - 1;
+std::uint32_t fold(std::uint64_t d) { return static_cast<std::uint32_t>(d ^ (d >> 32)); }
+
+// Follows a growing table through its notices into rows[id] = counter + 1, and reports
+// whether it converged to the done record's digest without a torn record.
+[[noreturn]] void growthReader(int outFd) {
+  using GR = Drobe::Reader<GKey, GVal>;
+  struct Rows : GR::NotifieeConst {
+    std::vector<std::uint32_t> rows = std::vector<std::uint32_t>(kGrowMax);
+    std::uint64_t torn = 0, collections = 0, mounts = 0, unmounts = 0;
+    void onMountStatus(bool up) override { ++(up ? mounts : unmounts); }
+    void take(const GVal& v) {
+      torn += !v.intact();
+      rows[v.k.id % kGrowMax] = v.counter + 1;
+    }
+    void onKey(const GKey& k) override {
+      if (auto v = notifier()->find(k)) {
+        take(*v);
+      } else {
+        rows[k.id % kGrowMax] = 0;
+      }
+    }
+    void onCollection() override {
+      ++collections;
+      std::fill(rows.begin(), rows.end(), 0);
+      for (const GVal& v : *notifier()) take(v);
+    }
+    std::uint64_t digest() const {
+      std::uint64_t d = 0;
+      for (std::uint32_t id = 0; id < kGrowDone; ++id) d += rows[id] ? mix(id + rows[id]) : 0;
+      return d;
+    }
+  };
+  Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+  Rows m;
+  auto r = GR::create(loop, "test/grow", "rec");
+  m.notifierIs(r);
+  bool converged = false;
+  const Kel::Time deadline = loop.clock()->now() + 240.0;
+  while (!converged && loop.clock()->now() < deadline) {
+    loop.runOnce(0.05);
+    converged = m.rows[kGrowDone] != 0 && fold(m.digest()) == m.rows[kGrowDone] - 1;
+  }
+  const std::uint64_t res[5] = {converged, m.torn, m.collections, r->stats().capacity,
+                                m.mounts * 10 + m.unmounts};
+  ::_exit(::write(outFd, res, sizeof res) == static_cast<ssize_t>(sizeof res) ? 0 : 4);
+}
+
+TEST_F(DrobeCrossProcessTest, ATableGrowsFrom64kToAMillionWhileTwoReadersFollow) {
+  int out[2];
+  for (int& fd : out) spawn(true, fd, growthReader);
+  auto w = Drobe::Writer<GKey, GVal>::create("test/grow", {"rec", 65536, 4096, kGrowMax});
+  ASSERT_TRUE(w);
+  // Batches of 10,000 per commit, every tenth record rewritten and every hundredth
+  // deleted a batch later, so that keys change on both sides of each switch.
+  std::uint64_t digest = 0;
+  std::vector<std::uint32_t> counters(kGrowDone);
+  for (std::uint32_t base = 0; base < kGrowDone; base += 10000) {
+    for (std::uint32_t id = base; id < std::min(base + 10000, kGrowDone); ++id) {
+      ASSERT_TRUE(w->is(GVal::make(id, counters[id] = id % 7 + 1)));
+    }
+    for (std::uint32_t id = base >= 10000 ? base - 10000 : 0; id < base; id += 10) {
+      if (id % 100 == 0) {
+        w->del({id});
+        counters[id] = 0;
+      } else {
+        w->is(GVal::make(id, ++counters[id]));
+      }
+    }
+    w->commit();
+  }
+  for (std::uint32_t id = 0; id < kGrowDone; ++id) {
+    digest += counters[id] ? mix(id + counters[id] + 1) : 0;
+  }
+  // The last record, the millionth, carries the digest of the others.
+  ASSERT_TRUE(w->is(GVal::make(kGrowDone, fold(digest))));
+  w->commit();
+  EXPECT_EQ(w->capacity(), kGrowMax);
+  for (int fd : out) {
+    std::uint64_t res[5] = {};
+    pollfd p{fd, POLLIN, 0};
+    EXPECT_TRUE(::poll(&p, 1, 250000) == 1 &&
+                ::read(fd, res, sizeof res) == static_cast<ssize_t>(sizeof res));
+    ::close(fd);
+    EXPECT_EQ(res[0], 1u) << "did not converge";
+    EXPECT_EQ(res[1], 0u) << "torn records";
+    EXPECT_GE(res[2], 5u) << "a whole-collection notice per generation switch";
+    EXPECT_EQ(res[3], kGrowMax);
+    EXPECT_EQ(res[4], 10u) << "mounted once, never unmounted across the switches";
   }
 }
 

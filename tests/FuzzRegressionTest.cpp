@@ -35,6 +35,7 @@ constexpr NamedTarget kTargets[] = {
     {"readBootstrapMessage", &PimFuzz::readBootstrapMessage},
     {"readCrpAdvMessage", &PimFuzz::readCrpAdvMessage},
     {"readDfElectionMessage", &PimFuzz::readDfElectionMessage},
+    {"pimdumpFrame", &PimFuzz::pimdumpFrame},
 };
 static_assert(std::size(kTargets) == std::size(PimFuzz::kTargetNames));
 

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <string>
 #include <utility>
@@ -79,6 +80,28 @@ TEST(PimDrobeMountPath, BothFamiliesAndVrfBeforeName) {
   EXPECT_EQ(D::MessageCounters::mountPath(v6, red, "x"), "routing6/pim/counters/red/x");
   EXPECT_EQ(N::IntfStatus::mountPath(v4), "routing/pim/intf/status");
   EXPECT_EQ(N::IntfStatus::mountPath(v6), "routing6/pim/intf/status");
+}
+
+TEST(PimDrobeMountPath, VrfNamesThatCouldLeaveTheTableRootAreRefused) {
+  const std::pair<std::string, std::string_view> bad[] = {
+      {std::string(64, 'v'), L3::VrfName::kRangeErrorText},
+      {"a/b", L3::VrfName::kBadByteErrorText},
+      {"/", L3::VrfName::kBadByteErrorText},
+      {"tab\there", L3::VrfName::kBadByteErrorText},
+      {"del\x7f", L3::VrfName::kBadByteErrorText},
+  };
+  for (const auto& [name, text] : bad) {
+    try {
+      L3::VrfName v(name);
+      ADD_FAILURE() << "accepted " << name;
+    } catch (const Kel::RangeError& e) {
+      EXPECT_EQ(e.what(), text);
+    }
+  }
+  EXPECT_EQ(L3::VrfName(std::string(63, 'v')).name().size(), 63u);
+  // ".." is a name like any other, but not a place to mount tables.
+  auto s = D::statusFactory(D::Status::mountPath(AddressFamily::ipv4, L3::VrfName("..")));
+  EXPECT_FALSE(s->mountWriter());
 }
 
 TEST(PimDrobeDeathTest, UnsupportedFamilyOrTableTypeAsserts) {
@@ -187,6 +210,54 @@ TEST(PimDrobeStatus, MountInDependencyOrderCreatesTheTypedEntity) {
   ASSERT_TRUE(D::mountInDependencyOrder(em, all, "Routing::Pim::IntfNghbr::Drobe::IntfStatus"));
   EXPECT_TRUE(em.lookup<N::IntfStatus>(all));
   EXPECT_FALSE(em.lookup<D::Status>(all));
+}
+
+TEST(PimDrobeStatus, RecordsOfTheSameSizeButAnotherLayoutAreRefused) {
+  static_assert(sizeof(D::NeighborRef) == sizeof(D::IntfSecondaryAddress));
+  const std::string path = uniquePath("layout");
+  auto w = D::statusFactory(path);
+  ASSERT_TRUE(w->mountWriter());
+  Ulm::EventLoop loop(Kel::Ptr<Kel::Clock>(new Kel::SystemClock));
+  ::Drobe::trace().levelIs(1);
+  Flicklog::CaptureSink cap;
+  auto wrong = ::Drobe::Reader<D::IntfSecondaryAddressKey, D::IntfSecondaryAddress>::create(
+      loop, path, "inactiveNeighbor");
+  auto right =
+      ::Drobe::Reader<D::NeighborKey, D::NeighborRef>::create(loop, path, "inactiveNeighbor");
+  EXPECT_FALSE(wrong->mounted());
+  EXPECT_TRUE(right->mounted());
+  ASSERT_EQ(cap.lines().size(), 1u);
+  EXPECT_NE(cap.lines()[0].text.find("inactiveNeighbor: written with another record layout"),
+            std::string::npos)
+      << cap.lines()[0].text;
+}
+
+// Resident bytes of this process (shared pages it touched included).
+std::uint64_t residentBytes() {
+  std::ifstream in("/proc/self/smaps_rollup");
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("Rss:", 0) == 0) return std::stoull(line.substr(4)) * 1024;
+  }
+  return 0;
+}
+
+TEST(PimDrobeStatus, AnEmptySetCostsKilobytesAndEntriesCostTheirPages) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "resident bytes under ASan count its own shadow and allocator pages";
+#endif
+  const std::uint64_t before = residentBytes();
+  auto s = D::statusFactory(uniquePath("footprint"));
+  ASSERT_TRUE(s->mountWriter());
+  s->commit();
+  const std::uint64_t empty = residentBytes() - before;
+  for (std::uint32_t i = 0; i < 1000; ++i) ASSERT_TRUE(s->neighborIs(record(i, 1)));
+  s->commit();
+  const std::uint64_t thousand = residentBytes() - before;
+  std::printf("resident: empty Status set %llu bytes, with 1000 neighbours %llu bytes\n",
+              static_cast<unsigned long long>(empty), static_cast<unsigned long long>(thousand));
+  // Slots constructed at mount cost about 32 MB here, empty or not.
+  EXPECT_LT(empty, 1u << 20);
+  EXPECT_LT(thousand, 16u << 20);
 }
 
 TEST(PimDrobeStatus, ReaderNotificationsNameTheChangedKeys) {
@@ -392,5 +463,82 @@ void readersFollowTheWriter(bool crash) {
 
 TEST(PimDrobeCrossProcess, ReadersConvergeToTheWritersState) { readersFollowTheWriter(false); }
 TEST(PimDrobeCrossProcess, ReadersResyncAfterTheWriterIsKilled) { readersFollowTheWriter(true); }
+
+// Open descriptors of this process.
+std::size_t openDescriptors() {
+  std::size_t n = 0;
+  for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
+  return n - 1;  // the iterator's own
+}
+
+TEST(PimDrobeCrossProcess, AReaderOfThreeTableSetsInTwoVrfsHoldsAHandfulOfDescriptors) {
+  const L3::VrfName vrfs[] = {L3::VrfName("red"), L3::VrfName("blue")};
+  std::vector<Kel::Ptr<D::Status>> status;
+  std::vector<Kel::Ptr<D::MessageCounters>> counters;
+  auto all = N::intfStatusFactory(N::IntfStatus::mountPath(AddressFamily::ipv4));
+  ASSERT_TRUE(all->mountWriter());
+  for (const auto& vrf : vrfs) {
+    status.push_back(D::statusFactory(D::Status::mountPath(AddressFamily::ipv4, vrf)));
+    counters.push_back(
+        D::messageCountersFactory(D::MessageCounters::mountPath(AddressFamily::ipv4, vrf, "io")));
+    ASSERT_TRUE(status.back()->mountWriter() && counters.back()->mountWriter());
+  }
+  int toParent[2], toChild[2];
+  ASSERT_EQ(::pipe(toParent), 0);
+  ASSERT_EQ(::pipe(toChild), 0);
+  const std::size_t writerBefore = openDescriptors() - 2;  // the child's ends, closed below
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::close(toParent[0]);
+    ::close(toChild[1]);
+    Ulm::EventLoop loop(Kel::Ptr<Kel::Clock>(new Kel::SystemClock));
+    const std::size_t before = openDescriptors();
+    struct Seen : D::Status::NotifieeConst {
+      int keys = 0;
+      void onNeighbor(const D::NeighborKey&) override { ++keys; }
+    };
+    std::vector<Kel::Ptr<Kel::Entity>> held;
+    std::vector<Seen> seen(2);
+    auto r = N::intfStatusFactory(N::IntfStatus::mountPath(AddressFamily::ipv4));
+    r->mountReader(loop);
+    for (int i = 0; i < 2; ++i) {
+      auto s = D::statusFactory(D::Status::mountPath(AddressFamily::ipv4, vrfs[i]));
+      auto c = D::messageCountersFactory(
+          D::MessageCounters::mountPath(AddressFamily::ipv4, vrfs[i], "io"));
+      s->mountReader(loop);
+      c->mountReader(loop);
+      seen[static_cast<std::size_t>(i)].notifierIs(s);
+      held.push_back(s);
+      held.push_back(c);
+    }
+    for (int i = 0; i < 20; ++i) loop.runOnce(0.01);
+    (void)!::write(toParent[1], "m", 1);  // mounted: the writer changes a neighbour per VRF
+    for (int i = 0; i < 1000 && (seen[0].keys == 0 || seen[1].keys == 0); ++i) loop.runOnce(0.01);
+    const auto n = static_cast<std::uint32_t>(openDescriptors() - before);
+    (void)!::write(toParent[1], &n, sizeof n);
+    waitByte(toChild[0], 30);
+    ::_exit(seen[0].keys && seen[1].keys ? 0 : 3);
+  }
+  ::close(toParent[1]);
+  ::close(toChild[0]);
+  ASSERT_TRUE(waitByte(toParent[0], 30));
+  for (std::size_t i = 0; i < 2; ++i) {
+    status[i]->neighborIs(record(static_cast<std::uint32_t>(i), 1));
+    status[i]->commit();
+    counters[i]->msgCounterInc(D::CounterKey(1, 0, IntfId("Ethernet1")), rx, success);
+    counters[i]->msgCounterCommit();
+  }
+  std::uint32_t readerFds = 0;
+  pollfd p{toParent[0], POLLIN, 0};
+  ASSERT_TRUE(::poll(&p, 1, 30000) == 1 &&
+              ::read(toParent[0], &readerFds, sizeof readerFds) == sizeof readerFds);
+  const std::size_t writerAfter = openDescriptors();
+  ::close(toChild[1]);
+  EXPECT_EQ(waitChild(child, 30), 0) << "the reader missed a change";
+  ::close(toParent[0]);
+  // An eventfd, a socket, an inotify instance and a pidfd for the writer.
+  EXPECT_LE(readerFds, 4u);
+  EXPECT_LE(writerAfter - writerBefore, 2u);
+}
 
 }  // namespace

@@ -104,27 +104,6 @@ TEST(PimTypesDrobeKeys, KeysOrderFieldByField) {
   EXPECT_LT(N::IntfVrfKey(a, 1), N::IntfVrfKey(a, 9));
 }
 
-// One row per operator! (each compares with the default, so one set field stands for all).
-TEST(PimTypesDrobeKeys, DefaultIsNullAndAnyFieldSetIsNot) {
-  const IntfId e("E");
-  const IpGenAddr ad("0.0.0.0");  // set (family IPv4) though all zero
-  const struct {
-    const char* what;
-    bool null, expected;
-  } cases[] = {
-      {"D::NeighborKey()", !D::NeighborKey(), true},
-      {"D::NeighborKey(0.0.0.0)", !D::NeighborKey(ad, IntfId()), false},
-      {"D::CounterKey()", !D::CounterKey(), true},
-      {"D::CounterKey(stype)", !D::CounterKey(0, 1, IntfId()), false},
-      {"D::Intf()", !D::Intf(), true},
-      {"D::Intf(key)", !D::Intf(e, IpGenAddrWithMask()), false},
-      {"N::Neighbor()", !N::Neighbor(), true},
-      {"D::MessageCounterData()", !D::MessageCounterData(), true},
-      {"D::NeighborRef(key)", !D::NeighborRef(D::NeighborKey(ad, e)), false},
-  };
-  for (const auto& c : cases) EXPECT_EQ(c.null, c.expected) << c.what;
-}
-
 // Text forms. Samples fill every field with a non-default value, so that a field left out
 // of the text form or of the parser changes the round trip. The Intf sample is parsed from
 // its text and must print that text back, which pins the format of its many fields.

@@ -2,8 +2,14 @@
 // registry, wake-ups, mounting and writer liveness. The typed slot and ring handling is in
 // Drobe.h.
 //
-// File layout (offsets are multiples of 64):
-//   Header | reader registry (kMaxReaders entries) | change ring | slots
+// File layout:
+//   page 0: header (geometry written once at mount, then the commit counters)
+//   page 1: reader registry (kMaxReaders entries), the one part readers write; they map
+//           it on its own, writable, and everything else read-only
+//   page 2: change ring, then the page-use bitmap (one bit per page of slots, set by the
+//           writer before it first writes a slot there; readers never touch a page whose
+//           bit is clear, so unused slots cost no memory at either end), then the slots
+//           from a page boundary.
 #include "Pim/platform/Drobe.h"
 
 #include <fcntl.h>
@@ -24,7 +30,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <mutex>
 #include <new>
+#include <vector>
 
 namespace Drobe {
 
@@ -33,14 +42,17 @@ namespace detail {
 namespace {
 
 constexpr std::uint64_t kMagic = 0x31454C4241544244ull;  // "DBTABLE1"
-constexpr std::uint32_t kVersion = 2;                    // 2: reader entries carry an eventfd
+constexpr std::uint32_t kVersion = 3;  // 3: word-wise slots, page bitmap, schema, lock
 constexpr std::uint32_t kMaxReaders = 64;
 constexpr std::uint32_t kStateLive = 1;
 constexpr std::uint32_t kStateRetired = 2;
+constexpr std::uint32_t kStateGrown = 3;  // replaced by a grown table of the same writer
 constexpr std::uint32_t kEntryFree = 0;
 constexpr std::uint32_t kEntryClaiming = 1;
 constexpr std::uint32_t kEntryActive = 2;
 constexpr double kHealthPeriod = 1.0;
+// How often a reader whose wake-ups are failing polls instead (until they work again).
+constexpr double kFailingPollPeriod = 0.05;
 // How often the writer asks whether a reader woken through its eventfd, that has not
 // consumed its last wake-up, is still alive (a write to a dead reader's eventfd succeeds).
 constexpr std::uint64_t kPeerCheckNs = 1000000000ull;
@@ -53,6 +65,17 @@ std::uint64_t monotonicNs() {
 }
 
 std::uint64_t roundUp64(std::uint64_t n) { return (n + 63) & ~std::uint64_t{63}; }
+constexpr std::uint64_t kPage = 4096;
+std::uint64_t roundUpPage(std::uint64_t n) { return (n + kPage - 1) & ~(kPage - 1); }
+
+// Whether another open file description holds the writer's lock on fd's file.
+bool writerLockHeld(int fd) {
+  struct flock fl {};
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
+  if (::fcntl(fd, F_OFD_GETLK, &fl) != 0) return false;
+  return fl.l_type != F_UNLCK;
+}
 
 }  // namespace
 
@@ -63,6 +86,7 @@ struct alignas(64) Header {
   Layout layout;
   std::uint64_t registryOffset;
   std::uint64_t ringOffset;
+  std::uint64_t bitmapOffset;
   std::uint64_t slotsOffset;
   std::uint64_t fileSize;
   std::atomic<std::uint32_t> state;
@@ -80,32 +104,67 @@ struct alignas(64) ReaderEntry {
   std::atomic<std::uint32_t> state;
   std::atomic<std::int32_t> pid;
   std::atomic<std::uint32_t> signalled;
+  // Wake-ups the writer could not deliver, counted so that the reader notices and polls.
+  std::atomic<std::uint32_t> undelivered;
   std::uint32_t nameLen;
-  char name[44];         // abstract socket address, sun_path bytes
+  char name[40];         // abstract socket address, sun_path bytes
   std::int32_t eventFd;  // the reader's eventfd, by its number in the reader; -1 if none
 };
 static_assert(sizeof(ReaderEntry) == 64);
 
-// One mapped collection file.
+// One mapped collection file, with the offsets it was validated with: nothing read from
+// the shared header after mount decides where a pointer goes.
 class Mapping {
  public:
   ~Mapping() {
+    if (registry_ && registry_ != static_cast<void*>(base_ + registryOffset_)) {
+      munmap(registry_, kPage);
+    }
     if (base_) munmap(base_, size_);
   }
-  static Mapping* create(void* base, std::size_t size, dev_t dev, ino_t ino) {
+  // Takes ownership of base (size bytes); registry is a separate writable mapping of the
+  // registry page, or nullptr (read-only reader: it polls instead).
+  static Mapping* create(std::byte* base, std::size_t size, const struct stat& st, const Header& h,
+                         ReaderEntry* registry) {
     auto* m = new Mapping;
-    m->base_ = static_cast<std::byte*>(base);
+    m->base_ = base;
     m->size_ = size;
-    m->dev_ = dev;
-    m->ino_ = ino;
+    m->dev_ = st.st_dev;
+    m->ino_ = st.st_ino;
+    m->layout_ = h.layout;
+    m->maxReaders_ = h.maxReaders;
+    m->registryOffset_ = h.registryOffset;
+    m->ring_ = reinterpret_cast<std::uint64_t*>(base + h.ringOffset);
+    m->bitmap_ = reinterpret_cast<std::uint64_t*>(base + h.bitmapOffset);
+    m->slots_ = base + h.slotsOffset;
+    m->registry_ = registry;
     return m;
   }
   Header* header() const noexcept { return reinterpret_cast<Header*>(base_); }
-  ReaderEntry* reader(std::uint32_t i) const noexcept {
-    return reinterpret_cast<ReaderEntry*>(base_ + header()->registryOffset) + i;
+  bool hasRegistry() const noexcept { return registry_ != nullptr; }
+  ReaderEntry* reader(std::uint32_t i) const noexcept { return registry_ + i; }
+  std::uint32_t maxReaders() const noexcept { return registry_ ? maxReaders_ : 0; }
+  const Layout& layout() const noexcept { return layout_; }
+  std::uint64_t* ringEntry(std::uint64_t pos) const noexcept {
+    return ring_ + (pos & (layout_.ringSize - 1)) * (layout_.ringEntrySize / 8);
   }
-  std::byte* slots() const noexcept { return base_ + header()->slotsOffset; }
-  std::byte* ring() const noexcept { return base_ + header()->ringOffset; }
+  std::uint64_t* slot(std::uint32_t i) const noexcept {
+    return reinterpret_cast<std::uint64_t*>(slots_ + std::size_t{i} * layout_.slotSize);
+  }
+  // The first and last page (relative to the slots) that slot i occupies.
+  std::pair<std::uint64_t, std::uint64_t> pagesOf(std::uint32_t i) const noexcept {
+    const std::uint64_t off = std::uint64_t{i} * layout_.slotSize;
+    return {off / kPage, (off + layout_.slotSize - 1) / kPage};
+  }
+  bool pageUsed(std::uint64_t page) const noexcept {
+    return (loadWord(bitmap_ + page / 64, std::memory_order_acquire) >> (page % 64)) & 1u;
+  }
+  void pageUse(std::uint64_t page) noexcept {
+    std::uint64_t* w = bitmap_ + page / 64;
+    const std::uint64_t bit = std::uint64_t{1} << (page % 64);
+    const std::uint64_t old = loadWord(w, std::memory_order_relaxed);
+    if (!(old & bit)) storeWord(w, old | bit, std::memory_order_release);
+  }
   std::size_t size() const noexcept { return size_; }
   bool sameFile(const struct stat& st) const noexcept {
     return st.st_dev == dev_ && st.st_ino == ino_;
@@ -116,6 +175,13 @@ class Mapping {
   std::size_t size_ = 0;
   dev_t dev_ = 0;
   ino_t ino_ = 0;
+  Layout layout_;
+  std::uint32_t maxReaders_ = 0;
+  std::uint64_t registryOffset_ = 0;
+  std::uint64_t* ring_ = nullptr;
+  std::uint64_t* bitmap_ = nullptr;
+  std::byte* slots_ = nullptr;
+  ReaderEntry* registry_ = nullptr;
 };
 
 std::uint32_t slotCountFor(std::uint32_t capacity) {
@@ -126,26 +192,54 @@ std::uint32_t slotCountFor(std::uint32_t capacity) {
 }
 
 std::uint32_t ringSizeFor(std::uint32_t requested) {
-  return std::bit_ceil(std::max<std::uint32_t>(requested == 0 ? kDefaultRingSize : requested, 4));
+  const std::uint32_t r = requested == 0 ? kDefaultRingSize : requested;
+  return std::bit_ceil(std::clamp<std::uint32_t>(r, 4, kMaxRingSize));
 }
 
 namespace {
 
-// A process is alive if it exists and is not a zombie: a killed writer that its parent has
-// not reaped yet must not block its successor.
-bool processAlive(std::int32_t pid) {
-  if (pid <= 0) return false;
-  if (::kill(pid, 0) != 0 && errno != EPERM) return false;
-  char path[64];
-  std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
-  std::FILE* f = std::fopen(path, "re");
-  if (!f) return true;
-  char buf[512];
-  std::size_t n = std::fread(buf, 1, sizeof buf - 1, f);
-  std::fclose(f);
-  buf[n] = 0;
-  const char* close = std::strrchr(buf, ')');
-  return !(close && close[1] == ' ' && (close[2] == 'Z' || close[2] == 'X'));
+struct FileGeometry {
+  std::uint64_t registryOffset, ringOffset, bitmapOffset, slotsOffset, fileSize;
+};
+
+// Where everything goes for a layout; all arithmetic in 64 bits.
+FileGeometry geometryOf(const Layout& l) {
+  FileGeometry g{};
+  g.registryOffset = kPage;
+  g.ringOffset = 2 * kPage;
+  g.bitmapOffset = roundUp64(g.ringOffset + std::uint64_t{l.ringSize} * l.ringEntrySize);
+  const std::uint64_t slotBytes = std::uint64_t{l.slotCount} * l.slotSize;
+  const std::uint64_t pages = (slotBytes + kPage - 1) / kPage;
+  g.slotsOffset = roundUpPage(g.bitmapOffset + (pages + 63) / 64 * 8);
+  g.fileSize = roundUpPage(g.slotsOffset + slotBytes);
+  return g;
+}
+
+// Why a header cannot be trusted with this layout, or nullptr. Checked: every size against
+// the record types, every bound, and every offset against the geometry the sizes imply
+// (which the file size must match), so that no index a reader computes leaves the file.
+const char* headerProblem(const Header& h, std::uint64_t fileSize, const Layout& want) {
+  if (h.magic != kMagic || h.version != kVersion) return "not a table of this version";
+  const Layout& l = h.layout;
+  if (l.keySize != want.keySize || l.valueSize != want.valueSize || l.slotSize != want.slotSize ||
+      l.ringEntrySize != want.ringEntrySize || l.schema != want.schema) {
+    return "record layout";
+  }
+  if (h.maxReaders > kMaxReaders) return "reader count";
+  if (l.ringSize < 4 || l.ringSize > kMaxRingSize || !std::has_single_bit(l.ringSize)) {
+    return "ring size";
+  }
+  if (l.slotCount < 8 || l.slotCount > slotCountFor(kMaxCapacity) || l.capacity > l.slotCount) {
+    return "slot count";
+  }
+  const FileGeometry g = geometryOf(l);
+  if (h.registryOffset != g.registryOffset || h.ringOffset != g.ringOffset ||
+      h.bitmapOffset != g.bitmapOffset || h.slotsOffset != g.slotsOffset ||
+      h.fileSize != g.fileSize) {
+    return "offsets";
+  }
+  if (h.fileSize != fileSize) return "file size";
+  return nullptr;
 }
 
 bool mkdirs(const std::string& dir) {
@@ -162,30 +256,52 @@ bool mkdirs(const std::string& dir) {
   return true;
 }
 
-bool layoutMatches(const Layout& have, const Layout& want) {
-  return have.keySize == want.keySize && have.valueSize == want.valueSize &&
-         have.slotSize == want.slotSize && have.ringEntrySize == want.ringEntrySize;
-}
+enum class Access { Probe, Reader };
 
-// Maps an existing collection file if it is a complete table of the expected layout.
-Mapping* mapExisting(const std::string& file, const Layout& want, bool quiet) {
-  int fd = ::open(file.c_str(), O_RDWR | O_CLOEXEC);
+// Maps an existing collection file if its header can be trusted with this layout: the
+// records read-only, and for a reader the registry page writable on its own when the
+// file allows it. writerLive tells whether a writer holds the file's lock. quiet: a
+// writer probing its predecessor's file does not trace foreign files.
+Mapping* mapExisting(const std::string& file, const Layout& want, Access access, bool& writerLive) {
+  writerLive = false;
+  int fd = ::open(file.c_str(), (access == Access::Reader ? O_RDWR : O_RDONLY) | O_CLOEXEC);
+  if (fd < 0 && access == Access::Reader && errno == EACCES) {
+    fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  }
   if (fd < 0) return nullptr;
   struct stat st {};
   Mapping* m = nullptr;
-  if (::fstat(fd, &st) == 0 && static_cast<std::size_t>(st.st_size) >= sizeof(Header)) {
+  if (::fstat(fd, &st) == 0 && static_cast<std::uint64_t>(st.st_size) >= 2 * kPage) {
     const auto size = static_cast<std::size_t>(st.st_size);
-    void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void* base = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
     if (base != MAP_FAILED) {
-      m = Mapping::create(base, size, st.st_dev, st.st_ino);
-      const Header* h = m->header();
-      if (h->magic != kMagic || h->version != kVersion || h->fileSize != size ||
-          !layoutMatches(h->layout, want)) {
-        if (!quiet) {
-          FLICK_TRACE(trace(), 1, "{}: not a table of this record layout, ignored", file);
+      // One copy of the header, so that a writer changing it under us cannot pass the
+      // checks with one value and be used with another.
+      Header h;
+      std::memcpy(static_cast<void*>(&h), base, sizeof h);
+      const char* problem = headerProblem(h, size, want);
+      if (problem) {
+        if (access == Access::Reader) {
+          if (std::strcmp(problem, "record layout") == 0) {
+            FLICK_TRACE(trace(), 1,
+                        "{}: written with another record layout (schema {:#x}, size {}; "
+                        "expected schema {:#x}, size {}), refused",
+                        file, h.layout.schema, h.layout.valueSize, want.schema, want.valueSize);
+          } else {
+            FLICK_TRACE(trace(), 1, "{}: table header not trusted ({}), refused", file, problem);
+          }
         }
-        delete m;
-        m = nullptr;
+        ::munmap(base, size);
+      } else {
+        writerLive = writerLockHeld(fd);
+        ReaderEntry* registry = nullptr;
+        if (access == Access::Reader && (::fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDWR &&
+            ::sysconf(_SC_PAGESIZE) == static_cast<long>(kPage)) {
+          void* r = ::mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, fd,
+                           static_cast<off_t>(h.registryOffset));
+          if (r != MAP_FAILED) registry = static_cast<ReaderEntry*>(r);
+        }
+        m = Mapping::create(static_cast<std::byte*>(base), size, st, h, registry);
       }
     }
   }
@@ -193,7 +309,45 @@ Mapping* mapExisting(const std::string& file, const Layout& want, bool quiet) {
   return m;
 }
 
+// Each component of a relative path: one or more, none empty, "." or "..".
+bool safeComponents(std::string_view path, bool single) noexcept {
+  if (path.empty()) return false;
+  std::size_t pos = 0;
+  for (;;) {
+    const std::size_t slash = path.find('/', pos);
+    const std::string_view c =
+        path.substr(pos, slash == std::string_view::npos ? slash : slash - pos);
+    if (c.empty() || c == "." || c == "..") return false;
+    if (slash == std::string_view::npos) return true;
+    if (single) return false;
+    pos = slash + 1;
+  }
+}
+
 }  // namespace
+
+bool safeMountPath(std::string_view path) noexcept { return safeComponents(path, false); }
+bool safeCollectionName(std::string_view name) noexcept { return safeComponents(name, true); }
+
+AnonBuffer::~AnonBuffer() {
+  if (base_) ::munmap(base_, bytes_);
+}
+
+bool AnonBuffer::allocate(std::size_t bytes) noexcept {
+  if (base_) ::munmap(base_, bytes_);
+  base_ = nullptr;
+  bytes_ = std::max<std::size_t>(bytes, 1);
+  void* p = ::mmap(nullptr, bytes_, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (p == MAP_FAILED) return false;
+  base_ = p;
+  return true;
+}
+
+void AnonBuffer::clear() noexcept {
+  // Private anonymous pages read back as zeroes once dropped.
+  if (base_) ::madvise(base_, bytes_, MADV_DONTNEED);
+}
 
 // ---------------------------------------------------------------------------------------
 // WriterCore
@@ -201,103 +355,187 @@ Mapping* mapExisting(const std::string& file, const Layout& want, bool quiet) {
 WriterCore::WriterCore(std::string path, std::string name, const Layout& layout)
     : path_(std::move(path)), name_(std::move(name)), layout_(layout) {
   file_ = collectionFile(path_, name_);
+  if (!safeMountPath(path_) || !safeCollectionName(name_)) {
+    FLICK_TRACE(trace(), 1, "{}: unsafe mount path, refused", file_);
+    return;
+  }
   const std::string dir = mountDir(path_);
   if (!mkdirs(dir)) {
     FLICK_TRACE(trace(), 1, "{}: cannot create directory: {}", dir, std::strerror(errno));
     return;
   }
-  // A predecessor's table gives the generation; a live predecessor keeps its table.
+  // A predecessor's table gives the generation; one whose writer still holds its lock
+  // keeps it. The pid in the header only names that writer in the trace.
   std::uint64_t generation = 1;
-  if (Mapping* old = mapExisting(file_, layout_, true)) {
+  bool live = false;
+  if (Mapping* old = mapExisting(file_, layout_, Access::Probe, live)) {
     const Header* h = old->header();
-    const std::int32_t pid = h->writerPid.load();
-    if (h->state.load() == kStateLive && pid != ::getpid() && processAlive(pid)) {
-      FLICK_TRACE(trace(), 1, "{}: writer {} is alive, mount refused", file_, pid);
+    if (live) {
+      FLICK_TRACE(trace(), 1, "{}: writer {} is alive, mount refused", file_, h->writerPid.load());
       delete old;
       return;
     }
     generation = h->generation.load() + 1;
     delete old;
   }
-
-  const std::uint64_t registryOffset = roundUp64(sizeof(Header));
-  const std::uint64_t ringOffset = registryOffset + kMaxReaders * sizeof(ReaderEntry);
-  const std::uint64_t slotsOffset =
-      roundUp64(ringOffset + std::uint64_t{layout_.ringSize} * layout_.ringEntrySize);
-  const std::uint64_t size =
-      roundUp64(slotsOffset + std::uint64_t{layout_.slotCount} * layout_.slotSize);
-
+  if (!create(generation, nullptr)) return;
   // Built under a private name and renamed into place, so a reader never maps a table
   // that is still being initialised.
-  const std::string tmp = dir + "/." + name_ + "." + std::to_string(::getpid()) + ".tmp";
-  int fd = ::open(tmp.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0660);
-  if (fd < 0) {
-    FLICK_TRACE(trace(), 1, "{}: cannot create: {}", tmp, std::strerror(errno));
+  if (::rename(tmp_.c_str(), file_.c_str()) != 0) {
+    FLICK_TRACE(trace(), 1, "{}: cannot rename into place: {}", file_, std::strerror(errno));
+    ::unlink(tmp_.c_str());
+    delete map_;
+    map_ = nullptr;
     return;
   }
+  tmp_.clear();
+  FLICK_TRACE(trace(), 4, "{}: mounted, generation {}, capacity {}, {} slots, {} bytes", file_,
+              generation, layout_.capacity, layout_.slotCount, map_->size());
+}
+
+WriterCore::WriterCore(const WriterCore& from, const Layout& layout)
+    : path_(from.path_), name_(from.name_), file_(from.file_), layout_(layout) {
+  create(from.map_->header()->generation.load(), &from);
+}
+
+bool WriterCore::create(std::uint64_t generation, const WriterCore* from) {
+  static std::atomic<std::uint32_t> serial{0};
+  const FileGeometry g = geometryOf(layout_);
+  tmp_ = mountDir(path_) + "/." + name_ + "." + std::to_string(::getpid()) + "." +
+         std::to_string(serial.fetch_add(1)) + ".tmp";
+  int fd = ::open(tmp_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0660);
+  if (fd < 0) {
+    FLICK_TRACE(trace(), 1, "{}: cannot create: {}", tmp_, std::strerror(errno));
+    return false;
+  }
+  struct flock fl {};
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
   void* base = MAP_FAILED;
   struct stat st {};
-  if (::ftruncate(fd, static_cast<off_t>(size)) == 0 && ::fstat(fd, &st) == 0) {
-    base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (::fcntl(fd, F_OFD_SETLK, &fl) == 0 && ::ftruncate(fd, static_cast<off_t>(g.fileSize)) == 0 &&
+      ::fstat(fd, &st) == 0) {
+    base = ::mmap(nullptr, g.fileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   }
-  ::close(fd);
   if (base == MAP_FAILED) {
-    FLICK_TRACE(trace(), 1, "{}: cannot size or map: {}", tmp, std::strerror(errno));
-    ::unlink(tmp.c_str());
-    return;
+    FLICK_TRACE(trace(), 1, "{}: cannot lock, size or map: {}", tmp_, std::strerror(errno));
+    ::close(fd);
+    ::unlink(tmp_.c_str());
+    return false;
   }
+  lockFd_ = fd;
   auto* h = new (base) Header{};
   h->magic = kMagic;
   h->version = kVersion;
   h->maxReaders = kMaxReaders;
   h->layout = layout_;
-  h->registryOffset = registryOffset;
-  h->ringOffset = ringOffset;
-  h->slotsOffset = slotsOffset;
-  h->fileSize = size;
+  h->registryOffset = g.registryOffset;
+  h->ringOffset = g.ringOffset;
+  h->bitmapOffset = g.bitmapOffset;
+  h->slotsOffset = g.slotsOffset;
+  h->fileSize = g.fileSize;
   h->generation.store(generation);
   h->writerPid.store(::getpid());
-  auto* bytes = static_cast<std::byte*>(base);
-  for (std::uint32_t i = 0; i < kMaxReaders; ++i) {
-    new (bytes + registryOffset + i * sizeof(ReaderEntry)) ReaderEntry{};
+  if (from) {
+    const Header* o = from->map_->header();
+    h->commits.store(o->commits.load());
+    h->refused.store(o->refused.load());
+    h->corrupt.store(o->corrupt.load());
   }
-  // Ring entries and slots are zero-filled by ftruncate; the typed writer placement-news
-  // them before its first commit. Ring positions start at ~0 ("never written").
-  map_ = Mapping::create(base, size, st.st_dev, st.st_ino);
+  auto* bytes = static_cast<std::byte*>(base);
+  auto* registry = reinterpret_cast<ReaderEntry*>(bytes + g.registryOffset);
+  for (std::uint32_t i = 0; i < kMaxReaders; ++i) new (registry + i) ReaderEntry{};
+  // The ring, the bitmap and the slots stay as ftruncate left them: zeroes, untouched.
+  map_ = Mapping::create(bytes, g.fileSize, st, *h, registry);
   h->state.store(kStateLive, std::memory_order_release);
-  if (::rename(tmp.c_str(), file_.c_str()) != 0) {
+  peers_.resize(kMaxReaders);
+  return true;
+}
+
+void WriterCore::install(WriterCore& from) {
+  if (::rename(tmp_.c_str(), file_.c_str()) != 0) {
     FLICK_TRACE(trace(), 1, "{}: cannot rename into place: {}", file_, std::strerror(errno));
-    ::unlink(tmp.c_str());
-    delete map_;
-    map_ = nullptr;
     return;
   }
-  peers_.resize(kMaxReaders);
-  FLICK_TRACE(trace(), 4, "{}: mounted, generation {}, capacity {}, {} slots, {} bytes", file_,
-              generation, layout_.capacity, layout_.slotCount, size);
+  tmp_.clear();
+  // Its readers find the grown table under the same name and generation, and move.
+  from.grown_ = true;
+  from.map_->header()->state.store(kStateGrown, std::memory_order_seq_cst);
+  from.signalReaders();
+  FLICK_TRACE(trace(), 4, "{}: grown to capacity {}, {} slots, {} bytes", file_, layout_.capacity,
+              layout_.slotCount, map_->size());
 }
 
 WriterCore::~WriterCore() {
-  if (map_) {
+  if (map_ && !tmp_.empty()) {
+    ::unlink(tmp_.c_str());  // never put in place
+  } else if (map_ && !grown_) {
     map_->header()->state.store(kStateRetired, std::memory_order_seq_cst);
     signalReaders();
     // Remove the file only if it is still ours; a successor may have replaced it.
     struct stat st {};
     if (::stat(file_.c_str(), &st) == 0 && map_->sameFile(st)) ::unlink(file_.c_str());
-    delete map_;
   }
+  delete map_;
+  if (lockFd_ >= 0) ::close(lockFd_);
   for (Peer& p : peers_) closePeer(p);
 }
+namespace {
+
+// The descriptors that wake one reader process (its eventfd, or a socket connected to its
+// own, and a pidfd), shared by every collection this process writes: the writer holds two
+// per reader process, however many of its tables that process reads.
+struct SharedPeer {
+  int fd = -1;
+  int pidfd = -1;
+  bool eventFd = false;
+  int refs = 0;
+};
+std::mutex gPeersMutex;
+std::map<std::string, SharedPeer> gPeers;  // by reader pid, socket name and eventfd number
+
+std::string peerKey(std::int32_t pid, const char* name, std::uint32_t len, std::int32_t efd) {
+  std::string k(reinterpret_cast<const char*>(&pid), sizeof pid);
+  k.append(reinterpret_cast<const char*>(&efd), sizeof efd);
+  k.append(name, len);
+  return k;
+}
+
+}  // namespace
 
 void WriterCore::closePeer(Peer& p) {
-  if (p.fd >= 0) ::close(p.fd);
-  if (p.pidfd >= 0) ::close(p.pidfd);
+  if (p.fd >= 0 || p.pidfd >= 0) {
+    std::lock_guard<std::mutex> lock(gPeersMutex);
+    auto it = gPeers.find(peerKey(p.pid, p.name, p.nameLen, p.readerEventFd));
+    if (it != gPeers.end() && --it->second.refs == 0) {
+      if (it->second.fd >= 0) ::close(it->second.fd);
+      if (it->second.pidfd >= 0) ::close(it->second.pidfd);
+      gPeers.erase(it);
+    }
+  }
   p.fd = -1;
   p.pidfd = -1;
   p.eventFd = false;
 }
 
 bool WriterCore::openPeer(Peer& p, const ReaderEntry& e) {
+  std::lock_guard<std::mutex> lock(gPeersMutex);
+  p.readerEventFd = e.eventFd;
+  const std::string key = peerKey(p.pid, p.name, p.nameLen, p.readerEventFd);
+  if (auto it = gPeers.find(key); it != gPeers.end()) {
+    ++it->second.refs;
+    p.fd = it->second.fd;
+    p.pidfd = it->second.pidfd;
+    p.eventFd = it->second.eventFd;
+    p.nextCheck = monotonicNs() + kPeerCheckNs;
+    return true;
+  }
+  if (!openPeerFds(p, e)) return false;
+  gPeers[key] = SharedPeer{p.fd, p.pidfd, p.eventFd, 1};
+  return true;
+}
+
+bool WriterCore::openPeerFds(Peer& p, const ReaderEntry& e) {
   // Preferred: a duplicate of the reader's eventfd, taken through a pidfd (needs ptrace
   // access to the reader, as root). The pidfd stays open to tell a dead reader.
   if (e.eventFd >= 0) {
@@ -309,7 +547,9 @@ bool WriterCore::openPeer(Peer& p, const ReaderEntry& e) {
         // same reader's now, the number named its eventfd when we took it, not a reuse.
         if (e.state.load() != kEntryActive || e.pid.load() != p.pid || e.nameLen != p.nameLen ||
             std::memcmp(e.name, p.name, p.nameLen) != 0) {
-          closePeer(p);
+          ::close(p.fd);
+          ::close(p.pidfd);
+          p.fd = p.pidfd = -1;
           errno = EAGAIN;  // the entry changed hands: the next commit starts again
           return false;
         }
@@ -322,6 +562,8 @@ bool WriterCore::openPeer(Peer& p, const ReaderEntry& e) {
     }
   }
   // Otherwise (refused, or an old kernel): a datagram socket connected to the reader's.
+  FLICK_TRACE(trace(), 4, "{}: reader {} woken by datagram (pidfd_getfd: {})", file_, p.pid,
+              e.eventFd >= 0 ? std::strerror(errno) : "no eventfd");
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   std::memcpy(addr.sun_path, p.name, p.nameLen);
@@ -336,12 +578,22 @@ bool WriterCore::openPeer(Peer& p, const ReaderEntry& e) {
   return p.fd >= 0;
 }
 
-std::byte* WriterCore::slot(std::uint32_t i) const noexcept {
-  return map_->slots() + std::size_t{i} * layout_.slotSize;
+std::uint64_t* WriterCore::slotForWrite(std::uint32_t i) noexcept {
+  const auto [first, last] = map_->pagesOf(i);
+  for (std::uint64_t p = first; p <= last; ++p) map_->pageUse(p);
+  return map_->slot(i);
 }
 
-std::byte* WriterCore::ringEntry(std::uint64_t pos) const noexcept {
-  return map_->ring() + (pos & (layout_.ringSize - 1)) * layout_.ringEntrySize;
+bool WriterCore::slotWritten(std::uint32_t i) const noexcept {
+  const auto [first, last] = map_->pagesOf(i);
+  for (std::uint64_t p = first; p <= last; ++p) {
+    if (!map_->pageUsed(p)) return false;
+  }
+  return loadWord(map_->slot(i), std::memory_order_relaxed) != 0;
+}
+
+std::uint64_t* WriterCore::ringEntry(std::uint64_t pos) const noexcept {
+  return map_->ringEntry(pos);
 }
 
 std::uint64_t WriterCore::ringHead() const noexcept {
@@ -394,6 +646,7 @@ void WriterCore::signalReaders() {
     if (errno == ECONNREFUSED || errno == ENOENT) {
       freeEntry(*e, p, i);  // the reader is gone without unregistering (killed)
     } else if (errno != EAGAIN) {
+      e->undelivered.fetch_add(1);
       FLICK_TRACE(trace(), 1, "{}: wake-up of reader {} failed: {}", file_, e->pid.load(),
                   std::strerror(errno));
       e->signalled.store(0);
@@ -422,19 +675,184 @@ CollectionStats statsOf(const Mapping* m) {
   s.refused = h->refused.load();
   s.corrupt = h->corrupt.load();
   s.size = h->liveCount.load();
-  s.capacity = h->layout.capacity;
-  s.slots = h->layout.slotCount;
-  s.ringSize = h->layout.ringSize;
-  for (std::uint32_t i = 0; i < h->maxReaders; ++i) {
+  s.capacity = m->layout().capacity;
+  s.slots = m->layout().slotCount;
+  s.ringSize = m->layout().ringSize;
+  for (std::uint32_t i = 0; i < m->maxReaders(); ++i) {
     s.readers += m->reader(i)->state.load() == kEntryActive;
   }
-  s.bytes = h->fileSize;
+  s.bytes = m->size();
   return s;
 }
 
 }  // namespace
 
 CollectionStats WriterCore::stats() const { return statsOf(map_); }
+
+// ---------------------------------------------------------------------------------------
+// ReaderHub: the descriptors of all readers on one event loop, so that a reader process
+// holds a handful whatever it mounts: one eventfd and one datagram socket for wake-ups
+// (registered under the same name in every table), one inotify instance, and one pidfd
+// per writer process. A wake-up or event is offered to every reader of the loop; each
+// checks its own table, which costs a load or two.
+
+namespace {
+std::mutex gHubsMutex;
+std::map<const Ulm::EventLoop*, ReaderHub*> gHubs;
+}  // namespace
+
+class ReaderHub {
+ public:
+  static ReaderHub* join(Ulm::EventLoop& loop, ReaderCore* c) {
+    std::lock_guard<std::mutex> lock(gHubsMutex);
+    ReaderHub*& h = gHubs[&loop];
+    if (!h) h = new ReaderHub(loop);
+    h->cores_.push_back(c);
+    return h;
+  }
+  void leave(ReaderCore* c) {
+    if (dispatching_ > 0) {
+      // Keep indexes stable for the dispatch in progress; it compacts afterwards.
+      std::replace(cores_.begin(), cores_.end(), c, static_cast<ReaderCore*>(nullptr));
+      return;
+    }
+    std::erase(cores_, c);
+    if (cores_.empty()) destroy();
+  }
+  int eventFd() const noexcept { return eventFd_; }
+  int sock() const noexcept { return sock_; }
+  int inotify() const noexcept { return inotify_; }
+  void watchWriter(ReaderCore* c, std::int32_t pid) {
+    unwatchWriter(c);
+    c->writerPid_ = pid;
+    Pidfd& p = writers_[pid];
+    if (p.refs++ == 0) {
+      p.fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+      // The writer's exit makes its pidfd readable: prompt detection of a crash.
+      if (p.fd >= 0) {
+        ::fcntl(p.fd, F_SETFD, FD_CLOEXEC);
+        loop_.watch(p.fd, [this, pid] {
+          dispatch([pid](ReaderCore* r) {
+            if (r->writerPid_ == pid) r->check();
+          });
+        });
+      }
+    }
+  }
+  void unwatchWriter(ReaderCore* c) {
+    if (c->writerPid_ == 0) return;
+    auto it = writers_.find(c->writerPid_);
+    c->writerPid_ = 0;
+    if (it == writers_.end() || --it->second.refs > 0) return;
+    if (it->second.fd >= 0) {
+      loop_.unwatch(it->second.fd);
+      ::close(it->second.fd);
+    }
+    writers_.erase(it);
+  }
+
+ private:
+  struct Pidfd {
+    int fd = -1;
+    int refs = 0;
+  };
+  explicit ReaderHub(Ulm::EventLoop& loop) : loop_(loop) {
+    // Woken through the eventfd when the writer may duplicate it, else through the socket.
+    // Edge-triggered: every write is an event, so the counter is never read (one system
+    // call less per wake-up); it would take 2^64 wake-ups to fill.
+    eventFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (eventFd_ >= 0 &&
+        !loop_.watch(
+            eventFd_, [this] { dispatch([](ReaderCore* r) { r->woken(); }); }, true)) {
+      ::close(eventFd_);
+      eventFd_ = -1;
+    }
+    sock_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    // Binding only the family autobinds a unique abstract name: nothing to clean up.
+    if (sock_ < 0 ||
+        ::bind(sock_, reinterpret_cast<const sockaddr*>(&addr), sizeof(sa_family_t)) != 0) {
+      FLICK_TRACE(trace(), 1, "wake-up socket: {}", std::strerror(errno));
+    } else {
+      loop_.watch(sock_, [this] {
+        // Wake-ups are coalesced, so one datagram is normally all there is; should more be
+        // queued, the level-triggered loop calls again.
+        char buf[64];
+        (void)::recv(sock_, buf, sizeof buf, MSG_DONTWAIT);
+        dispatch([](ReaderCore* r) { r->woken(); });
+      });
+    }
+    inotify_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (inotify_ < 0) {
+      FLICK_TRACE(trace(), 1, "inotify unavailable ({}), polling", std::strerror(errno));
+    } else {
+      loop_.watch(inotify_, [this] { directoryEvents(); });
+    }
+  }
+  void destroy() {
+    {
+      std::lock_guard<std::mutex> lock(gHubsMutex);
+      gHubs.erase(&loop_);
+    }
+    for (int fd : {eventFd_, sock_, inotify_}) {
+      if (fd < 0) continue;
+      loop_.unwatch(fd);
+      ::close(fd);
+    }
+    delete this;
+  }
+  void directoryEvents() {
+    alignas(inotify_event) char buf[4096];
+    std::vector<std::string> names;
+    std::vector<int> ignored;
+    bool overflow = false;
+    for (;;) {
+      const ssize_t n = ::read(inotify_, buf, sizeof buf);
+      if (n <= 0) break;
+      for (ssize_t off = 0; off < n;) {
+        const auto* ev = reinterpret_cast<const inotify_event*>(buf + off);
+        overflow |= (ev->mask & IN_Q_OVERFLOW) != 0;
+        if (ev->len) names.emplace_back(ev->name);
+        // The directory went away: its readers watch it again when it is back.
+        if (ev->mask & IN_IGNORED) ignored.push_back(ev->wd);
+        off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
+      }
+    }
+    dispatch([&](ReaderCore* r) {
+      if (std::find(ignored.begin(), ignored.end(), r->wd_) != ignored.end()) {
+        r->watching_ = false;
+      }
+      if (overflow || !r->watching_ ||
+          std::find(names.begin(), names.end(), r->name_) != names.end()) {
+        r->check();
+      }
+    });
+  }
+  // Calls fn for each reader that is still on the loop when its turn comes (a handler may
+  // destroy readers); the hub goes when the last one has.
+  template <typename F>
+  void dispatch(F&& fn) {
+    ++dispatching_;
+    // By index: readers that join during the dispatch are appended, readers that leave
+    // are nulled (see leave), so no copy of the list is needed on the wake-up path.
+    const std::size_t n = cores_.size();
+    for (std::size_t i = 0; i < n; ++i) {
+      if (ReaderCore* c = cores_[i]) fn(c);
+    }
+    if (--dispatching_ > 0) return;
+    std::erase(cores_, nullptr);
+    if (cores_.empty()) destroy();
+  }
+
+  Ulm::EventLoop& loop_;
+  std::vector<ReaderCore*> cores_;
+  std::map<std::int32_t, Pidfd> writers_;
+  int eventFd_ = -1;
+  int sock_ = -1;
+  int inotify_ = -1;
+  int dispatching_ = 0;
+};
 
 // ---------------------------------------------------------------------------------------
 // ReaderCore
@@ -449,58 +867,41 @@ ReaderCore::ReaderCore(Ulm::EventLoop& loop, std::string path, std::string name,
       health_(loop.timers(), [this] {
         health_.delayIs(kHealthPeriod);
         check();
+        if (failing_) health_.delayIs(kFailingPollPeriod);
       }) {
   file_ = collectionFile(path_, name_);
-  const std::string dir = mountDir(path_);
-  if (!mkdirs(dir)) {
-    FLICK_TRACE(trace(), 1, "{}: cannot create directory: {}", dir, std::strerror(errno));
+  safe_ = safeMountPath(path_) && safeCollectionName(name_);
+  if (!safe_) {
+    FLICK_TRACE(trace(), 1, "{}: unsafe mount path, refused", file_);
+    return;
   }
-  inotify_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (inotify_ >= 0 &&
-      ::inotify_add_watch(inotify_, dir.c_str(),
-                          IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_ONLYDIR) >= 0) {
-    loop_.watch(inotify_, [this] {
-      alignas(inotify_event) char buf[4096];
-      bool ours = false;
-      for (;;) {
-        const ssize_t n = ::read(inotify_, buf, sizeof buf);
-        if (n <= 0) break;
-        for (ssize_t off = 0; off < n;) {
-          const auto* ev = reinterpret_cast<const inotify_event*>(buf + off);
-          if ((ev->mask & IN_Q_OVERFLOW) || (ev->len && name_ == ev->name)) ours = true;
-          off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
-        }
-      }
-      if (ours) check();
-    });
-  } else {
-    FLICK_TRACE(trace(), 1, "{}: inotify unavailable ({}), polling", dir, std::strerror(errno));
-  }
-  // Woken through the eventfd when the writer may duplicate it, else through the socket.
-  // Edge-triggered: every write is an event, so the counter is never read (one system
-  // call less per wake-up); it would take 2^64 wake-ups to fill.
-  eventFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  if (eventFd_ >= 0 && !loop_.watch(
-                           eventFd_, [this] { woken(); }, true)) {
-    ::close(eventFd_);
-    eventFd_ = -1;
-  }
-  sock_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  // Binding only the family autobinds a unique abstract name: nothing to clean up.
-  if (sock_ < 0 ||
-      ::bind(sock_, reinterpret_cast<const sockaddr*>(&addr), sizeof(sa_family_t)) != 0) {
-    FLICK_TRACE(trace(), 1, "{}: wake-up socket: {}", file_, std::strerror(errno));
-  } else {
-    loop_.watch(sock_, [this] {
-      drainSocket();
-      woken();
-    });
-  }
+  hub_ = ReaderHub::join(loop_, this);
+  watchDir();
   tryMount();
   // Announce (or poll) on the first loop turn, after the creator attached its notifiees.
   health_.deadlineIs(loop_.clock()->now());
+}
+
+// Watches the mount directory for a writer's file to appear. Readers never create the
+// directory: until it exists, the health timer tries again.
+void ReaderCore::watchDir() {
+  if (watching_ || hub_->inotify() < 0) return;
+  std::string dir = mountDir(path_);
+  wd_ = ::inotify_add_watch(
+      hub_->inotify(), dir.c_str(),
+      IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_ONLYDIR | IN_DELETE_SELF);
+  watching_ = wd_ >= 0;
+  // Not there yet: watch the nearest directory that is, to try again when the next one
+  // down appears.
+  while (!watching_ && errno == ENOENT) {
+    const std::size_t slash = dir.rfind('/');
+    if (slash == std::string::npos || slash == 0) break;
+    dir.resize(slash);
+    if (::inotify_add_watch(hub_->inotify(), dir.c_str(), IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) >=
+        0) {
+      break;
+    }
+  }
 }
 
 ReaderCore::~ReaderCore() {
@@ -508,30 +909,22 @@ ReaderCore::~ReaderCore() {
     if (registryIndex_ >= 0) map_->reader(static_cast<std::uint32_t>(registryIndex_))->state = 0;
     delete map_;
   }
-  if (pidfd_ >= 0) {
-    loop_.unwatch(pidfd_);
-    ::close(pidfd_);
-  }
-  if (sock_ >= 0) {
-    loop_.unwatch(sock_);
-    ::close(sock_);
-  }
-  if (eventFd_ >= 0) {
-    loop_.unwatch(eventFd_);
-    ::close(eventFd_);
-  }
-  if (inotify_ >= 0) {
-    loop_.unwatch(inotify_);
-    ::close(inotify_);
+  if (hub_) {
+    hub_->unwatchWriter(this);
+    hub_->leave(this);
   }
 }
 
-const std::byte* ReaderCore::slot(std::uint32_t i) const noexcept {
-  return map_->slots() + std::size_t{i} * layout_.slotSize;
+const std::uint64_t* ReaderCore::slot(std::uint32_t i) const noexcept {
+  const auto [first, last] = map_->pagesOf(i);
+  for (std::uint64_t p = first; p <= last; ++p) {
+    if (!map_->pageUsed(p)) return nullptr;
+  }
+  return map_->slot(i);
 }
 
-const std::byte* ReaderCore::ringEntry(std::uint64_t pos) const noexcept {
-  return map_->ring() + (pos & (layout_.ringSize - 1)) * layout_.ringEntrySize;
+const std::uint64_t* ReaderCore::ringEntry(std::uint64_t pos) const noexcept {
+  return map_->ringEntry(pos);
 }
 
 std::uint64_t ReaderCore::rearmAndHead() noexcept {
@@ -554,72 +947,95 @@ void ReaderCore::woken() {
   }
 }
 
-void ReaderCore::drainSocket() {
-  // Wake-ups are coalesced, so one datagram is normally all there is; should more be
-  // queued, the level-triggered loop calls again. Reading until EAGAIN would cost every
-  // wake-up a second system call.
-  char buf[64];
-  (void)::recv(sock_, buf, sizeof buf, MSG_DONTWAIT);
-}
-
+// Alive: the writer has not retired and its lock is still on the file we mapped.
 bool ReaderCore::writerAlive() const {
-  const Header* h = map_->header();
-  if (h->state.load() != kStateLive) return false;
-  return processAlive(h->writerPid.load());
+  if (map_->header()->state.load() != kStateLive) return false;
+  const int fd = ::open(file_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat st {};
+  const bool alive = ::fstat(fd, &st) == 0 && map_->sameFile(st) && writerLockHeld(fd);
+  ::close(fd);
+  return alive;
 }
 
 void ReaderCore::tryMount() {
-  if (map_) return;
-  Mapping* m = mapExisting(file_, layout_, false);
+  if (map_ || !safe_) return;
+  watchDir();
+  bool live = false;
+  Mapping* m = mapExisting(file_, layout_, Access::Reader, live);
   if (!m) return;
-  Header* h = m->header();
+  const Header* h = m->header();
   const std::int32_t pid = h->writerPid.load();
-  if (h->state.load() != kStateLive || !processAlive(pid)) {
+  if (h->state.load() != kStateLive || !live) {
     delete m;  // a dead writer's table: wait for its successor
     return;
   }
   map_ = m;
-  layout_ = h->layout;
-  // Register for wake-ups.
+  layout_ = m->layout();
+  registerForWakeUps();
+  // The writer's exit makes its pidfd readable: prompt detection of a crash. The pid is
+  // only a hint (the lock decides), so a wrong one costs the health timer's delay.
+  hub_->watchWriter(this, pid);
+  FLICK_TRACE(trace(), 4, "{}: reader mounted generation {}", file_, h->generation.load());
+}
+
+// Moves to the table that replaced ours if it is the same writer's, grown (same
+// generation, live): the old mapping served finds until now, so readers never see an
+// empty or torn table on the way.
+bool ReaderCore::remap() {
+  bool live = false;
+  Mapping* m = mapExisting(file_, layout_, Access::Reader, live);
+  if (!m) return false;
+  const Header* h = m->header();
+  if (!live || h->state.load() != kStateLive ||
+      h->generation.load() != map_->header()->generation.load()) {
+    delete m;
+    return false;
+  }
+  if (registryIndex_ >= 0) {
+    map_->reader(static_cast<std::uint32_t>(registryIndex_))->state.store(kEntryFree);
+  }
+  delete map_;
+  map_ = m;
+  layout_ = m->layout();
+  registerForWakeUps();
+  FLICK_TRACE(trace(), 4, "{}: reader moved to the grown table, capacity {}", file_,
+              layout_.capacity);
+  return true;
+}
+
+void ReaderCore::registerForWakeUps() {
+  Mapping* m = map_;
   registryIndex_ = -1;
   sockaddr_un addr{};
   socklen_t alen = sizeof addr;
-  if (sock_ >= 0 && ::getsockname(sock_, reinterpret_cast<sockaddr*>(&addr), &alen) == 0) {
+  if (hub_->sock() >= 0 &&
+      ::getsockname(hub_->sock(), reinterpret_cast<sockaddr*>(&addr), &alen) == 0) {
     const auto nameLen =
         static_cast<std::uint32_t>(alen - static_cast<socklen_t>(offsetof(sockaddr_un, sun_path)));
-    for (std::uint32_t i = 0; i < h->maxReaders && nameLen <= sizeof ReaderEntry::name; ++i) {
+    for (std::uint32_t i = 0; i < m->maxReaders() && nameLen <= sizeof ReaderEntry::name; ++i) {
       ReaderEntry* e = m->reader(i);
       std::uint32_t expected = kEntryFree;
       if (!e->state.compare_exchange_strong(expected, kEntryClaiming)) continue;
       e->pid.store(::getpid());
       e->nameLen = nameLen;
       std::memcpy(e->name, addr.sun_path, nameLen);
-      e->eventFd = eventFd_;
+      e->eventFd = hub_->eventFd();
       e->signalled.store(0);
+      undelivered_ = e->undelivered.load();
       e->state.store(kEntryActive, std::memory_order_release);
       registryIndex_ = static_cast<int>(i);
       break;
     }
   }
-  if (registryIndex_ < 0) {
+  if (registryIndex_ < 0 && m->hasRegistry()) {
     FLICK_TRACE(trace(), 1, "{}: reader registry full, polling every {}s", file_, kHealthPeriod);
   }
-  // The writer's exit makes its pidfd readable: prompt detection of a crash.
-  pidfd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-  if (pidfd_ >= 0) {
-    fcntl(pidfd_, F_SETFD, FD_CLOEXEC);
-    loop_.watch(pidfd_, [this] { check(); });
-  }
-  FLICK_TRACE(trace(), 4, "{}: reader mounted generation {}", file_, h->generation.load());
 }
 
 void ReaderCore::unmount() {
   if (!map_) return;
-  if (pidfd_ >= 0) {
-    loop_.unwatch(pidfd_);
-    ::close(pidfd_);
-    pidfd_ = -1;
-  }
+  hub_->unwatchWriter(this);
   if (registryIndex_ >= 0) {
     map_->reader(static_cast<std::uint32_t>(registryIndex_))->state.store(kEntryFree);
     registryIndex_ = -1;
@@ -635,6 +1051,10 @@ void ReaderCore::check() {
   if (map_) {
     struct stat st {};
     const bool replaced = ::stat(file_.c_str(), &st) != 0 || !map_->sameFile(st);
+    if (replaced && announced_ && remap()) {
+      hooks_.remapped();
+      return;
+    }
     if (replaced || !writerAlive()) {
       unmount();
       if (announced_) {
@@ -649,8 +1069,21 @@ void ReaderCore::check() {
     hooks_.mountStatus(true);
     return;
   }
-  // Without a registry entry nobody wakes us: poll.
-  if (map_ && registryIndex_ < 0) hooks_.wake();
+  // Without a registry entry nobody wakes us; with one, the writer counts the wake-ups it
+  // could not deliver. Either way, poll: quickly while wake-ups fail, else at this tick.
+  if (!map_) return;
+  const bool wasFailing = failing_;
+  failing_ = registryIndex_ < 0;
+  if (registryIndex_ >= 0) {
+    const std::uint32_t n =
+        map_->reader(static_cast<std::uint32_t>(registryIndex_))->undelivered.load();
+    if (n != undelivered_) {
+      if (!wasFailing) FLICK_TRACE(trace(), 4, "{}: wake-ups undelivered, polling", file_);
+      failing_ = true;
+      undelivered_ = n;
+    }
+  }
+  hooks_.wake();
 }
 
 }  // namespace detail

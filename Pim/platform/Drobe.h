@@ -4,16 +4,30 @@
 // Files. Tables live under a root directory, /dev/shm/pimcore unless the environment
 // variable DROBE_ROOT names another (tests use a private root). A table set is mounted at a
 // path such as "routing/pim/status/default"; each collection of the set ("neighbor") is
-// one mapped file <root>/<path>/<collection>. Every writer mount creates a fresh file and
-// renames it into place, so a reader always maps a fully initialised table, and a restarted
-// writer never scribbles over a mapping that readers of its dead predecessor still hold.
+// one mapped file <root>/<path>/<collection>. A path of one or more components, none
+// empty, "." or "..", and a collection name of one component are the only ones accepted
+// (anything else is traced and refused, no file made). Writers create directories;
+// readers never do. Every writer mount creates a fresh file and renames it into place, so
+// a reader always maps a fully initialised table, and a restarted writer never scribbles
+// over a mapping that readers of its dead predecessor still hold.
 //
 // Records. A collection is templated on key K (trivially copyable, `std::uint32_t hash()
-// const`, operator==) and value V (trivially copyable, `K key() const`). The capacity (live
-// entries) is fixed by the writer at mount time; there are capacity * 4/3 slots (so at most
-// 3/4 of them live), probed linearly from a home slot taken from the high bits of
-// hash(k) * slots, which needs no power-of-two slot count (the counters table would pay 70%
-// more memory for one).
+// const`, operator==) and value V (trivially copyable, `K key() const`, operator== for the
+// writer). There are capacity * 4/3 slots (so at most 3/4 of them live), probed linearly
+// from a home slot taken from the high bits of hash(k) * slots, which needs no
+// power-of-two slot count (the counters table would pay 70% more memory for one).
+//
+// Memory. Nothing touches a page of slots that was never used: an empty slot is all zero,
+// which is what a fresh file and the writer's private copy (an anonymous mapping) hold; the
+// writer marks a page in a bitmap before it first writes there, and readers treat slots on
+// unmarked pages as empty without reading them. An empty table costs its header, registry
+// and bitmap pages; entries cost the pages they land on.
+//
+// Growth. CollectionInfo::maxCapacity above capacity lets a table grow: an insert into a
+// table at capacity doubles it (up to the maximum) into a new file beside the current one,
+// which the next commit() renames into place. Readers keep the old mapping, consistent if
+// stale, until they move to the new one (same writer, same generation) with one
+// onCollection() and no change of mount status. A table at its maximum refuses as below.
 //
 // Writer semantics.
 //   - is(v) inserts or overwrites, del(k) removes, delAll() empties; find/lookup/iteration
@@ -48,7 +62,7 @@
 //     iteration skips it. A changing slot belongs to a commit in progress, whose notice
 //     follows, so the reader re-reads it on that notification. A torn record is never
 //     returned. (The seqlock is chosen over double buffering: readers never block the
-//     writer, there is no per-reader state in the slots, and a slot costs 4 bytes.)
+//     writer, there is no per-reader state in the slots, and a slot costs 8 bytes.)
 //   - Notifications run on the reader's EventLoop, through Reader::NotifieeConst:
 //       onMountStatus(true)  the writer's table appeared (also on a restarted writer);
 //                            followed by onCollection() (the initial whole-table sync);
@@ -62,43 +76,57 @@
 //     it delivers one onCollection() instead of the lost keys. Memory stays bounded under a
 //     flood and nothing is lost, only coarsened. Changes to one key between two commits
 //     are normally announced once.
-//   - Writer death: the header holds the writer's pid and a generation number bumped on
-//     every writer mount. The reader watches the writer with a pidfd (readable when the
-//     process exits) on its loop, and the mount directory with inotify (a new writer's
-//     file appears by rename); a one-second health timer re-checks both, which also covers
-//     a kernel without pidfd and a lost inotify event.
+//   - Writer death: the writer holds an exclusive open-file-description lock (F_OFD_SETLK)
+//     on its file for its whole life; the kernel drops it when the writer dies, whatever
+//     later becomes of its pid, so readers and a successor writer test the lock, not the
+//     pid. The header also holds the writer's pid (a hint, for a pidfd that makes a crash
+//     show at once, and for traces) and a generation number bumped on every writer mount.
+//     The reader watches the mount directory with inotify (a new writer's file appears by
+//     rename); a one-second health timer re-checks everything, which also covers a
+//     kernel without pidfd and a lost inotify event. A writer's forked child that has not
+//     exec'd inherits the lock descriptor and keeps the writer "alive".
+//   - Trust. A reader maps the records read-only and the registry page on its own,
+//     writable. It checks the header before use: magic and version, key, record and slot
+//     sizes and a schema fingerprint of the key's and record's field lists (Kel's
+//     kFields: names, offsets, sizes, kinds), reader count and ring size (a power of two)
+//     within bounds, and every offset and the file size against the geometry those imply.
+//     A table that fails is refused with a trace naming the check. Geometry is copied at
+//     mount; nothing read from shared memory afterwards decides where a pointer goes.
 //
-// Wake-up. Each reader owns an eventfd, watched edge-triggered by its EventLoop, and an
-// AF_UNIX SOCK_DGRAM socket (non-blocking, autobound in the abstract namespace) watched
-// level-triggered, and registers both (the eventfd by its descriptor number, the socket by
-// its name) in a reader registry in the table header. On commit the writer, for each
+// Wake-up. All readers on one event loop share one eventfd (watched edge-triggered), one
+// AF_UNIX SOCK_DGRAM socket (autobound in the abstract namespace), one inotify instance
+// and one pidfd per writer process: a reader process holds a handful of descriptors
+// however many tables it mounts. Each table's reader registers the shared eventfd (by its
+// number) and socket (by name) in that table's registry. On commit the writer, for each
 // registered reader, swaps the reader's "signalled" flag to 1 and wakes the reader only if
 // it was 0; the reader clears the flag before it reads the ring, so a burst of commits
-// costs one wake-up, and no commit is missed. The writer keeps a descriptor per reader: a
-// duplicate of the reader's eventfd, taken once with pidfd_getfd(2) (needs ptrace access
-// to the reader, which root has; Linux >= 5.6), so a wake-up is one 8-byte write(2) and the
-// reader, edge-triggered, never reads the counter: epoll_wait is its only system call. When
-// pidfd_getfd is refused the writer falls back to a socket connected to the reader's, one
-// send(2) per wake-up and one recv(2) in the reader.
+// costs one wake-up, and no commit is missed. A wake-up is offered to every reader on the
+// loop; each compares its ring head, a load or two. The writer keeps, per reader process
+// and shared by all its tables, a duplicate of the reader's eventfd taken once with
+// pidfd_getfd(2) (needs ptrace access to the reader, which root has; Linux >= 5.6) and
+// the pidfd, so its descriptors grow by two per reader process; a wake-up is one 8-byte
+// write(2), and the edge-triggered reader never reads the counter. When pidfd_getfd is
+// refused the writer falls back to a socket connected to the reader's (one send(2) per
+// wake-up, one recv(2) in the reader).
+// A wake-up that cannot be delivered (say the writer is out of descriptors) is counted in
+// the reader's registry entry; the reader's health timer sees the count move and polls
+// every 50 ms until it stops moving, so changes arrive late, never not at all.
 // Why not a futex: it wakes a thread blocked in futex(2), which a single-threaded epoll
-// loop never is; a named pipe leaves files behind when a reader dies. The price, from
-// bench/DrobeBench (release build, 2 cores, idle machine, 20000 samples each, writer and
-// reader processes unpinned, medians of 5 runs): median 9.9 us vs 6.3 us for a bare futex
-// wake (1.54x; 1.47x to 1.63x per run), p99 31 us vs 20 us (1.39x). The datagram path
-// measured in the same session 16.3 us vs 7.0 us (2.24x), p99 1.31x: send(2), the wake-up
-// it triggers and recv(2) cost about 6 us more than the eventfd write. A bare eventfd plus
-// edge-triggered epoll between two processes, with no table, takes about 8.5 us where the
-// futex takes 6.6 us, so most of the remaining gap is epoll's own wake-up path. Pinning
-// both processes to one core changes the ratio little (1.44x, 1.63x).
+// loop never is; a named pipe leaves files behind when a reader dies. Figures from
+// bench/DrobeBench (release build, 2 cores, per-table descriptors as measured in the first
+// design): median 9.9 us vs 6.3 us for a bare futex wake (1.54x), p99 31 us vs 20 us; the
+// datagram path 16.3 us vs 7.0 us. A bare eventfd plus edge-triggered epoll between two
+// processes takes about 8.5 us where the futex takes 6.6 us: most of the gap is epoll's.
 // A dead reader's registry entry is freed by the writer: with a socket when its send fails
 // (ECONNREFUSED); with an eventfd, whose writes succeed whether the reader lives or not,
 // when the reader has left its flag set and its pidfd (polled at most once a second per
-// reader) says it exited. A reader that finds the registry full falls back to its health
-// timer.
+// reader) says it exited. A reader that finds the registry full polls on its health timer.
 //
-// Threading: a Writer or Reader belongs to its process's event-loop thread; no locks.
-// Across processes only atomics and sequence locks (lock-free; a dead writer cannot block
-// a reader). All processes must share a pid namespace for the liveness check.
+// Threading: a Writer or Reader belongs to its process's event-loop thread; the few
+// process-wide tables (the loops' shared descriptors, the writer's per-reader descriptors)
+// take a mutex when a reader joins or leaves. Across processes only atomics and sequence
+// locks: a dead writer cannot block a reader. Every shared word is accessed through
+// std::atomic_ref, so the seqlock's racing copy is not a data race (see readSlot).
 //
 // Usage (writer process):
 //   Drobe::TableSet set("routing/pim/status/default");
@@ -117,16 +145,20 @@
 
 #include <algorithm>
 #include <atomic>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <new>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "Pim/platform/Flicklog.h"
@@ -160,9 +192,10 @@ inline constexpr int kReadRetries = 64;
 // One collection as the writer declares it.
 struct CollectionInfo {
   std::string name;
-  std::uint32_t capacity = 0;
-  std::uint32_t ringSize = 0;  // change-ring entries, rounded up to a power of two;
-                               // 0 means kDefaultRingSize
+  std::uint32_t capacity = 0;     // live entries at mount
+  std::uint32_t ringSize = 0;     // change-ring entries, rounded up to a power of two;
+                                  // 0 means kDefaultRingSize
+  std::uint32_t maxCapacity = 0;  // the table grows up to this; 0: no growth
 };
 
 // The collections of a table set as its writer declares them.
@@ -198,37 +231,64 @@ struct CollectionStats {
 
 namespace detail {
 
-// Slot states. Distinct non-zero patterns so that a scribbled byte is unlikely to pass.
+// Slot states. Distinct non-zero patterns so that a scribbled byte is unlikely to pass; zero
+// is empty, so that a never-written (zero-filled) page is a run of empty slots.
 inline constexpr std::uint8_t kSlotEmpty = 0x00;
 inline constexpr std::uint8_t kSlotLive = 0xA5;
 inline constexpr std::uint8_t kSlotTomb = 0x5A;
 
-inline constexpr std::uint32_t kRingKey = 1;
-inline constexpr std::uint32_t kRingCollection = 2;
+inline constexpr std::uint64_t kRingKey = 1;
+inline constexpr std::uint64_t kRingCollection = 2;
+inline constexpr std::uint64_t kRingWriting = ~std::uint64_t{0};
 
-// One slot: the sequence lock, then the body that the writer copies under it. The writer's
-// private shadow is an array of bodies.
+// Shared memory is only ever touched as 8-byte words through std::atomic_ref, by writer and
+// readers alike: a seqlock reader's copy races the writer by design, and with plain loads
+// that race would be undefined behaviour. Relaxed word loads are ordinary moves on every
+// target we build for.
+inline std::uint64_t loadWord(const std::uint64_t* p, std::memory_order o) noexcept {
+  // atomic_ref wants a non-const object; a load does not write (readers map read-only).
+  return std::atomic_ref<std::uint64_t>(*const_cast<std::uint64_t*>(p)).load(o);
+}
+inline void storeWord(std::uint64_t* p, std::uint64_t v, std::memory_order o) noexcept {
+  std::atomic_ref<std::uint64_t>(*p).store(v, o);
+}
+
+// Zeroes the padding bytes of x, so that no stale stack bytes reach shared memory.
+template <typename T>
+void clearPadding(T& x) noexcept {
+#if defined(__has_builtin)
+#if __has_builtin(__builtin_clear_padding)
+  __builtin_clear_padding(&x);
+#else
+  (void)x;
+#endif
+#else
+  (void)x;
+#endif
+}
+
+// One slot's body as the writer keeps it privately and copies it under the slot's sequence
+// word. Aligned to 8 so that it is a whole number of words.
 template <typename V>
-struct SlotBody {
+struct alignas(8) SlotBody {
   std::uint8_t state = kSlotEmpty;
   std::uint8_t pad[3]{};
   std::uint32_t hash = 0;
   V value{};
 };
 
+// A shared slot is the sequence word (odd while the writer copies) and the body's words.
 template <typename V>
-struct Slot {
-  std::atomic<std::uint32_t> seq{0};
-  SlotBody<V> body;
-};
+inline constexpr std::size_t kBodyWords = sizeof(SlotBody<V>) / 8;
+template <typename V>
+inline constexpr std::uint32_t kSlotSize = static_cast<std::uint32_t>(8 * (1 + kBodyWords<V>));
 
+// A ring entry is its position + 1 (0: never written, kRingWriting: being written), the
+// kind, and the key's words.
 template <typename K>
-struct RingEntry {
-  std::atomic<std::uint64_t> pos{~std::uint64_t{0}};  // ring position, ~0 while written
-  std::uint32_t kind = 0;
-  std::uint32_t pad = 0;
-  K key{};
-};
+inline constexpr std::size_t kKeyWords = (sizeof(K) + 7) / 8;
+template <typename K>
+inline constexpr std::uint32_t kRingEntrySize = static_cast<std::uint32_t>(8 * (2 + kKeyWords<K>));
 
 // Geometry of a collection file; the writer stores it, a reader checks it against its
 // own template arguments before it trusts the mapping.
@@ -240,19 +300,105 @@ struct Layout {
   std::uint32_t capacity = 0;
   std::uint32_t slotCount = 0;
   std::uint32_t ringSize = 0;
+  std::uint32_t reserved = 0;
+  std::uint64_t schema = 0;  // fingerprint of the key's and record's field lists
 };
+
+// Bounds a reader enforces on a header (a writer never exceeds them).
+inline constexpr std::uint32_t kMaxCapacity = 3u << 28;
+inline constexpr std::uint32_t kMaxRingSize = 1u << 20;
 
 std::uint32_t slotCountFor(std::uint32_t capacity);
 std::uint32_t ringSizeFor(std::uint32_t requested);
 
+// Schema fingerprint. A record with a field table (Kel's kFields) contributes its type name
+// and, per field, the name, offset, size and kind of the field (nested field tables
+// recursively); other types contribute their size and alignment only.
+inline std::uint64_t schemaMix(std::uint64_t h, std::uint64_t x) noexcept {
+  h ^= x + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
+  h *= 0xff51afd7ed558ccdull;
+  return h ^ (h >> 29);
+}
+inline std::uint64_t schemaMix(std::uint64_t h, std::string_view s) noexcept {
+  std::uint64_t f = 0xcbf29ce484222325ull;
+  for (char c : s) f = (f ^ static_cast<unsigned char>(c)) * 0x100000001b3ull;
+  return schemaMix(schemaMix(h, s.size()), f);
+}
+
+template <typename T>
+std::uint64_t schemaOf(std::uint64_t h) {
+  h = schemaMix(h, sizeof(T));
+  h = schemaMix(h, alignof(T));
+  if constexpr (std::is_enum_v<T>) {
+    return schemaMix(schemaMix(h, 1), sizeof(std::underlying_type_t<T>));
+  } else if constexpr (std::is_floating_point_v<T>) {
+    return schemaMix(h, 2);
+  } else if constexpr (std::is_integral_v<T>) {
+    return schemaMix(h, std::is_signed_v<T> ? 3 : 4);
+  } else if constexpr (std::is_array_v<T>) {
+    return schemaOf<std::remove_extent_t<T>>(schemaMix(h, std::extent_v<T>));
+  } else if constexpr (Kel::HasFieldTable<T>) {
+    if constexpr (requires { T::kTypeName; }) h = schemaMix(h, std::string_view(T::kTypeName));
+    const T obj{};
+    const auto* base = reinterpret_cast<const unsigned char*>(&obj);
+    std::apply(
+        [&](const auto&... f) {
+          ((h = schemaOf<std::remove_cvref_t<decltype(obj.*(f.member))>>(
+                schemaMix(schemaMix(h, f.name),
+                          static_cast<std::uint64_t>(
+                              reinterpret_cast<const unsigned char*>(&(obj.*(f.member))) - base)))),
+           ...);
+        },
+        Kel::fieldsOf<T>());
+    return h;
+  } else {
+    return schemaMix(h, 5);
+  }
+}
+
+template <typename K, typename V>
+std::uint64_t schemaFor() {
+  static const std::uint64_t s = schemaOf<V>(schemaOf<K>(0x44524f4245ull));
+  return s;
+}
+
 struct Header;
 struct ReaderEntry;
 class Mapping;
+class ReaderHub;
+
+// Where a mount path or collection name may lead: one or more components, none empty, "."
+// or "..", so that no name can place a table outside the root.
+bool safeMountPath(std::string_view path) noexcept;
+bool safeCollectionName(std::string_view name) noexcept;
+
+// The private copy of a writer's slots and marks: an anonymous mapping, so that pages of
+// slots never used are never touched (zero-filled pages are empty slots).
+class AnonBuffer {
+ public:
+  AnonBuffer() = default;
+  ~AnonBuffer();
+  // bytes of zeroes (the old contents, if any, released); false if out of address space.
+  bool allocate(std::size_t bytes) noexcept;
+  AnonBuffer(const AnonBuffer&) = delete;
+  AnonBuffer& operator=(const AnonBuffer&) = delete;
+  void* data() const noexcept { return base_; }
+  // Back to all zeroes, returning the pages to the kernel.
+  void clear() noexcept;
+
+ private:
+  void* base_ = nullptr;
+  std::size_t bytes_ = 0;
+};
 
 // The untyped half of a writer: file, header, registry, wake-ups.
 class WriterCore {
  public:
   WriterCore(std::string path, std::string name, const Layout& layout);
+  // A grown successor of from's table, in a file of its own until install(from) puts it
+  // in place (from's readers then move to it).
+  WriterCore(const WriterCore& from, const Layout& layout);
+  void install(WriterCore& from);
   ~WriterCore();
   WriterCore(const WriterCore&) = delete;
   WriterCore& operator=(const WriterCore&) = delete;
@@ -260,8 +406,11 @@ class WriterCore {
   bool ok() const noexcept { return map_ != nullptr; }
   const std::string& file() const noexcept { return file_; }
   const std::string& name() const noexcept { return name_; }
-  std::byte* slot(std::uint32_t i) const noexcept;
-  std::byte* ringEntry(std::uint64_t pos) const noexcept;
+  // Slot i's words, its pages marked as in use first (readers skip unmarked pages).
+  std::uint64_t* slotForWrite(std::uint32_t i) noexcept;
+  // Whether slot i was ever written (its pages in use and its sequence non-zero).
+  bool slotWritten(std::uint32_t i) const noexcept;
+  std::uint64_t* ringEntry(std::uint64_t pos) const noexcept;
   std::uint64_t ringHead() const noexcept;
   // Makes ring entries up to newHead visible, counts the commit, wakes the readers.
   void publish(std::uint64_t newHead, std::uint32_t liveCount);
@@ -273,6 +422,8 @@ class WriterCore {
   struct Peer;
   void signalReaders();
   bool openPeer(Peer& p, const ReaderEntry& e);
+  bool openPeerFds(Peer& p, const ReaderEntry& e);
+  bool create(std::uint64_t generation, const WriterCore* from);
   void closePeer(Peer& p);
   void freeEntry(ReaderEntry& e, Peer& p, std::uint32_t i);
   std::string path_;
@@ -280,6 +431,11 @@ class WriterCore {
   std::string file_;
   Layout layout_;
   Mapping* map_ = nullptr;
+  // Open for the writer's whole life, holding an exclusive open-file-description lock on
+  // the table: the kernel drops it when the writer dies, whatever becomes of its pid.
+  int lockFd_ = -1;
+  std::string tmp_;     // the file's name until it is in place
+  bool grown_ = false;  // replaced by a grown table: not retired
   // Each registered reader's wake-up descriptor, so a wake-up is one write or send with no
   // lookup; rebuilt when a registry entry changes hands.
   struct Peer {
@@ -288,8 +444,9 @@ class WriterCore {
     bool eventFd = false;
     std::uint64_t nextCheck = 0;  // monotonic ns of the next liveness check
     std::int32_t pid = 0;
+    std::int32_t readerEventFd = -1;  // the number the reader registered
     std::uint32_t nameLen = 0;
-    char name[44] = {};
+    char name[40] = {};
   };
   std::vector<Peer> peers_;
 };
@@ -301,6 +458,7 @@ class ReaderCore {
     const Kel::PtrInterface* owner = nullptr;  // kept alive while a hook runs
     std::function<void()> wake;                // the ring may have new entries
     std::function<void(bool)> mountStatus;     // mounted / unmounted
+    std::function<void()> remapped;            // moved to the writer's grown table
   };
   ReaderCore(Ulm::EventLoop& loop, std::string path, std::string name, const Layout& layout,
              Hooks hooks);
@@ -313,8 +471,9 @@ class ReaderCore {
   bool announced() const noexcept { return announced_; }
   const std::string& file() const noexcept { return file_; }
   const Layout& layout() const noexcept { return layout_; }
-  const std::byte* slot(std::uint32_t i) const noexcept;
-  const std::byte* ringEntry(std::uint64_t pos) const noexcept;
+  // Slot i's words, or nullptr if the writer never wrote its pages (an empty slot).
+  const std::uint64_t* slot(std::uint32_t i) const noexcept;
+  const std::uint64_t* ringEntry(std::uint64_t pos) const noexcept;
   // Clears this reader's signalled flag (before reading the ring) and returns the ring
   // head published by the last commit.
   std::uint64_t rearmAndHead() noexcept;
@@ -323,9 +482,12 @@ class ReaderCore {
   void check();
 
  private:
+  friend class ReaderHub;
   void tryMount();
+  bool remap();
+  void registerForWakeUps();
   void unmount();
-  void drainSocket();
+  void watchDir();
   void woken();
   bool writerAlive() const;
   Ulm::EventLoop& loop_;
@@ -335,18 +497,22 @@ class ReaderCore {
   Layout layout_;
   Hooks hooks_;
   Mapping* map_ = nullptr;
-  int sock_ = -1;
-  int eventFd_ = -1;
-  int inotify_ = -1;
-  int pidfd_ = -1;
+  bool safe_ = false;
+  ReaderHub* hub_ = nullptr;  // the loop's shared wake-up, directory and writer watches
+  int wd_ = -1;               // inotify watch of the mount directory
+  bool watching_ = false;
+  std::int32_t writerPid_ = 0;  // watched through the hub while mounted
   int registryIndex_ = -1;
+  std::uint32_t undelivered_ = 0;  // the writer's count of failed wake-ups, as last seen
+  bool failing_ = false;           // polling at the short period
   bool announced_ = false;
   Ulm::Timer health_;
 };
 
-// Sequence-locked copy of one shared slot. Returns false if the slot kept changing.
+// Sequence-locked copy of one shared slot (nullptr: never written, i.e. empty). Returns
+// false if the slot kept changing.
 template <typename V>
-bool readSlot(const std::byte* raw, SlotBody<V>& out) noexcept;
+bool readSlot(const std::uint64_t* s, SlotBody<V>& out) noexcept;
 
 }  // namespace detail
 
@@ -384,8 +550,8 @@ class Writer : public Kel::PtrInterface {
   std::uint32_t capacity() const noexcept { return layout_.capacity; }
   std::uint64_t refused() const noexcept { return refused_; }
   std::uint64_t corrupt() const noexcept { return corrupt_; }
-  CollectionStats stats() const { return core_.stats(); }
-  const std::string& file() const noexcept { return core_.file(); }
+  CollectionStats stats() const { return core_->stats(); }
+  const std::string& file() const noexcept { return core_->file(); }
 
   // Iteration over live entries in slot order (the writer's view, committed or not).
   class const_iterator {
@@ -423,7 +589,8 @@ class Writer : public Kel::PtrInterface {
 
  private:
   Writer(std::string_view path, const CollectionInfo& info, const detail::Layout& layout);
-  static detail::Layout layoutFor(const CollectionInfo& info);
+  static detail::Layout layoutFor(std::uint32_t capacity, std::uint32_t ringSize);
+  bool grow();
   std::uint32_t nextLive(std::uint32_t from) const noexcept;
   void markDirty(std::uint32_t slot);
   void queueKey(std::uint32_t slot, const K& k);
@@ -440,16 +607,19 @@ class Writer : public Kel::PtrInterface {
   bool insertAt(std::uint32_t slot, std::uint32_t h, const K& k, const V& v);
 
   detail::Layout layout_;
-  detail::WriterCore core_;
-  std::byte* slotBase_ = nullptr;
-  std::byte* ringBase_ = nullptr;
-  std::vector<detail::SlotBody<V>> shadow_;
+  std::unique_ptr<detail::WriterCore> core_;
+  // After a growth, the table readers still map until the next commit installs core_.
+  std::unique_ptr<detail::WriterCore> installed_;
+  std::uint32_t maxCapacity_ = 0;
   // Per slot, side by side so that one update touches one cache line of marks.
   struct Marks {
     std::uint64_t dirty = 0;  // commit epoch in which the slot was dirtied
     std::uint64_t key = 0;    // commit epoch in which the slot's key was queued
   };
-  std::vector<Marks> marks_;
+  detail::AnonBuffer shadowMem_;
+  detail::AnonBuffer marksMem_;
+  detail::SlotBody<V>* shadow_ = nullptr;
+  Marks* marks_ = nullptr;
   std::vector<std::uint32_t> dirty_;
   std::vector<K> pendingKeys_;
   std::uint64_t epoch_ = 1;
@@ -530,6 +700,7 @@ class Reader : public Kel::PtrInterface {
   std::uint32_t nextStable(std::uint32_t from, detail::SlotBody<V>& out) const;
   void handleWake();
   void handleMountStatus(bool mounted);
+  void handleRemap();
 
   detail::ReaderCore core_;
   Kel::NotifieeList<NotifieeConst> notifiees_;
@@ -573,34 +744,52 @@ inline void cpuRelax() noexcept {
 #endif
 }
 
+// The seqlock, race-free: every shared word is read and written through atomic_ref. The
+// writer makes the sequence odd, issues a release fence, stores the words (relaxed), then
+// stores the even sequence with release. A reader loads the sequence (acquire), the words
+// (relaxed), issues an acquire fence and reloads the sequence. If any word it read came from
+// a later copy, the fences make that copy's odd sequence visible to the reload, so an
+// unchanged even sequence proves the words are one copy's. The copy goes through a local
+// buffer so that `out` only ever holds a whole record.
 template <typename V>
-bool readSlot(const std::byte* raw, SlotBody<V>& out) noexcept {
-  const auto* s = reinterpret_cast<const Slot<V>*>(raw);
+bool readSlot(const std::uint64_t* s, SlotBody<V>& out) noexcept {
+  if (!s) {
+    out = SlotBody<V>{};
+    return true;
+  }
+  std::uint64_t buf[kBodyWords<V>];
   for (int i = 0; i < kReadRetries; ++i) {
-    const std::uint32_t s1 = s->seq.load(std::memory_order_acquire);
+    const std::uint64_t s1 = loadWord(s, std::memory_order_acquire);
     if (s1 & 1u) {
       cpuRelax();
       continue;
     }
-    // A racing copy is discarded below unless the sequence proves it was quiet.
-    std::memcpy(static_cast<void*>(&out), &s->body, sizeof out);
+    for (std::size_t w = 0; w < kBodyWords<V>; ++w) {
+      buf[w] = loadWord(s + 1 + w, std::memory_order_relaxed);
+    }
     std::atomic_thread_fence(std::memory_order_acquire);
-    if (s->seq.load(std::memory_order_relaxed) == s1) return true;
+    if (loadWord(s, std::memory_order_relaxed) == s1) {
+      std::memcpy(static_cast<void*>(&out), buf, sizeof out);
+      return true;
+    }
   }
   return false;
 }
 
+// Copies in (whose padding the caller has cleared: see clearPadding) into slot s.
 template <typename V>
-void writeSlot(std::byte* raw, const SlotBody<V>& in) noexcept {
-  auto* s = reinterpret_cast<Slot<V>*>(raw);
-  const std::uint32_t seq = s->seq.load(std::memory_order_relaxed);
-  s->seq.store(seq + 1, std::memory_order_relaxed);
+void writeSlot(std::uint64_t* s, const SlotBody<V>& in) noexcept {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(&in);
+  const std::uint64_t seq = loadWord(s, std::memory_order_relaxed);
+  storeWord(s, seq + 1, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  std::memcpy(static_cast<void*>(&s->body), &in, sizeof in);
-  s->seq.store(seq + 2, std::memory_order_release);
+  for (std::size_t w = 0; w < kBodyWords<V>; ++w) {
+    std::uint64_t word;
+    std::memcpy(&word, bytes + 8 * w, 8);
+    storeWord(s + 1 + w, word, std::memory_order_relaxed);
+  }
+  storeWord(s, seq + 2, std::memory_order_release);
 }
-
-inline constexpr std::uint64_t kRingWriting = ~std::uint64_t{0};
 
 // Home slot of a hash among n slots (multiply-shift: any n, no division), and the next and
 // previous slot of a linear probe.
@@ -620,23 +809,24 @@ inline std::uint32_t prevSlot(std::uint32_t i, std::uint32_t n) noexcept {
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K> detail::Layout Writer<K, V>::layoutFor(
-    const CollectionInfo& info) {
+    std::uint32_t capacity, std::uint32_t ringSize) {
   detail::Layout l;
   l.keySize = sizeof(K);
   l.valueSize = sizeof(V);
-  l.slotSize = sizeof(detail::Slot<V>);
-  l.ringEntrySize = sizeof(detail::RingEntry<K>);
-  l.capacity = info.capacity;
-  l.slotCount = detail::slotCountFor(info.capacity);
-  l.ringSize = detail::ringSizeFor(info.ringSize);
+  l.slotSize = detail::kSlotSize<V>;
+  l.ringEntrySize = detail::kRingEntrySize<K>;
+  l.schema = detail::schemaFor<K, V>();
+  l.capacity = std::min(capacity, detail::kMaxCapacity);
+  l.slotCount = detail::slotCountFor(l.capacity);
+  l.ringSize = detail::ringSizeFor(ringSize);
   return l;
 }
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K> Kel::Ptr<Writer<K, V>> Writer<K, V>::create(
     std::string_view path, const CollectionInfo& info) {
-  Kel::Ptr<Writer> w(new Writer(path, info, layoutFor(info)));
-  if (!w->core_.ok()) return nullptr;
+  Kel::Ptr<Writer> w(new Writer(path, info, layoutFor(info.capacity, info.ringSize)));
+  if (!w->core_->ok()) return nullptr;
   return w;
 }
 
@@ -645,16 +835,14 @@ requires TableKey<K> && TableValue<V, K> Writer<K, V>::Writer(std::string_view p
                                                               const CollectionInfo& info,
                                                               const detail::Layout& layout)
     : layout_(layout),
-      core_(std::string(path), info.name, layout),
-      shadow_(layout.slotCount),
-      marks_(layout.slotCount) {
-  if (!core_.ok()) return;
-  for (std::uint32_t i = 0; i < layout_.slotCount; ++i) new (core_.slot(i)) detail::Slot<V>{};
-  for (std::uint32_t i = 0; i < layout_.ringSize; ++i) {
-    new (core_.ringEntry(i)) detail::RingEntry<K>{};
-  }
-  slotBase_ = core_.slot(0);
-  ringBase_ = core_.ringEntry(0);
+      core_(std::make_unique<detail::WriterCore>(std::string(path), info.name, layout)),
+      maxCapacity_(std::min(std::max(info.maxCapacity, layout.capacity), detail::kMaxCapacity)) {
+  if (!core_->ok()) return;
+  // Zero-filled and untouched until used: an empty slot is all zeroes, and so is a mark.
+  shadowMem_.allocate(std::size_t{layout_.slotCount} * sizeof(detail::SlotBody<V>));
+  marksMem_.allocate(std::size_t{layout_.slotCount} * sizeof(Marks));
+  shadow_ = static_cast<detail::SlotBody<V>*>(shadowMem_.data());
+  marks_ = static_cast<Marks*>(marksMem_.data());
 }
 
 template <typename K, typename V>
@@ -728,10 +916,13 @@ typename Writer<K, V>::Probe Writer<K, V>::probe(const K& k, std::uint32_t h) {
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
 bool Writer<K, V>::insertAt(std::uint32_t slot, std::uint32_t h, const K& k, const V& v) {
+  if (live_ >= layout_.capacity && layout_.capacity < maxCapacity_ && grow()) {
+    slot = probe(k, h).slot;
+  }
   if (live_ >= layout_.capacity || slot == layout_.slotCount) {
     ++refused_;
-    core_.refusedInc();
-    FLICK_TRACE(trace(), 1, "{}: table full ({} entries), insert refused", core_.file(),
+    core_->refusedInc();
+    FLICK_TRACE(trace(), 1, "{}: table full ({} entries), insert refused", core_->file(),
                 layout_.capacity);
     return false;
   }
@@ -756,7 +947,8 @@ bool Writer<K, V>::is(const V& v) {
   const Probe p = probe(k, h);
   if (!p.found) return insertAt(p.slot, h, k, v);
   detail::SlotBody<V>& b = shadow_[p.slot];
-  if (std::memcmp(static_cast<const void*>(&b.value), &v, sizeof v) == 0) return true;
+  static_assert(std::equality_comparable<V>, "a writer compares records with operator==");
+  if (b.value == v) return true;
   b.value = v;
   markDirty(p.slot);
   queueKey(p.slot, k);
@@ -804,7 +996,7 @@ template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
 void Writer<K, V>::delAll() {
   if (live_ == 0 && tombs_ == 0) return;
-  std::fill(shadow_.begin(), shadow_.end(), detail::SlotBody<V>{});
+  shadowMem_.clear();
   live_ = 0;
   tombs_ = 0;
   allDirty_ = true;
@@ -816,17 +1008,17 @@ requires TableKey<K> && TableValue<V, K>
 void Writer<K, V>::corruptionIs(std::uint32_t slot) {
   if (slot >= layout_.slotCount) return;
   ++corrupt_;
-  core_.corruptInc();
-  FLICK_TRACE(trace(), 1, "{}: corrupt slot {} (state {:#x}) cleared", core_.file(), slot,
+  core_->corruptInc();
+  FLICK_TRACE(trace(), 1, "{}: corrupt slot {} (state {:#x}) cleared", core_->file(), slot,
               shadow_[slot].state);
   shadow_[slot] = detail::SlotBody<V>{};
   shadow_[slot].state = detail::kSlotTomb;
   // The slot's former role is unknown: recount.
   live_ = 0;
   tombs_ = 0;
-  for (const auto& b : shadow_) {
-    live_ += b.state == detail::kSlotLive;
-    tombs_ += b.state == detail::kSlotTomb;
+  for (std::uint32_t i = 0; i < layout_.slotCount; ++i) {
+    live_ += shadow_[i].state == detail::kSlotLive;
+    tombs_ += shadow_[i].state == detail::kSlotTomb;
   }
   markDirty(slot);
   queueCollection();
@@ -860,24 +1052,36 @@ requires TableKey<K> && TableValue<V, K>
 void Writer<K, V>::commit() {
   if (!pending()) return;
   // Slots first, then the notices that point readers at them.
-  const std::size_t slotSize = layout_.slotSize;
   if (allDirty_) {
+    // Slots never written stay untouched: they read as empty already.
     for (std::uint32_t i = 0; i < layout_.slotCount; ++i) {
-      detail::writeSlot(slotBase_ + i * slotSize, shadow_[i]);
+      if (shadow_[i].state != detail::kSlotEmpty || core_->slotWritten(i)) {
+        detail::clearPadding(shadow_[i]);
+        detail::writeSlot(core_->slotForWrite(i), shadow_[i]);
+      }
     }
   } else {
-    for (std::uint32_t i : dirty_) detail::writeSlot(slotBase_ + i * slotSize, shadow_[i]);
+    // Padding cleared here, once per commit, so that no stack bytes a record carried in
+    // reach shared memory.
+    for (std::uint32_t i : dirty_) {
+      detail::clearPadding(shadow_[i]);
+      detail::writeSlot(core_->slotForWrite(i), shadow_[i]);
+    }
   }
-  std::uint64_t head = core_.ringHead();
-  const std::uint64_t mask = layout_.ringSize - 1;
-  const std::size_t entrySize = layout_.ringEntrySize;
-  auto append = [&](std::uint32_t kind, const K& k) {
-    auto* e = reinterpret_cast<detail::RingEntry<K>*>(ringBase_ + (head & mask) * entrySize);
-    e->pos.store(detail::kRingWriting, std::memory_order_relaxed);
+  std::uint64_t head = core_->ringHead();
+  auto append = [&](std::uint64_t kind, const K& key) {
+    std::uint64_t* e = core_->ringEntry(head);
+    K k = key;
+    detail::clearPadding(k);
+    std::uint64_t words[detail::kKeyWords<K>] = {};
+    std::memcpy(words, static_cast<const void*>(&k), sizeof k);
+    detail::storeWord(e, detail::kRingWriting, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_release);
-    e->kind = kind;
-    e->key = k;
-    e->pos.store(head, std::memory_order_release);
+    detail::storeWord(e + 1, kind, std::memory_order_relaxed);
+    for (std::size_t w = 0; w < detail::kKeyWords<K>; ++w) {
+      detail::storeWord(e + 2 + w, words[w], std::memory_order_relaxed);
+    }
+    detail::storeWord(e, head + 1, std::memory_order_release);
     ++head;
   };
   if (pendingCollection_) {
@@ -885,7 +1089,13 @@ void Writer<K, V>::commit() {
   } else {
     for (const K& k : pendingKeys_) append(detail::kRingKey, k);
   }
-  core_.publish(head, live_);
+  core_->publish(head, live_);
+  if (installed_) {
+    // A grown table goes in place whole: readers switch to it from the old one, which
+    // stays consistent (if stale) until they do.
+    core_->install(*installed_);
+    installed_.reset();
+  }
   dirty_.clear();
   pendingKeys_.clear();
   pendingCollection_ = false;
@@ -950,15 +1160,55 @@ void Writer<K, V>::sweepTombstones(std::uint32_t slot) {
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
+bool Writer<K, V>::grow() {
+  // Twice the entries (at most the maximum) in a new file beside the current one; it
+  // replaces the current one at the next commit, as one whole-collection change.
+  const std::uint32_t cap = static_cast<std::uint32_t>(
+      std::min<std::uint64_t>(std::uint64_t{layout_.capacity} * 2, maxCapacity_));
+  const detail::Layout layout = layoutFor(cap, layout_.ringSize);
+  auto next = std::make_unique<detail::WriterCore>(*core_, layout);
+  if (!next->ok()) return false;
+  std::vector<detail::SlotBody<V>> live;
+  live.reserve(live_);
+  for (std::uint32_t i = 0; i < layout_.slotCount; ++i) {
+    if (shadow_[i].state == detail::kSlotLive) live.push_back(shadow_[i]);
+  }
+  if (!shadowMem_.allocate(std::size_t{layout.slotCount} * sizeof(detail::SlotBody<V>)) ||
+      !marksMem_.allocate(std::size_t{layout.slotCount} * sizeof(Marks))) {
+    KEL_ASSERT(false && "out of address space for a grown table");
+  }
+  shadow_ = static_cast<detail::SlotBody<V>*>(shadowMem_.data());
+  marks_ = static_cast<Marks*>(marksMem_.data());
+  FLICK_TRACE(trace(), 4, "{}: growing from {} to {} entries", core_->file(), layout_.capacity,
+              cap);
+  layout_ = layout;
+  for (const detail::SlotBody<V>& b : live) {
+    std::uint32_t i = detail::homeSlot(b.hash, layout_.slotCount);
+    while (shadow_[i].state != detail::kSlotEmpty) i = detail::nextSlot(i, layout_.slotCount);
+    shadow_[i] = b;
+  }
+  tombs_ = 0;
+  dirty_.clear();
+  allDirty_ = true;
+  queueCollection();
+  // Keep the table readers map until the grown one is installed; an intermediate one
+  // (two growths between commits) is dropped.
+  if (!installed_) installed_ = std::move(core_);
+  core_ = std::move(next);
+  return true;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
 void Writer<K, V>::rebuild() {
   // Tombstones crowd the table: lay the live entries out afresh. Entries move, so readers
   // are told to resync rather than which keys changed.
   std::vector<V> values;
   values.reserve(live_);
-  for (const auto& b : shadow_) {
-    if (b.state == detail::kSlotLive) values.push_back(b.value);
+  for (std::uint32_t i = 0; i < layout_.slotCount; ++i) {
+    if (shadow_[i].state == detail::kSlotLive) values.push_back(shadow_[i].value);
   }
-  std::fill(shadow_.begin(), shadow_.end(), detail::SlotBody<V>{});
+  shadowMem_.clear();
   const std::uint32_t slots = layout_.slotCount;
   for (const V& v : values) {
     const std::uint32_t h = static_cast<std::uint32_t>(v.key().hash());
@@ -971,7 +1221,7 @@ void Writer<K, V>::rebuild() {
   tombs_ = 0;
   allDirty_ = true;
   queueCollection();
-  FLICK_TRACE(trace(), 4, "{}: rebuilt {} entries", core_.file(), live_);
+  FLICK_TRACE(trace(), 4, "{}: rebuilt {} entries", core_->file(), live_);
 }
 
 // --- Reader ------------------------------------------------------------------------------
@@ -992,12 +1242,14 @@ requires TableKey<K> && TableValue<V, K> Reader<K, V>::Reader(Ulm::EventLoop& lo
             detail::Layout l;
             l.keySize = sizeof(K);
             l.valueSize = sizeof(V);
-            l.slotSize = sizeof(detail::Slot<V>);
-            l.ringEntrySize = sizeof(detail::RingEntry<K>);
+            l.slotSize = detail::kSlotSize<V>;
+            l.ringEntrySize = detail::kRingEntrySize<K>;
+            l.schema = detail::schemaFor<K, V>();
             return l;
           }(),
           detail::ReaderCore::Hooks{this, [this] { handleWake(); },
-                                    [this](bool m) { handleMountStatus(m); }}) {}
+                                    [this](bool m) { handleMountStatus(m); },
+                                    [this] { handleRemap(); }}) {}
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K> Reader<K, V>::~Reader() = default;
@@ -1061,20 +1313,24 @@ void Reader<K, V>::handleWake() {
   bool lost = head - consumed_ > ringSize;
   batch_.clear();
   std::uint64_t collections = 0;
+  std::uint64_t words[detail::kKeyWords<K>];
   for (std::uint64_t p = consumed_; !lost && p != head; ++p) {
-    const auto* e = reinterpret_cast<const detail::RingEntry<K>*>(core_.ringEntry(p));
-    if (e->pos.load(std::memory_order_acquire) != p) {
+    const std::uint64_t* e = core_.ringEntry(p);
+    if (detail::loadWord(e, std::memory_order_acquire) != p + 1) {
       lost = true;
       break;
     }
-    const std::uint32_t kind = e->kind;
-    K k;
-    std::memcpy(static_cast<void*>(&k), &e->key, sizeof k);
+    const std::uint64_t kind = detail::loadWord(e + 1, std::memory_order_relaxed);
+    for (std::size_t w = 0; w < detail::kKeyWords<K>; ++w) {
+      words[w] = detail::loadWord(e + 2 + w, std::memory_order_relaxed);
+    }
     std::atomic_thread_fence(std::memory_order_acquire);
-    if (e->pos.load(std::memory_order_relaxed) != p) {
+    if (detail::loadWord(e, std::memory_order_relaxed) != p + 1) {
       lost = true;  // lapped while copying
       break;
     }
+    K k;
+    std::memcpy(static_cast<void*>(&k), words, sizeof k);
     if (kind == detail::kRingCollection) {
       ++collections;
     } else {
@@ -1104,6 +1360,15 @@ void Reader<K, V>::handleMountStatus(bool m) {
   Kel::Ptr<Reader> hold(this);
   if (m) consumed_ = core_.rearmAndHead();
   notifiees_.forEach([m](NotifieeConst& n) { n.onMountStatus(m); });
+  notifiees_.forEach([](NotifieeConst& n) { n.onCollection(); });
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Reader<K, V>::handleRemap() {
+  // The grown table's ring starts afresh: one whole-collection notice covers the switch.
+  Kel::Ptr<Reader> hold(this);
+  consumed_ = core_.rearmAndHead();
   notifiees_.forEach([](NotifieeConst& n) { n.onCollection(); });
 }
 

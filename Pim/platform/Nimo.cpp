@@ -181,8 +181,13 @@ std::ostream& operator<<(std::ostream& os, const IntfId& i) { return os << i.nam
 // Pkt
 
 Kel::Ptr<Pkt> Pkt::create(std::uint32_t size, std::uint32_t headroom, std::uint32_t tailroom) {
+  // In 64 bits: three 32-bit parts can overflow 32.
+  const std::uint64_t total = std::uint64_t{headroom} + size + tailroom;
+  if (total > std::numeric_limits<std::uint32_t>::max()) {
+    throw Kel::RangeError("Pkt::size + headroom + tailroom > 4 GiB not allowed");
+  }
   Kel::Ptr<Pkt> p(new Pkt());
-  p->sharedBuffer_ = Kel::Ptr<Buffer>::make(headroom + size + tailroom);
+  p->sharedBuffer_ = Kel::Ptr<Buffer>::make(static_cast<std::uint32_t>(total));
   p->head_ = headroom;
   p->tail_ = headroom + size;
   p->updateSharedIovec();

@@ -4,7 +4,8 @@
 // - Vrf::VrfIdMap::VrfId: the platform's 32-bit VRF number (the name <-> number map itself
 //   belongs to the VRF agent; only the number type is needed here).
 // - L3::VrfName: a VRF's name, inline (up to 63 bytes) so that values holding it stay
-//   trivially copyable; per-VRF objects and mount paths are keyed by it.
+//   trivially copyable; per-VRF objects and mount paths are keyed by it, so a name never
+//   holds "/" or a control character.
 //
 // All are small, trivially copyable and have the value text forms of Kel (enums by name,
 // names quoted).
@@ -12,7 +13,7 @@
 // Threading: plain values, no shared state.
 //
 // Usage:
-//   L3::VrfName vrf("red");                         // RangeError if longer than 63
+//   L3::VrfName vrf("red");  // RangeError if longer than 63, or with "/" or a control byte
 //   Bfd::OperState s = Bfd::OperState::Up;          // prints as "up"
 //   Vrf::VrfIdMap::VrfId id = 3;
 #pragma once
@@ -67,14 +68,24 @@ namespace L3 {
 class VrfName {
  public:
   static constexpr std::size_t kMaxLen = 63;
-  static constexpr std::string_view kRangeErrorText = "VrfName::name longer than 63 not allowed";
+  static constexpr std::string_view kRangeErrorText =
+      "VrfName::bytes > VrfName::maxLength not allowed";
+  static constexpr std::string_view kBadByteErrorText =
+      "VrfName::bytes with '/' or a control character not allowed";
 
   VrfName() noexcept = default;
   explicit VrfName(std::string_view name) {
-    if (name.size() > kMaxLen || name.find('\0') != std::string_view::npos) {
-      throw Kel::RangeError(std::string(kRangeErrorText));
-    }
+    if (name.size() > kMaxLen) throw Kel::RangeError(std::string(kRangeErrorText));
+    if (!validBytes(name)) throw Kel::RangeError(std::string(kBadByteErrorText));
     std::memcpy(name_.data(), name.data(), name.size());
+  }
+  // No "/" (the name is a path component) and no control characters (NUL included).
+  static bool validBytes(std::string_view name) noexcept {
+    for (char c : name) {
+      const auto u = static_cast<unsigned char>(c);
+      if (c == '/' || u < 0x20 || u == 0x7f) return false;
+    }
+    return true;
   }
   std::string_view name() const noexcept { return std::string_view(name_.data()); }
   std::string str() const { return std::string(name()); }
@@ -100,7 +111,7 @@ struct ValueText<L3::VrfName> {
   static void print(std::string& out, const L3::VrfName& v) { appendQuoted(out, v.name()); }
   static void parse(ValueParser& in, L3::VrfName& v) {
     std::string s = in.quoted();
-    if (!in.ok() || s.size() > L3::VrfName::kMaxLen || s.find('\0') != std::string::npos) {
+    if (!in.ok() || s.size() > L3::VrfName::kMaxLen || !L3::VrfName::validBytes(s)) {
       return in.fail();
     }
     v = L3::VrfName(s);

@@ -190,7 +190,9 @@ void decodeAs(const LocatedPim& m, Read read, Decoded& d) {
 // The subtype in the high nibble of the reserved byte picks the class, as on receive.
 void decodeDfElection(const LocatedPim& m, Decoded& d) {
   using T = P::DfElectionMessageType;
-  const auto subtype = static_cast<T>(m.ip[m.pimOffset + 1] >> 4);
+  // A message too short for the subtype byte goes to the common reader, which says so.
+  const auto subtype = m.ip.size() > m.pimOffset + 1u ? static_cast<T>(m.ip[m.pimOffset + 1] >> 4)
+                                                      : T::dfElectionUnknown;
   switch (subtype) {
     case T::dfElectionOffer:
       return decodeAs<P::DfElectionOfferMessage>(
