@@ -11,6 +11,7 @@
 //   common header with the checksum operations the codec needs.
 // - Ipv4Hdr, Ipv6Hdr: views of IP headers (big-endian loads and stores, no overlaying).
 // - inetChecksum: RFC 1071 one's-complement sum, with and without the IPv6 pseudo-header.
+// - IpPam: the raw IP socket of one family and protocol (see its section below).
 //
 // Threading: event-loop thread only.
 //
@@ -34,8 +35,10 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Pim/platform/Kel.h"
+#include "Pim/platform/Ulm.h"
 
 namespace Nimo {
 
@@ -298,6 +301,15 @@ enum class PimMessageType : std::uint8_t {
   pimStateRefresh = 0x29,
   pimDfElection = 0x2A,
 };
+// The message types by name, as the exchange records' invariants spell them.
+constexpr PimMessageType pimHello() noexcept { return PimMessageType::pimHello; }
+constexpr PimMessageType pimRegister() noexcept { return PimMessageType::pimRegister; }
+constexpr PimMessageType pimRegisterStop() noexcept { return PimMessageType::pimRegisterStop; }
+constexpr PimMessageType pimJoinPrune() noexcept { return PimMessageType::pimJoinPrune; }
+constexpr PimMessageType pimBootstrap() noexcept { return PimMessageType::pimBootstrap; }
+constexpr PimMessageType pimAssert() noexcept { return PimMessageType::pimAssert; }
+constexpr PimMessageType pimCrpAdvertisement() noexcept { return PimMessageType::pimCrpAdv; }
+constexpr PimMessageType pimDfElection() noexcept { return PimMessageType::pimDfElection; }
 std::string_view pimMessageTypeName(PimMessageType t) noexcept;  // "Hello", "Unknown", ...
 std::ostream& operator<<(std::ostream& os, PimMessageType t);
 
@@ -376,6 +388,182 @@ class Ipv6Hdr {
  private:
   std::uint8_t* p_;
 };
+
+// ---------------------------------------------------------------------------------------
+// Packet access: the raw IP socket.
+//
+// IpPam is one raw socket of one family and IP protocol, opened inside a network
+// namespace (NamespaceName: a name under /run/netns, an absolute path to a namespace file,
+// or empty for the caller's own namespace; the thread enters it only while the socket is
+// created). It is non-blocking; once watched on an event loop (loopIs) each readable event
+// bumps readableCount, whose notifiees drain it with rxPkt().
+//
+// Received packets always begin with an IP header, so that the receive path treats both
+// families alike: IPv4 raw sockets deliver the kernel's header, and for IPv6, whose raw
+// sockets deliver only the payload, rxPkt() writes a 40-byte header in front of it from the
+// sender's address and the ancillary data (destination, hop limit, traffic class). The
+// receiving interface's kernel index comes with every packet (rxIfIndex()).
+//
+// The option word (optionsIs) and the numbered parameters (paramIs) map to socket options:
+//   0x0002 kOptHeaderInclude   IP_HDRINCL; for IPv6 the ipv6HeaderInclude variant sets
+//                              IPV6_HDRINCL at creation (a full IPv6 header is sent)
+//   0x0008 kOptRxIfIndex       IP_PKTINFO / IPV6_RECVPKTINFO: interface index and
+//                              destination of each packet
+//   0x0200 kOptTransparent     IP_TRANSPARENT / IPV6_TRANSPARENT: send from an address
+//                              the host does not own
+//   0x0800 kOptRxTos           IP_RECVTOS / IPV6_RECVTCLASS
+//   0x1000 kOptRxTtl           IP_RECVTTL / IPV6_RECVHOPLIMIT
+//   parameter 6 kParamRxBuffer SO_RCVBUFFORCE (SO_RCVBUF when not privileged), in bytes;
+//                              the access manager asks for kDefaultRxBuffer so that a
+//                              burst of full-size Join/Prunes waits in the kernel while
+//                              the loop yields.
+// A bit whose option the kernel refuses is traced and counted in optionErrors() and stays
+// clear in options().
+//
+// The receive filter is a classic BPF program built instruction by instruction
+// (rxFilterIs appends) and installed by applyRxFilter (SO_ATTACH_FILTER). Memberships and
+// any other option go through sockOptIs, which returns 0 or the errno.
+//
+// Sending: txSrcIpAddrIs, txDstIpAddrIs, txFlagsIs (kTxFlagIfIndex: leave by
+// txIfIndex), then txPkt(pkt). The source and interface travel as IP_PKTINFO /
+// IPV6_PKTINFO ancillary data, so no bind is needed. txPktCount and txErrors count the
+// outcomes and notify.
+//
+// Counters: rxPktCount (packets handed out), rxErrors (recvmsg failures other than
+// EAGAIN, truncated packets), rxKernelDrops (drops for a full socket queue, from
+// SO_RXQ_OVFL), txPktCount, txErrors. Packets the filter rejects never reach user space
+// and are counted nowhere here.
+//
+// Trace facility "Nimo::Pam". Threading: event-loop thread only.
+//
+// Usage:
+//   auto pam = Nimo::ipPamFactory("Pim4", Nimo::AddressFamily::ipv4, Nimo::kIpProtoPim, "");
+//   pam->optionsIs(Nimo::IpPam::kOptRxIfIndex);
+//   pam->loopIs(&loop);                 // readableCount now follows the socket
+//   while (auto pkt = pam->rxPkt()) handle(pkt, pam->rxIfIndex());
+
+using NamespaceName = std::string;
+
+// One classic BPF instruction (the kernel's struct sock_filter).
+struct BpfInsn {
+  std::uint16_t code = 0;
+  std::uint8_t jt = 0;
+  std::uint8_t jf = 0;
+  std::uint32_t k = 0;
+  friend bool operator==(const BpfInsn&, const BpfInsn&) = default;
+};
+
+class IpPam : public Kel::Entity {
+ public:
+  static constexpr std::uint32_t kOptHeaderInclude = 0x0002;
+  static constexpr std::uint32_t kOptRxIfIndex = 0x0008;
+  static constexpr std::uint32_t kOptTransparent = 0x0200;
+  static constexpr std::uint32_t kOptRxTos = 0x0800;
+  static constexpr std::uint32_t kOptRxTtl = 0x1000;
+  static constexpr std::uint32_t kParamRxBuffer = 6;
+  static constexpr std::uint32_t kDefaultRxBuffer = 4u << 20;
+  static constexpr std::uint32_t kTxFlagIfIndex = 4;
+  static constexpr std::uint32_t kMaxRxPktData = 65535;
+
+  class NotifieeConst : public Kel::BaseNotifiee<IpPam, NotifieeConst> {
+   public:
+    virtual void onReadableCount() {}
+    virtual void onTxPktCount() {}
+    virtual void onTxErrors() {}
+  };
+  void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
+
+  // Opens the socket; fd() < 0 (traced with errno) if the namespace or socket failed.
+  IpPam(Kel::Name name, AddressFamily af, std::uint8_t protocol, const NamespaceName& netNs,
+        bool ipv6HeaderInclude = false);
+  ~IpPam() override;
+  IpPam(const IpPam&) = delete;
+  IpPam& operator=(const IpPam&) = delete;
+
+  AddressFamily af() const noexcept { return af_; }
+  std::uint8_t protocol() const noexcept { return protocol_; }
+  const NamespaceName& netNs() const noexcept { return netNs_; }
+  bool ipv6HeaderInclude() const noexcept { return ipv6HeaderInclude_; }
+  int fd() const noexcept { return fd_; }
+  bool ok() const noexcept { return fd_ >= 0; }
+
+  std::uint32_t options() const noexcept { return options_; }
+  virtual void optionsIs(std::uint32_t options);
+  std::uint32_t param(std::uint32_t id) const noexcept { return id == kParamRxBuffer ? rxBuf_ : 0; }
+  virtual void paramIs(std::uint32_t id, std::uint32_t value);
+  // setsockopt; 0 or the errno (traced).
+  virtual int sockOptIs(int level, int option, const void* value, std::uint32_t len);
+
+  // Receive filter.
+  const std::vector<BpfInsn>& rxFilter() const noexcept { return rxFilter_; }
+  void rxFilterIs(const BpfInsn& insn) { rxFilter_.push_back(insn); }
+  void rxFilterDelAll() noexcept { rxFilter_.clear(); }
+  // Installs rxFilter(); 0 or the errno.
+  virtual int applyRxFilter();
+
+  // Readable events.
+  void loopIs(Ulm::EventLoop* loop);
+  std::uint64_t readableCount() const noexcept { return readableCount_; }
+  void readableCountInc();
+
+  // The next packet, or null when none is waiting (or on error, counted).
+  virtual Kel::Ptr<Pkt> rxPkt();
+  std::uint32_t rxIfIndex() const noexcept { return rxIfIndex_; }
+
+  // Sending.
+  void txSrcIpAddrIs(const IpGenAddr& a) noexcept { txSrc_ = a; }
+  void txDstIpAddrIs(const IpGenAddr& a) noexcept { txDst_ = a; }
+  void txFlagsIs(std::uint32_t f) noexcept { txFlags_ = f; }
+  void txIfIndexIs(std::uint32_t i) noexcept { txIfIndex_ = i; }
+  const IpGenAddr& txSrcIpAddr() const noexcept { return txSrc_; }
+  const IpGenAddr& txDstIpAddr() const noexcept { return txDst_; }
+  std::uint32_t txFlags() const noexcept { return txFlags_; }
+  std::uint32_t txIfIndex() const noexcept { return txIfIndex_; }
+  // Sends pkt (with an IP header when header inclusion is on); false on error.
+  virtual bool txPkt(const Kel::Ptr<Pkt>& pkt);
+
+  std::uint64_t rxPktCount() const noexcept { return rxPktCount_; }
+  std::uint64_t rxErrors() const noexcept { return rxErrors_; }
+  std::uint64_t rxKernelDrops() const noexcept { return rxKernelDrops_; }
+  std::uint64_t txPktCount() const noexcept { return txPktCount_; }
+  std::uint64_t txErrors() const noexcept { return txErrors_; }
+  std::uint64_t optionErrors() const noexcept { return optionErrors_; }
+
+ protected:
+  // No socket: for test doubles that override the virtual operations.
+  IpPam(Kel::Name name, AddressFamily af);
+  void rxPktCountInc() noexcept { ++rxPktCount_; }
+  std::uint32_t rxIfIndex_ = 0;
+
+ private:
+  bool setOption(std::uint32_t bit, bool on);
+  AddressFamily af_;
+  std::uint8_t protocol_ = 0;
+  NamespaceName netNs_;
+  bool ipv6HeaderInclude_ = false;
+  int fd_ = -1;
+  std::uint32_t options_ = 0;
+  std::uint32_t rxBuf_ = 0;
+  std::vector<BpfInsn> rxFilter_;
+  Ulm::EventLoop* loop_ = nullptr;
+  std::uint64_t readableCount_ = 0;
+  std::vector<std::uint8_t> rxBuffer_;
+  IpGenAddr txSrc_;
+  IpGenAddr txDst_;
+  std::uint32_t txFlags_ = 0;
+  std::uint32_t txIfIndex_ = 0;
+  std::uint64_t rxPktCount_ = 0;
+  std::uint64_t rxErrors_ = 0;
+  std::uint64_t rxKernelDrops_ = 0;
+  std::uint64_t txPktCount_ = 0;
+  std::uint64_t txErrors_ = 0;
+  std::uint64_t optionErrors_ = 0;
+  Kel::NotifieeList<NotifieeConst> notifiees_;
+};
+
+Kel::Ptr<IpPam> ipPamFactory(const Kel::Name& name, AddressFamily af, std::uint8_t protocol,
+                             const NamespaceName& netNs, bool ipv6HeaderInclude = false);
 
 }  // namespace Nimo
 

@@ -587,3 +587,102 @@ struct ValueText<Routing::Pim::LanPruneDelayOption> {
   }
 };
 }  // namespace Kel
+
+// ---------------------------------------------------------------------------------------
+// The agent's PIM status and configuration as the I/O layer reads them.
+//
+// - Routing::Pim::Intf: a PIM-enabled interface: its id, the MBR flag (a multicast border
+//   router interface, whose packets are not processed) and its primary address.
+// - Routing::Pim::Status: the agent's PIM interfaces (intf) and the neighbours that are
+//   active on each (activeNeighbor, keyed by interface and address, valued by the
+//   neighbour's hold time). Notifiees get onIntf(id) and onActiveNeighbor(key) on change.
+// - Routing::Pim::IntfConfig / ConfigColl: per-interface configuration; the I/O layer
+//   reads the neighbour-filter ACL name (empty: no filter).
+//
+// Usage:
+//   auto st = Kel::Ptr<Routing::Pim::Status>::make("pim");
+//   st->intfIs(Nimo::IntfId("eth1"));
+//   st->activeNeighborIs({Nimo::IntfId("eth1"), Nimo::IpGenAddr("10.0.0.2")}, 105);
+namespace Routing::Pim {
+
+struct Intf {
+  Nimo::IntfId intfId;
+  bool mbr = false;
+  Nimo::IpGenAddr primaryAddr;
+};
+
+struct ActiveNeighborKey {
+  Nimo::IntfId intfId;
+  Nimo::IpGenAddr address;
+  friend auto operator<=>(const ActiveNeighborKey&, const ActiveNeighborKey&) = default;
+  friend bool operator==(const ActiveNeighborKey&, const ActiveNeighborKey&) = default;
+};
+
+class Status : public Kel::Entity {
+ public:
+  class NotifieeConst : public Kel::BaseNotifiee<Status, NotifieeConst> {
+   public:
+    virtual void onIntf(const Nimo::IntfId&) {}
+    virtual void onActiveNeighbor(const ActiveNeighborKey&) {}
+  };
+  void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
+
+  explicit Status(Kel::Name name) : Kel::Entity(std::move(name)) {}
+
+  const Intf* intf(const Nimo::IntfId& id) const {
+    auto it = intf_.find(id);
+    return it == intf_.end() ? nullptr : &it->second;
+  }
+  const std::map<Nimo::IntfId, Intf>& intf() const noexcept { return intf_; }
+  void intfIs(const Nimo::IntfId& id, bool mbr = false, Nimo::IpGenAddr primary = {}) {
+    Intf& i = intf_[id];
+    i.intfId = id;
+    i.mbr = mbr;
+    i.primaryAddr = primary;
+    notifiees_.forEach([&](NotifieeConst& n) { n.onIntf(id); });
+  }
+  void intfDel(const Nimo::IntfId& id) {
+    if (intf_.erase(id) != 0) notifiees_.forEach([&](NotifieeConst& n) { n.onIntf(id); });
+  }
+
+  bool activeNeighbor(const ActiveNeighborKey& k) const { return neighbor_.count(k) != 0; }
+  const std::map<ActiveNeighborKey, std::uint16_t>& activeNeighbor() const noexcept {
+    return neighbor_;
+  }
+  void activeNeighborIs(const ActiveNeighborKey& k, std::uint16_t holdTime) {
+    auto [it, created] = neighbor_.try_emplace(k, holdTime);
+    if (!created && it->second == holdTime) return;
+    it->second = holdTime;
+    notifiees_.forEach([&](NotifieeConst& n) { n.onActiveNeighbor(k); });
+  }
+  void activeNeighborDel(const ActiveNeighborKey& k) {
+    if (neighbor_.erase(k) != 0)
+      notifiees_.forEach([&](NotifieeConst& n) { n.onActiveNeighbor(k); });
+  }
+
+ private:
+  std::map<Nimo::IntfId, Intf> intf_;
+  std::map<ActiveNeighborKey, std::uint16_t> neighbor_;
+  Kel::NotifieeList<NotifieeConst> notifiees_;
+};
+
+struct IntfConfig {
+  std::string neighborFilter;  // ACL name; empty: no filter
+};
+
+class ConfigColl : public Kel::Entity {
+ public:
+  explicit ConfigColl(Kel::Name name) : Kel::Entity(std::move(name)) {}
+  const IntfConfig* intfConfig(const Nimo::IntfId& id) const {
+    auto it = intf_.find(id);
+    return it == intf_.end() ? nullptr : &it->second;
+  }
+  IntfConfig& intfConfigIs(const Nimo::IntfId& id) { return intf_[id]; }
+  void intfConfigDel(const Nimo::IntfId& id) { intf_.erase(id); }
+
+ private:
+  std::map<Nimo::IntfId, IntfConfig> intf_;
+};
+
+}  // namespace Routing::Pim

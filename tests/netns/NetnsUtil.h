@@ -1,0 +1,124 @@
+// Two network namespaces joined by a veth pair, named with the process id, removed on
+// destruction. Root only: tests skip themselves otherwise.
+#pragma once
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace PimTest {
+
+inline bool isRoot() { return ::geteuid() == 0; }
+
+inline int sh(const std::string& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()); }
+
+// Runs fn inside namespace ns (a name under /run/netns) and comes back.
+template <typename F>
+auto inNetns(const std::string& ns, F&& fn) {
+  const int self = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+  const int target = ::open(("/run/netns/" + ns).c_str(), O_RDONLY | O_CLOEXEC);
+  if (target >= 0) (void)::setns(target, CLONE_NEWNET);
+  struct Back {
+    int self, target;
+    ~Back() {
+      if (self >= 0) (void)::setns(self, CLONE_NEWNET);
+      if (self >= 0) ::close(self);
+      if (target >= 0) ::close(target);
+    }
+  } back{self, target};
+  return fn();
+}
+
+class NetnsPair {
+ public:
+  // Namespaces "<tag>a<pid>" and "<tag>b<pid>", veth "<tag>a<pid>" in a and "<tag>b<pid>"
+  // in b, up, with 10.77.0.1/24, fd77::1/64 on a and .2 / ::2 on b.
+  explicit NetnsPair(const std::string& tag = "pim") {
+    const int pid = ::getpid();
+    a = fmt::format("{}a{}", tag, pid);
+    b = fmt::format("{}b{}", tag, pid);
+    vethA = a;
+    vethB = b;
+    ok = sh("ip netns add " + a) == 0 && sh("ip netns add " + b) == 0 &&
+         sh(fmt::format("ip link add {} netns {} type veth peer name {} netns {}", vethA, a, vethB,
+                        b)) == 0;
+    for (const auto& [ns, dev, n] : {std::tuple{a, vethA, 1}, std::tuple{b, vethB, 2}}) {
+      ok = ok && sh(fmt::format("ip -n {} link set lo up", ns)) == 0 &&
+           sh(fmt::format("ip -n {} link set {} up", ns, dev)) == 0 &&
+           sh(fmt::format("ip -n {} addr add 10.77.0.{}/24 dev {}", ns, n, dev)) == 0 &&
+           sh(fmt::format("ip -n {} addr add fd77::{}/64 dev {} nodad", ns, n, dev)) == 0;
+    }
+    if (ok) {
+      ifIndexA = inNetns(a, [&] { return ::if_nametoindex(vethA.c_str()); });
+      ifIndexB = inNetns(b, [&] { return ::if_nametoindex(vethB.c_str()); });
+    }
+  }
+  ~NetnsPair() {
+    sh("ip netns del " + a);
+    sh("ip netns del " + b);
+  }
+  NetnsPair(const NetnsPair&) = delete;
+  NetnsPair& operator=(const NetnsPair&) = delete;
+
+  std::string a, b, vethA, vethB;
+  unsigned ifIndexA = 0, ifIndexB = 0;
+  bool ok = false;
+};
+
+// A plain raw PIM socket in namespace ns, sending on ifIndex; the kernel builds the IP
+// header.
+class RawSender {
+ public:
+  RawSender(const std::string& ns, int family, unsigned ifIndex) : family_(family) {
+    fd_ = inNetns(ns, [&] { return ::socket(family, SOCK_RAW | SOCK_CLOEXEC, 103); });
+    if (fd_ < 0) return;
+    if (family == AF_INET) {
+      ip_mreqn m{};
+      m.imr_ifindex = static_cast<int>(ifIndex);
+      ::setsockopt(fd_, IPPROTO_IP, IP_MULTICAST_IF, &m, sizeof m);
+    } else {
+      ::setsockopt(fd_, IPPROTO_IPV6, IPV6_MULTICAST_IF, &ifIndex, sizeof ifIndex);
+    }
+  }
+  ~RawSender() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  RawSender(const RawSender&) = delete;
+  RawSender& operator=(const RawSender&) = delete;
+  bool ok() const { return fd_ >= 0; }
+  int fd() const { return fd_; }
+  // Sends the PIM bytes to dst ("224.0.0.13", "ff02::d", ...).
+  bool send(const std::string& dst, const std::vector<std::uint8_t>& pim) {
+    sockaddr_storage ss{};
+    socklen_t len;
+    if (family_ == AF_INET) {
+      auto* s = reinterpret_cast<sockaddr_in*>(&ss);
+      s->sin_family = AF_INET;
+      ::inet_pton(AF_INET, dst.c_str(), &s->sin_addr);
+      len = sizeof *s;
+    } else {
+      auto* s = reinterpret_cast<sockaddr_in6*>(&ss);
+      s->sin6_family = AF_INET6;
+      ::inet_pton(AF_INET6, dst.c_str(), &s->sin6_addr);
+      len = sizeof *s;
+    }
+    return ::sendto(fd_, pim.data(), pim.size(), 0, reinterpret_cast<sockaddr*>(&ss), len) ==
+           static_cast<ssize_t>(pim.size());
+  }
+
+ private:
+  int family_;
+  int fd_ = -1;
+};
+
+}  // namespace PimTest
