@@ -69,8 +69,8 @@
 #include <string_view>
 #include <utility>
 
-#include "Pim/PimTypesDrobe.h"
 #include "Pim/PimDrobeTables.h"
+#include "Pim/PimTypesDrobe.h"
 #include "Pim/platform/Drobe.h"
 #include "Pim/platform/Flicklog.h"
 #include "Pim/platform/Kel.h"

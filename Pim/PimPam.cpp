@@ -12,13 +12,13 @@ void MessageInfo::messageIs(const Kel::Ptr<Packet::Message>& msg) {
 }
 
 // The invariants are spelled as the system states them, so that a failed one reads so.
-#define PIM_MESSAGE_INFO_KIND(name, Class, invariant)                   \
-  Kel::Ptr<Packet::Class> MessageInfo::name() const noexcept {          \
-    return Kel::ptr_cast<Packet::Class>(message_);                      \
-  }                                                                     \
-  void MessageInfo::name##Is(const Kel::Ptr<Packet::Class>& msg) {      \
-    KEL_ASSERT(invariant);                                              \
-    message_ = msg;                                                     \
+#define PIM_MESSAGE_INFO_KIND(name, Class, invariant)              \
+  Kel::Ptr<Packet::Class> MessageInfo::name() const noexcept {     \
+    return Kel::ptr_cast<Packet::Class>(message_);                 \
+  }                                                                \
+  void MessageInfo::name##Is(const Kel::Ptr<Packet::Class>& msg) { \
+    KEL_ASSERT(invariant);                                         \
+    message_ = msg;                                                \
   }
 using Packet::DfElectionMessage;
 PIM_MESSAGE_INFO_KIND(helloMessage, HelloMessage, msg->pimMessageType() == Nimo::pimHello())

@@ -120,8 +120,8 @@ class MessageInfo : public Kel::Entity {
 
   // One getter and setter per kind; a getter is null when the message is of another kind,
   // a setter asserts the kind.
-#define PIM_MESSAGE_INFO_KIND(name, Class)                      \
-  Kel::Ptr<Packet::Class> name() const noexcept;                \
+#define PIM_MESSAGE_INFO_KIND(name, Class)       \
+  Kel::Ptr<Packet::Class> name() const noexcept; \
   void name##Is(const Kel::Ptr<Packet::Class>& msg);
   PIM_MESSAGE_INFO_KIND(helloMessage, HelloMessage)
   PIM_MESSAGE_INFO_KIND(registerMessage, RegisterMessage)
