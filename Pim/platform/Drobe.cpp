@@ -1,6 +1,6 @@
 // Drobe: the untyped half of the shared-memory tables: the file and its header, the reader
 // registry, wake-ups, mounting and writer liveness. The typed slot and ring handling is in
-// Drobe.h.
+// drobe/Slots.h and Drobe.h.
 //
 // File layout:
 //   page 0: header (geometry written once at mount, then the commit counters)
@@ -35,6 +35,8 @@
 #include <new>
 #include <vector>
 
+#include "Pim/platform/drobe/Liveness.h"
+
 namespace Drobe {
 
 namespace detail {
@@ -67,15 +69,6 @@ std::uint64_t monotonicNs() {
 std::uint64_t roundUp64(std::uint64_t n) { return (n + 63) & ~std::uint64_t{63}; }
 constexpr std::uint64_t kPage = 4096;
 std::uint64_t roundUpPage(std::uint64_t n) { return (n + kPage - 1) & ~(kPage - 1); }
-
-// Whether another open file description holds the writer's lock on fd's file.
-bool writerLockHeld(int fd) {
-  struct flock fl {};
-  fl.l_type = F_WRLCK;
-  fl.l_whence = SEEK_SET;
-  if (::fcntl(fd, F_OFD_GETLK, &fl) != 0) return false;
-  return fl.l_type != F_UNLCK;
-}
 
 }  // namespace
 
@@ -183,18 +176,6 @@ class Mapping {
   std::byte* slots_ = nullptr;
   ReaderEntry* registry_ = nullptr;
 };
-
-std::uint32_t slotCountFor(std::uint32_t capacity) {
-  // At most 3/4 of the slots live keeps linear probes short, and leaves empty slots to
-  // end every probe.
-  return static_cast<std::uint32_t>(
-      std::max<std::uint64_t>(8, (std::uint64_t{capacity} * 4 + 2) / 3));
-}
-
-std::uint32_t ringSizeFor(std::uint32_t requested) {
-  const std::uint32_t r = requested == 0 ? kDefaultRingSize : requested;
-  return std::bit_ceil(std::clamp<std::uint32_t>(r, 4, kMaxRingSize));
-}
 
 namespace {
 
@@ -309,45 +290,7 @@ Mapping* mapExisting(const std::string& file, const Layout& want, Access access,
   return m;
 }
 
-// Each component of a relative path: one or more, none empty, "." or "..".
-bool safeComponents(std::string_view path, bool single) noexcept {
-  if (path.empty()) return false;
-  std::size_t pos = 0;
-  for (;;) {
-    const std::size_t slash = path.find('/', pos);
-    const std::string_view c =
-        path.substr(pos, slash == std::string_view::npos ? slash : slash - pos);
-    if (c.empty() || c == "." || c == "..") return false;
-    if (slash == std::string_view::npos) return true;
-    if (single) return false;
-    pos = slash + 1;
-  }
-}
-
 }  // namespace
-
-bool safeMountPath(std::string_view path) noexcept { return safeComponents(path, false); }
-bool safeCollectionName(std::string_view name) noexcept { return safeComponents(name, true); }
-
-AnonBuffer::~AnonBuffer() {
-  if (base_) ::munmap(base_, bytes_);
-}
-
-bool AnonBuffer::allocate(std::size_t bytes) noexcept {
-  if (base_) ::munmap(base_, bytes_);
-  base_ = nullptr;
-  bytes_ = std::max<std::size_t>(bytes, 1);
-  void* p = ::mmap(nullptr, bytes_, PROT_READ | PROT_WRITE,
-                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (p == MAP_FAILED) return false;
-  base_ = p;
-  return true;
-}
-
-void AnonBuffer::clear() noexcept {
-  // Private anonymous pages read back as zeroes once dropped.
-  if (base_) ::madvise(base_, bytes_, MADV_DONTNEED);
-}
 
 // ---------------------------------------------------------------------------------------
 // WriterCore
