@@ -1,15 +1,7 @@
 // Drobe: the untyped half of the shared-memory tables: the file and its header, the reader
 // registry, wake-ups, mounting and writer liveness. The typed slot and ring handling is in
 // drobe/Slots.h and Drobe.h.
-//
-// File layout:
-//   page 0: header (geometry written once at mount, then the commit counters)
-//   page 1: reader registry (kMaxReaders entries), the one part readers write; they map
-//           it on its own, writable, and everything else read-only
-//   page 2: change ring, then the page-use bitmap (one bit per page of slots, set by the
-//           writer before it first writes a slot there; readers never touch a page whose
-//           bit is clear, so unused slots cost no memory at either end), then the slots
-//           from a page boundary.
+
 #include "Pim/platform/Drobe.h"
 
 #include <fcntl.h>
@@ -35,6 +27,7 @@
 #include <new>
 #include <vector>
 
+#include "Pim/platform/drobe/Header.h"
 #include "Pim/platform/drobe/Liveness.h"
 
 namespace Drobe {
@@ -43,15 +36,6 @@ namespace detail {
 
 namespace {
 
-constexpr std::uint64_t kMagic = 0x31454C4241544244ull;  // "DBTABLE1"
-constexpr std::uint32_t kVersion = 3;  // 3: word-wise slots, page bitmap, schema, lock
-constexpr std::uint32_t kMaxReaders = 64;
-constexpr std::uint32_t kStateLive = 1;
-constexpr std::uint32_t kStateRetired = 2;
-constexpr std::uint32_t kStateGrown = 3;  // replaced by a grown table of the same writer
-constexpr std::uint32_t kEntryFree = 0;
-constexpr std::uint32_t kEntryClaiming = 1;
-constexpr std::uint32_t kEntryActive = 2;
 constexpr double kHealthPeriod = 1.0;
 // How often a reader whose wake-ups are failing polls instead (until they work again).
 constexpr double kFailingPollPeriod = 0.05;
@@ -66,44 +50,7 @@ std::uint64_t monotonicNs() {
          static_cast<std::uint64_t>(ts.tv_nsec);
 }
 
-std::uint64_t roundUp64(std::uint64_t n) { return (n + 63) & ~std::uint64_t{63}; }
-constexpr std::uint64_t kPage = 4096;
-std::uint64_t roundUpPage(std::uint64_t n) { return (n + kPage - 1) & ~(kPage - 1); }
-
 }  // namespace
-
-struct alignas(64) Header {
-  std::uint64_t magic;
-  std::uint32_t version;
-  std::uint32_t maxReaders;
-  Layout layout;
-  std::uint64_t registryOffset;
-  std::uint64_t ringOffset;
-  std::uint64_t bitmapOffset;
-  std::uint64_t slotsOffset;
-  std::uint64_t fileSize;
-  std::atomic<std::uint32_t> state;
-  std::atomic<std::int32_t> writerPid;
-  std::atomic<std::uint64_t> generation;
-  // Written on every commit: a line of its own, away from the read-mostly geometry.
-  alignas(64) std::atomic<std::uint64_t> ringHead;
-  std::atomic<std::uint64_t> commits;
-  std::atomic<std::uint64_t> refused;
-  std::atomic<std::uint64_t> corrupt;
-  std::atomic<std::uint32_t> liveCount;
-};
-
-struct alignas(64) ReaderEntry {
-  std::atomic<std::uint32_t> state;
-  std::atomic<std::int32_t> pid;
-  std::atomic<std::uint32_t> signalled;
-  // Wake-ups the writer could not deliver, counted so that the reader notices and polls.
-  std::atomic<std::uint32_t> undelivered;
-  std::uint32_t nameLen;
-  char name[40];         // abstract socket address, sun_path bytes
-  std::int32_t eventFd;  // the reader's eventfd, by its number in the reader; -1 if none
-};
-static_assert(sizeof(ReaderEntry) == 64);
 
 // One mapped collection file, with the offsets it was validated with: nothing read from
 // the shared header after mount decides where a pointer goes.
@@ -178,50 +125,6 @@ class Mapping {
 };
 
 namespace {
-
-struct FileGeometry {
-  std::uint64_t registryOffset, ringOffset, bitmapOffset, slotsOffset, fileSize;
-};
-
-// Where everything goes for a layout; all arithmetic in 64 bits.
-FileGeometry geometryOf(const Layout& l) {
-  FileGeometry g{};
-  g.registryOffset = kPage;
-  g.ringOffset = 2 * kPage;
-  g.bitmapOffset = roundUp64(g.ringOffset + std::uint64_t{l.ringSize} * l.ringEntrySize);
-  const std::uint64_t slotBytes = std::uint64_t{l.slotCount} * l.slotSize;
-  const std::uint64_t pages = (slotBytes + kPage - 1) / kPage;
-  g.slotsOffset = roundUpPage(g.bitmapOffset + (pages + 63) / 64 * 8);
-  g.fileSize = roundUpPage(g.slotsOffset + slotBytes);
-  return g;
-}
-
-// Why a header cannot be trusted with this layout, or nullptr. Checked: every size against
-// the record types, every bound, and every offset against the geometry the sizes imply
-// (which the file size must match), so that no index a reader computes leaves the file.
-const char* headerProblem(const Header& h, std::uint64_t fileSize, const Layout& want) {
-  if (h.magic != kMagic || h.version != kVersion) return "not a table of this version";
-  const Layout& l = h.layout;
-  if (l.keySize != want.keySize || l.valueSize != want.valueSize || l.slotSize != want.slotSize ||
-      l.ringEntrySize != want.ringEntrySize || l.schema != want.schema) {
-    return "record layout";
-  }
-  if (h.maxReaders > kMaxReaders) return "reader count";
-  if (l.ringSize < 4 || l.ringSize > kMaxRingSize || !std::has_single_bit(l.ringSize)) {
-    return "ring size";
-  }
-  if (l.slotCount < 8 || l.slotCount > slotCountFor(kMaxCapacity) || l.capacity > l.slotCount) {
-    return "slot count";
-  }
-  const FileGeometry g = geometryOf(l);
-  if (h.registryOffset != g.registryOffset || h.ringOffset != g.ringOffset ||
-      h.bitmapOffset != g.bitmapOffset || h.slotsOffset != g.slotsOffset ||
-      h.fileSize != g.fileSize) {
-    return "offsets";
-  }
-  if (h.fileSize != fileSize) return "file size";
-  return nullptr;
-}
 
 bool mkdirs(const std::string& dir) {
   std::string cur;
