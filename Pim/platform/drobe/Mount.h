@@ -1,6 +1,7 @@
 // Drobe mounting: the untyped halves of a writer (creates, grows and retires a collection
 // file, wakes its readers) and of a reader (mounts, remounts, follows the writer's
-// liveness), and which paths a table may be mounted at. Implemented in Drobe.cpp.
+// liveness), and which paths a table may be mounted at. Implemented in Drobe.cpp; the
+// paths in Mount.cpp, the wake-ups in Wake.cpp.
 #pragma once
 
 #include <cstdint>
