@@ -22,6 +22,18 @@ namespace Nimo {
 
 namespace {
 
+// The one ancillary item a send carries (the packet-info of the family).
+template <typename T>
+void putControl(msghdr& msg, char* control, int level, int type, const T& value) {
+  msg.msg_control = control;
+  msg.msg_controllen = CMSG_SPACE(sizeof value);
+  cmsghdr* c = CMSG_FIRSTHDR(&msg);
+  c->cmsg_level = level;
+  c->cmsg_type = type;
+  c->cmsg_len = CMSG_LEN(sizeof value);
+  std::memcpy(CMSG_DATA(c), &value, sizeof value);
+}
+
 Flicklog::Facility& pamTrace() {
   static Flicklog::Facility& f = Flicklog::facility("Nimo::Pam");
   return f;
@@ -285,13 +297,7 @@ bool IpPam::txPkt(const Kel::Ptr<Pkt>& pkt) {
         in_pktinfo pi{};
         pi.ipi_ifindex = withIntf ? static_cast<int>(txIfIndex_) : 0;
         if (txSrc_.af() == af_) std::memcpy(&pi.ipi_spec_dst, txSrc_.bytes(), 4);
-        msg.msg_control = control;
-        msg.msg_controllen = CMSG_SPACE(sizeof pi);
-        cmsghdr* c = CMSG_FIRSTHDR(&msg);
-        c->cmsg_level = IPPROTO_IP;
-        c->cmsg_type = IP_PKTINFO;
-        c->cmsg_len = CMSG_LEN(sizeof pi);
-        std::memcpy(CMSG_DATA(c), &pi, sizeof pi);
+        putControl(msg, control, IPPROTO_IP, IP_PKTINFO, pi);
       }
     } else {
       to6.sin6_family = AF_INET6;
@@ -302,13 +308,7 @@ bool IpPam::txPkt(const Kel::Ptr<Pkt>& pkt) {
         in6_pktinfo pi{};
         pi.ipi6_ifindex = withIntf ? txIfIndex_ : 0;
         if (txSrc_.af() == af_) std::memcpy(&pi.ipi6_addr, txSrc_.bytes(), 16);
-        msg.msg_control = control;
-        msg.msg_controllen = CMSG_SPACE(sizeof pi);
-        cmsghdr* c = CMSG_FIRSTHDR(&msg);
-        c->cmsg_level = IPPROTO_IPV6;
-        c->cmsg_type = IPV6_PKTINFO;
-        c->cmsg_len = CMSG_LEN(sizeof pi);
-        std::memcpy(CMSG_DATA(c), &pi, sizeof pi);
+        putControl(msg, control, IPPROTO_IPV6, IPV6_PKTINFO, pi);
       }
     }
     ok = ::sendmsg(fd_, &msg, 0) == static_cast<ssize_t>(pkt->size());
