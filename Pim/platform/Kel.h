@@ -193,6 +193,14 @@ class NotifieeList {
   int depth_ = 0;
 };
 
+// Immediate handlers. A collection's notifiee may offer, beside onFoo() (the whole
+// collection changed), the immediate variant onFooImmediate(). Both are synchronous; the
+// difference is order: for one whole-collection change every notifiee's immediate handler
+// runs before any notifiee's onFoo(). Notifiees that keep state derived from the
+// collection (indexes, caches) rebuild it in the immediate handler, so that ordinary
+// handlers reading through the entity see it consistent. Per-key changes have no
+// immediate variant.
+
 // Base of state-database entities: a name and reference counting. Each entity class
 // declares its own NotifieeConst with one virtual handler per attribute and keeps a
 // NotifieeList of them; the generated-style setters call the handlers synchronously.

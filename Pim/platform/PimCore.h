@@ -686,3 +686,38 @@ class ConfigColl : public Kel::Entity {
 };
 
 }  // namespace Routing::Pim
+
+// ---------------------------------------------------------------------------------------
+// RouteKey: one multicast route of the agent, (S,G) or (*,G); a (*,G) key has no source
+// (unset address). Prints "(10.0.0.1, 232.1.1.1)" or "(*, 239.1.1.1)".
+namespace Routing::Pim {
+
+class RouteKey {
+ public:
+  RouteKey() noexcept = default;
+  RouteKey(const Nimo::IpGenAddr& source, const Nimo::IpGenAddr& group) noexcept
+      : source_(source), group_(group) {}
+  // (*,G)
+  explicit RouteKey(const Nimo::IpGenAddr& group) noexcept : group_(group) {}
+  const Nimo::IpGenAddr& source() const noexcept { return source_; }
+  const Nimo::IpGenAddr& group() const noexcept { return group_; }
+  bool isStarG() const noexcept { return !source_.isSet() || source_.isZero(); }
+  friend bool operator==(const RouteKey&, const RouteKey&) = default;
+  friend auto operator<=>(const RouteKey&, const RouteKey&) = default;
+
+ private:
+  Nimo::IpGenAddr source_;
+  Nimo::IpGenAddr group_;
+};
+
+inline std::ostream& operator<<(std::ostream& os, const RouteKey& k) {
+  os << '(';
+  if (k.isStarG()) {
+    os << '*';
+  } else {
+    os << k.source();
+  }
+  return os << ", " << k.group() << ')';
+}
+
+}  // namespace Routing::Pim
