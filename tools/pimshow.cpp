@@ -2,6 +2,8 @@
 // shared memory for one VRF and address family, from any other process.
 //
 //   pimshow [--af 4|6] [--vrf NAME] [--counters-name NAME] [--json] [--watch]
+//   pimshow --rphash [--table plain|static|bsr|prefix|bsr-prefix] [--name NAME]
+//           [--af 4|6] [--vrf NAME] [--json] [--watch]
 //
 // Text output lists each collection sorted by key: interfaces and neighbours and counters
 // in their show forms (drobeString), the other collections in their value text forms.
@@ -11,8 +13,11 @@
 // --watch then prints every change as it arrives, one line each (one JSON object per line
 // with --json), until interrupted.
 //
-// Exit status: 0 done, 1 bad usage, 2 the status tables are not mounted (no agent writes
-// them, or DROBE_ROOT points elsewhere).
+// --rphash prints one RP hash table instead (group prefix to RP; --table picks which of
+// the five, --name the writer's name, "pim" by default), as collection "rpHash".
+//
+// Exit status: 0 done, 1 bad usage, 2 the tables asked for are not mounted (no agent
+// writes them, or DROBE_ROOT points elsewhere).
 #include <fmt/format.h>
 #include <signal.h>
 
@@ -25,6 +30,7 @@
 #include <vector>
 
 #include "Pim/PimDrobe.h"
+#include "Pim/PimRpHashStatus.h"
 #include "Pim/PimTypesDrobe.h"
 #include "Pim/platform/Drobe.h"
 #include "Pim/platform/Kel.h"
@@ -40,10 +46,31 @@ struct Options {
   std::string countersName = "pim";
   bool json = false;
   bool watch = false;
+  bool rpHash = false;
+  std::string rpHashTable = "plain";
+  std::string rpHashName = "pim";
 };
 
 constexpr std::string_view kUsage =
-    "usage: pimshow [--af 4|6] [--vrf NAME] [--counters-name NAME] [--json] [--watch]\n";
+    "usage: pimshow [--af 4|6] [--vrf NAME] [--counters-name NAME] [--json] [--watch]\n"
+    "       pimshow --rphash [--table plain|static|bsr|prefix|bsr-prefix] [--name NAME]\n"
+    "               [--af 4|6] [--vrf NAME] [--json] [--watch]\n";
+
+// The mount path of the RP hash table named by --table; empty for an unknown table.
+std::string rpHashPath(const Options& o, const L3::VrfName& vrf) {
+  using R = Routing::Pim::RpHashStatus;
+  using PathFn = std::string (*)(Nimo::AddressFamily, const L3::VrfName&, std::string_view);
+  static constexpr std::pair<std::string_view, PathFn> kTables[] = {
+      {"plain", &R::mountPath},
+      {"static", &R::staticMountPath},
+      {"bsr", &R::bsrMountPath},
+      {"prefix", &R::prefixMountPath},
+      {"bsr-prefix", &R::bsrPrefixMountPath}};
+  for (const auto& [table, fn] : kTables) {
+    if (table == o.rpHashTable) return fn(o.af, vrf, o.rpHashName);
+  }
+  return {};
+}
 
 bool parseArgs(int argc, char** argv, Options& o) {
   for (int i = 1; i < argc; ++i) {
@@ -61,6 +88,12 @@ bool parseArgs(int argc, char** argv, Options& o) {
       const char* v = value();
       if (!v || !*v || std::strlen(v) > L3::VrfName::kMaxLen) return false;
       o.vrf = v;
+    } else if (a == "--rphash") {
+      o.rpHash = true;
+    } else if (a == "--table" || a == "--name") {
+      const char* v = value();
+      if (!v || !*v) return false;
+      (a == "--table" ? o.rpHashTable : o.rpHashName) = v;
     } else if (a == "--counters-name") {
       const char* v = value();
       if (!v || !*v) return false;
@@ -107,6 +140,8 @@ void jsonValue(std::string& out, const T& v) {
     out += v ? "true" : "false";
   } else if constexpr (std::is_arithmetic_v<T>) {
     Kel::ValueText<T>::print(out, v);
+  } else if constexpr (requires { requires std::is_arithmetic_v<decltype(v.value())>; }) {
+    jsonValue(out, v.value());  // number wrappers (RpPriority, RpHashMaskLen)
   } else if constexpr (std::is_same_v<T, Nimo::IntfId>) {
     jsonString(out, v.name());
   } else {
@@ -139,8 +174,10 @@ std::string keyText(const K& k, bool json) {
     jsonValue(out, k);
   } else if constexpr (Kel::ValueRecord<K>) {
     out = Kel::valueToStrep(k);
-  } else {
+  } else if constexpr (std::is_same_v<K, Nimo::IntfId>) {
     out = std::string(k.name());
+  } else {
+    Kel::ValueText<K>::print(out, k);
   }
   return out;
 }
@@ -285,8 +322,60 @@ class CounterWatch : public D::MessageCounters::NotifieeConst {
   const Options& o_;
 };
 
+class RpHashWatch : public Routing::Pim::RpHashStatus::NotifieeConst {
+ public:
+  RpHashWatch(const Kel::Ptr<Routing::Pim::RpHashStatus>& t, const Options& o) : t_(t), o_(o) {
+    notifierIs(t);
+  }
+  void onRpHash(const Nimo::IpGenPrefix& k) override { printChange(t_->rpHashTable(), k, o_); }
+  void onRpHash() override { printEvent("rpHash", "resync", t_->rpHashSize(), o_); }
+  void onRpHashMountStatus(bool m) override {
+    printEvent("rpHash", m ? "mounted" : "unmounted", t_->rpHashSize(), o_);
+  }
+
+ private:
+  Kel::Ptr<Routing::Pim::RpHashStatus> t_;
+  const Options& o_;
+};
+
 volatile sig_atomic_t gStop = 0;
 void onSignal(int) { gStop = 1; }
+
+void watchUntilSignalled(Ulm::EventLoop& loop) {
+  ::signal(SIGINT, onSignal);
+  ::signal(SIGTERM, onSignal);
+  while (!gStop) loop.runOnce(0.5);
+}
+
+int showRpHash(const Options& o, const L3::VrfName& vrf) {
+  const std::string path = rpHashPath(o, vrf);
+  if (path.empty()) {
+    std::fputs(kUsage.data(), stderr);
+    return 1;
+  }
+  Ulm::EventLoop loop(Kel::Ptr<Kel::Clock>(new Kel::SystemClock));
+  auto table = Routing::Pim::rpHashStatusFactory(path);
+  table->mountReader(loop);
+  if (!table->mounted()) {
+    std::fprintf(stderr,
+                 "pimshow: the %s RP hash table %s of VRF %s (IPv%c) is not mounted: "
+                 "no agent publishes %s\n",
+                 o.rpHashTable.c_str(), o.rpHashName.c_str(), o.vrf.c_str(),
+                 o.af == Nimo::AddressFamily::ipv4 ? '4' : '6', ::Drobe::mountDir(path).c_str());
+    return 2;
+  }
+  std::string out = o.json ? "{\n" : "";
+  bool first = true;
+  printCollection(out, table->rpHashTable(), o, first);
+  if (o.json) out += "\n}\n";
+  std::fputs(out.c_str(), stdout);
+  std::fflush(stdout);
+  if (!o.watch) return 0;
+  loop.runOnce(0.0);  // the initial notices describe what was just printed
+  RpHashWatch w(table, o);
+  watchUntilSignalled(loop);
+  return 0;
+}
 
 }  // namespace
 
@@ -297,6 +386,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   const L3::VrfName vrf(o.vrf);
+  if (o.rpHash) return showRpHash(o, vrf);
   const std::string statusPath = D::Status::mountPath(o.af, vrf);
   const std::string countersPath = D::MessageCounters::mountPath(o.af, vrf, o.countersName);
 
@@ -333,13 +423,11 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   if (!o.watch) return 0;
 
-  ::signal(SIGINT, onSignal);
-  ::signal(SIGTERM, onSignal);
   // The readers' initial notices (mount status, whole-collection sync) describe what was
   // just printed; skip them.
   loop.runOnce(0.0);
   StatusWatch sw(status, o);
   CounterWatch cw(counters, o);
-  while (!gStop) loop.runOnce(0.5);
+  watchUntilSignalled(loop);
   return 0;
 }
