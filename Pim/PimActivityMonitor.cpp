@@ -4,9 +4,12 @@
 
 #include <fmt/format.h>
 #include <fmt/ostream.h>
+#include <netinet/in.h>  // before the kernel headers, which then skip their copies
+#include <sys/ioctl.h>
+// clang-format off
 #include <linux/mroute.h>
 #include <linux/mroute6.h>
-#include <sys/ioctl.h>
+// clang-format on
 
 #include <cerrno>
 #include <cstring>
