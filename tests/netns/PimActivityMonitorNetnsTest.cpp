@@ -1,0 +1,310 @@
+// The activity monitor against a real kernel multicast routing table: namespaces S, R and
+// D joined by veths (S - R - D). In R the test owns the routing socket (MRT_INIT on an
+// IGMP raw socket, MRT6_INIT on an ICMPv6 one), adds VIFs/MIFs and MFC entries; S sends
+// UDP to the groups; the monitor polls in R on its own PIM socket.
+#include <gmock/gmock.h>
+#include <netinet/in.h>  // before the kernel headers, which then skip their copies
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+// clang-format off
+#include <linux/mroute.h>
+#include <linux/mroute6.h>
+// clang-format on
+
+#include <filesystem>
+#include <memory>
+
+#include "Pim/PimActivityMonitor.h"
+#include "tests/netns/NetnsUtil.h"
+
+namespace {
+
+using Nimo::AddressFamily;
+using Nimo::IpGenAddr;
+using PimTest::inNetns;
+using PimTest::sh;
+namespace P = Routing::Pim;
+namespace Hw = Routing::Multicast::Fib::Hardware;
+
+// S - R - D, named with the family and the pid; removed on destruction.
+struct Chain {
+  explicit Chain(char fam) {
+    const int pid = ::getpid();
+    for (auto [ns, c] : {std::pair{&s, 's'}, std::pair{&r, 'r'}, std::pair{&d, 'd'}}) {
+      *ns = fmt::format("am{}{}{}", c, fam, pid);
+      ok = ok && sh("ip netns add " + *ns) == 0 && sh("ip -n " + *ns + " link set lo up") == 0;
+    }
+    // veth x<fam><pid>a in the first namespace, x<fam><pid>b in the second; subnet n.
+    auto link = [&](const std::string& a, const std::string& b, int n) {
+      const std::string va = fmt::format("v{}{}{}a", n, fam, pid),
+                        vb = fmt::format("v{}{}{}b", n, fam, pid);
+      ok = ok && sh(fmt::format("ip link add {} netns {} type veth peer name {} netns {}", va, a,
+                                vb, b)) == 0;
+      for (const auto& [ns, dev, host] : {std::tuple{a, va, 1}, std::tuple{b, vb, 2}}) {
+        ok =
+            ok && sh(fmt::format("ip -n {} link set {} up", ns, dev)) == 0 &&
+            sh(fmt::format("ip -n {} addr add 10.81.{}.{}/24 dev {}", ns, n, host, dev)) == 0 &&
+            sh(fmt::format("ip -n {} addr add fd81:{}::{}/64 dev {} nodad", ns, n, host, dev)) == 0;
+      }
+      return std::pair{va, vb};
+    };
+    const auto [sOut, rIn] = link(s, r, 1);
+    const auto [rOut, dIn] = link(r, d, 2);
+    if (!ok) return;
+    sIf = inNetns(s, [&] { return ::if_nametoindex(sOut.c_str()); });
+    rsIf = inNetns(r, [&] { return ::if_nametoindex(rIn.c_str()); });
+    rdIf = inNetns(r, [&] { return ::if_nametoindex(rOut.c_str()); });
+    ok = sIf && rsIf && rdIf;
+  }
+  ~Chain() {
+    for (const auto* ns : {&s, &r, &d}) sh("ip netns del " + *ns);
+  }
+  Chain(const Chain&) = delete;
+  Chain& operator=(const Chain&) = delete;
+
+  std::string s, r, d;
+  unsigned sIf = 0, rsIf = 0, rdIf = 0;
+  bool ok = true;
+};
+
+// The multicast routing daemon's socket in R: VIF/MIF 0 toward S, 1 toward D.
+class MRouter {
+ public:
+  MRouter(const Chain& c, bool v6) : v6_(v6) {
+    fd_ = inNetns(c.r, [&] {
+      return ::socket(v6 ? AF_INET6 : AF_INET, SOCK_RAW | SOCK_CLOEXEC,
+                      v6 ? int{IPPROTO_ICMPV6} : int{IPPROTO_IGMP});
+    });
+    const int one = 1;
+    ok_ = fd_ >= 0 && opt(v6 ? MRT6_INIT : MRT_INIT, &one, sizeof one) && addIf(0, c.rsIf) &&
+          addIf(1, c.rdIf);
+  }
+  ~MRouter() { close(); }
+  MRouter(const MRouter&) = delete;
+  MRouter& operator=(const MRouter&) = delete;
+  bool ok() const { return ok_; }
+  // The daemon dies: the kernel flushes its table.
+  void close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+  // (source, group) arriving on `in`, forwarded out of the other interface.
+  bool addRoute(const IpGenAddr& src, const IpGenAddr& grp, std::uint16_t in) {
+    const std::uint16_t out = in ^ 1;
+    if (v6_) {
+      mf6cctl m{};
+      m.mf6cc_origin.sin6_family = m.mf6cc_mcastgrp.sin6_family = AF_INET6;
+      std::memcpy(&m.mf6cc_origin.sin6_addr, src.bytes(), 16);
+      std::memcpy(&m.mf6cc_mcastgrp.sin6_addr, grp.bytes(), 16);
+      m.mf6cc_parent = in;
+      IF_SET(out, &m.mf6cc_ifset);
+      return opt(MRT6_ADD_MFC, &m, sizeof m);
+    }
+    mfcctl m{};
+    std::memcpy(&m.mfcc_origin, src.bytes(), 4);
+    std::memcpy(&m.mfcc_mcastgrp, grp.bytes(), 4);
+    m.mfcc_parent = in;
+    m.mfcc_ttls[out] = 1;
+    return opt(MRT_ADD_MFC, &m, sizeof m);
+  }
+
+ private:
+  bool opt(int name, const void* v, socklen_t n) {
+    return ::setsockopt(fd_, v6_ ? IPPROTO_IPV6 : IPPROTO_IP, name, v, n) == 0;
+  }
+  bool addIf(std::uint16_t index, unsigned ifIndex) {
+    if (v6_) {
+      mif6ctl m{};
+      m.mif6c_mifi = index;
+      m.mif6c_pifi = static_cast<std::uint16_t>(ifIndex);
+      return opt(MRT6_ADD_MIF, &m, sizeof m);
+    }
+    vifctl v{};
+    v.vifc_vifi = index;
+    v.vifc_flags = VIFF_USE_IFINDEX;
+    v.vifc_threshold = 1;
+    v.vifc_lcl_ifindex = static_cast<int>(ifIndex);
+    return opt(MRT_ADD_VIF, &v, sizeof v);
+  }
+  bool v6_;
+  int fd_ = -1;
+  bool ok_ = false;
+};
+
+// n UDP datagrams from S to group.
+bool sendFromS(const Chain& c, const IpGenAddr& group, int n) {
+  const bool v6 = group.af() == AddressFamily::ipv6;
+  const int fd =
+      inNetns(c.s, [&] { return ::socket(v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
+  if (fd < 0) return false;
+  sockaddr_storage ss{};
+  socklen_t len;
+  const int hops = 8;
+  if (v6) {
+    ::setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &c.sIf, sizeof c.sIf);
+    ::setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof hops);
+    auto* a = reinterpret_cast<sockaddr_in6*>(&ss);
+    a->sin6_family = AF_INET6;
+    a->sin6_port = htons(5000);
+    std::memcpy(&a->sin6_addr, group.bytes(), 16);
+    len = sizeof *a;
+  } else {
+    ip_mreqn m{};
+    m.imr_ifindex = static_cast<int>(c.sIf);
+    ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &m, sizeof m);
+    ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_TTL, &hops, sizeof hops);
+    auto* a = reinterpret_cast<sockaddr_in*>(&ss);
+    a->sin_family = AF_INET;
+    a->sin_port = htons(5000);
+    std::memcpy(&a->sin_addr, group.bytes(), 4);
+    len = sizeof *a;
+  }
+  int sent = 0;
+  for (int i = 0; i < n; ++i) {
+    sent += ::sendto(fd, "pim", 3, 0, reinterpret_cast<sockaddr*>(&ss), len) == 3;
+  }
+  ::close(fd);
+  return sent == n;
+}
+
+class ActivityMonitorNetnsTest : public ::testing::TestWithParam<AddressFamily> {
+ protected:
+  void SetUp() override {
+    if (!PimTest::isRoot()) GTEST_SKIP() << "needs root (network namespaces, raw sockets)";
+    v6 = GetParam() == AddressFamily::ipv6;
+    root = "/dev/shm/actmon-netns-" + std::to_string(::getpid()) + (v6 ? "-6" : "-4");
+    std::filesystem::create_directories(root);
+    ::setenv("DROBE_ROOT", root.c_str(), 1);
+    chain = std::make_unique<Chain>(v6 ? '6' : '4');
+    ASSERT_TRUE(chain->ok);
+    router = std::make_unique<MRouter>(*chain, v6);
+    ASSERT_TRUE(router->ok()) << "MRT_INIT or VIF/MIF setup failed: " << std::strerror(errno);
+    src = IpGenAddr(v6 ? "fd81:1::1" : "10.81.1.1");
+    auto pam = Nimo::ipPamFactory("pim", GetParam(), 103, chain->r);
+    ASSERT_TRUE(pam->ok());
+    mon = P::pimActivityMonitorSmFactory(vrf, pam, hw, clock);
+    P::activityMonitorTrace().levelIs(9);
+  }
+  void TearDown() override {
+    P::activityMonitorTrace().levelIs(0);
+    mon = nullptr;
+    hw = nullptr;
+    router.reset();
+    chain.reset();
+    if (!root.empty()) std::filesystem::remove_all(root);
+  }
+  IpGenAddr group(const char* v4, const char* v6text) const { return IpGenAddr(v6 ? v6text : v4); }
+  // Polls until the kernel counted `n` more packets than `last` shows, about three
+  // seconds at most; the last poll's answer.
+  P::PimActivityInfo pollUntil(const P::RouteKey& k, const P::PimKernelStats& last,
+                               std::uint64_t n) {
+    P::PimActivityInfo info;
+    for (int i = 0; i < 150; ++i) {
+      info = mon->isActive(k, last);
+      if (info.kernelStats().packetCount() >= last.packetCount() + n) break;
+      ::usleep(20000);
+    }
+    return info;
+  }
+
+  bool v6 = false;
+  std::string root;
+  std::unique_ptr<Chain> chain;
+  std::unique_ptr<MRouter> router;
+  IpGenAddr src;
+  const L3::VrfName vrf{"red"};
+  Kel::Ptr<Hw::Status> hw = Kel::Ptr<Hw::Status>::make("hw");
+  Kel::Ptr<Kel::SystemClock> clock = Kel::Ptr<Kel::SystemClock>::make();
+  Kel::Ptr<P::PimActivityMonitorSm> mon;
+  Flicklog::CaptureSink capture;
+};
+
+TEST_P(ActivityMonitorNetnsTest, PacketsFromSAreActivityOnceAndStopWithTheTraffic) {
+  constexpr int kN = 25;
+  const P::RouteKey sg(src, group("232.1.1.1", "ff3e::1:1"));
+  ASSERT_TRUE(router->addRoute(src, sg.group(), 0));
+  const P::PimActivityInfo idle = mon->isActive(sg, {});
+  EXPECT_FALSE(idle.isActive()) << "a new entry with no traffic";
+  ASSERT_TRUE(sendFromS(*chain, sg.group(), kN));
+  const P::PimActivityInfo busy = pollUntil(sg, idle.kernelStats(), kN);
+  EXPECT_TRUE(busy.isActive());
+  EXPECT_EQ(busy.kernelStats().packetCount() - idle.kernelStats().packetCount(), kN);
+  EXPECT_EQ(busy.kernelStats().wrongIf(), 0u);
+  const P::PimActivityInfo after = mon->isActive(sg, busy.kernelStats());
+  EXPECT_FALSE(after.isActive());
+  EXPECT_EQ(after.kernelStats(), busy.kernelStats());
+  EXPECT_EQ(mon->kernelQueryErrors(), 0u);
+}
+
+TEST_P(ActivityMonitorNetnsTest, WrongInterfaceTrafficCountsAsActivity) {
+  constexpr int kN = 10;
+  // The route expects the source on D's side; its packets arrive from S.
+  const P::RouteKey sg(src, group("232.1.1.2", "ff3e::1:2"));
+  ASSERT_TRUE(router->addRoute(src, sg.group(), 1));
+  const P::PimActivityInfo idle = mon->isActive(sg, {});
+  ASSERT_TRUE(sendFromS(*chain, sg.group(), kN));
+  const P::PimActivityInfo info = pollUntil(sg, idle.kernelStats(), kN);
+  EXPECT_TRUE(info.isActive());
+  EXPECT_EQ(info.kernelStats().packetCount() - idle.kernelStats().packetCount(), kN);
+  EXPECT_EQ(info.kernelStats().wrongIf() - idle.kernelStats().wrongIf(), kN);
+}
+
+TEST_P(ActivityMonitorNetnsTest, AHardwareHitFromAnotherProcessSkipsTheKernel) {
+  const P::RouteKey onlyInHw(src, group("232.9.9.9", "ff3e::9:9"));
+  int tell[2];
+  ASSERT_EQ(::pipe(tell), 0);
+  const pid_t writer = ::fork();
+  if (writer == 0) {
+    Hw::Status mine("hw");
+    auto v = mine.vrfStatusWriter(vrf);
+    if (!v) ::_exit(1);
+    v->activityIntervalIs(10);
+    v->routeActivityIs(P::PimActivityMonitorSm::convertKey(onlyInHw), Kel::SystemClock().now());
+    v->commit();
+    (void)!::write(tell[1], "w", 1);
+    ::pause();
+    ::_exit(0);
+  }
+  pollfd p{tell[0], POLLIN, 0};
+  ASSERT_EQ(::poll(&p, 1, 10000), 1);
+  Ulm::EventLoop loop(clock);
+  auto view = hw->vrfStatusReader(loop, vrf);
+  for (int i = 0; i < 300 && !view->exists(); ++i) loop.runOnce(0.01);
+  const std::uint64_t queries = mon->kernelQueries();
+  const P::PimActivityInfo info = mon->isActive(onlyInHw, P::PimKernelStats(4, 5, 6));
+  EXPECT_TRUE(info.isActive());
+  EXPECT_EQ(info.kernelStats(), P::PimKernelStats(4, 5, 6));
+  EXPECT_EQ(mon->kernelQueries(), queries) << "the kernel was asked";
+  ::kill(writer, SIGKILL);
+  ::waitpid(writer, nullptr, 0);
+  ::close(tell[0]);
+  ::close(tell[1]);
+}
+
+TEST_P(ActivityMonitorNetnsTest, TheDaemonsDeathFlushesEntriesAndQueriesFailWith99) {
+  const P::RouteKey sg(src, group("232.1.1.3", "ff3e::1:3"));
+  ASSERT_TRUE(router->addRoute(src, sg.group(), 0));
+  ASSERT_TRUE(sendFromS(*chain, sg.group(), 3));
+  const P::PimActivityInfo before = pollUntil(sg, {}, 3);
+  ASSERT_TRUE(before.isActive());
+  router->close();
+  capture.clear();
+  const P::PimActivityInfo info = mon->isActive(sg, before.kernelStats());
+  EXPECT_FALSE(info.isActive());
+  EXPECT_EQ(info.kernelStats(), before.kernelStats());
+  EXPECT_EQ(mon->kernelQueryErrors(), 1u);
+  ASSERT_FALSE(capture.lines().empty());
+  EXPECT_THAT(capture.lines().back().text,
+              ::testing::HasSubstr(fmt::format("<Vrf:red> isActiveInKernel{}(), Unable to get "
+                                               "stats ( error = 99 ) for route ",
+                                               v6 ? 6 : 4)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, ActivityMonitorNetnsTest,
+                         ::testing::Values(AddressFamily::ipv4, AddressFamily::ipv6),
+                         [](const auto& param) {
+                           return param.param == AddressFamily::ipv4 ? "IPv4" : "IPv6";
+                         });
+
+}  // namespace
