@@ -73,10 +73,29 @@ void RpHashStatus::mountReader(Ulm::EventLoop& loop) {
   rpHash_.mountReader(loop, ::Drobe::TableSet(name().str()));
 }
 
+bool RpHashStatus::rpHashIs(const RpHash& v) {
+  const auto& w = rpHash_.writer();
+  KEL_ASSERT(w && "table not mounted for writing");
+  const Nimo::IpGenPrefix& k = v.key();
+  // One probe tells both whether anything changes and whether the key is new.
+  const ::Drobe::Lookup<RpHash> old = w->lookup(k);
+  if (old.corrupt()) corruptionIs(old.slot);
+  if (old.found() && old.value == v) return true;
+  if (!w->is(v)) return false;
+  if (!old.found() && keys_.insert(k).second) lengthCountAdd(k, 1);
+  notifiees_.forEach([&](NotifieeConst& n) { n.onRpHash(k); });
+  return true;
+}
+
 RpHash RpHashStatus::rpHashDel(const Nimo::IpGenPrefix& k) {
-  std::optional<RpHash> old = rpHash_.find(k);
-  if (!old || !rpHash_.del(k)) return RpHash();
-  return *old;
+  const auto& w = rpHash_.writer();
+  KEL_ASSERT(w && "table not mounted for writing");
+  const ::Drobe::Lookup<RpHash> old = w->lookup(k);
+  if (old.corrupt()) corruptionIs(old.slot);
+  if (!old.found() || !w->del(k)) return RpHash();
+  if (keys_.erase(k)) lengthCountAdd(k, -1);
+  notifiees_.forEach([&](NotifieeConst& n) { n.onRpHash(k); });
+  return old.value;
 }
 
 void RpHashStatus::rpHashDelAll() {
@@ -88,15 +107,14 @@ void RpHashStatus::rpHashDelAll() {
 }
 
 void RpHashStatus::rpHashCommit(const RpHash& entry) {
-  if (const auto& w = rpHash_.writer()) {
-    if (::Drobe::Lookup<RpHash> r = w->lookup(entry.key()); r.corrupt()) {
-      FLICK_TRACE(DrobeDetail::pimDrobeTrace(), 1, "rpHash: corrupt entry at slot {}, cleared",
-                  r.slot);
-      w->corruptionIs(r.slot);
-    }
-  }
   rpHash_.commit();
   notifiees_.forEach([&](NotifieeConst& n) { n.onRpHash(entry.key()); });
+}
+
+void RpHashStatus::corruptionIs(std::uint32_t slot) {
+  FLICK_TRACE(DrobeDetail::pimDrobeTrace(), 1, "{}: corrupt rpHash entry at slot {}, cleared",
+              name().str(), slot);
+  rpHash_.writer()->corruptionIs(slot);
 }
 
 RpHash RpHashStatus::rpForGroup(const Nimo::IpGenAddr& group) const {

@@ -35,8 +35,9 @@
 // - rpHashCommit(entry) publishes every pending write of the table, not only entry's (the
 //   table library commits a collection at a time), then notifies onRpHash(entry.key()).
 // - rpHashIs of an entry equal to the stored one notifies nothing.
-// - Corruption the table reports on a write, delete or commit goes to its corruption hook
-//   (the slot is cleared, readers resync) and the operation carries on.
+// - Corruption the table reports on a write or delete goes to its corruption hook (the
+//   slot is cleared, readers resync) and the operation carries on. (Its commit copies the
+//   writer's own slots and reports nothing: the lookups of the writes find scribbles.)
 // - rpForGroup(group): the entry of the longest prefix that holds the group, the default
 //   entry if none. It probes only the mask lengths present in the table (counted per
 //   family from the container's own notices, on the writer and on readers alike), longest
@@ -261,7 +262,7 @@ class RpHashStatus : public Kel::Entity {
 
   std::optional<RpHash> rpHash(const Nimo::IpGenPrefix& k) const { return rpHash_.find(k); }
   // False if the table refused the entry (full).
-  bool rpHashIs(const RpHash& v) { return rpHash_.is(v); }
+  bool rpHashIs(const RpHash& v);
   RpHash rpHashDel(const Nimo::IpGenPrefix& k);
   void rpHashDelAll();
   void rpHashCommit(const RpHash& entry);
@@ -284,6 +285,7 @@ class RpHashStatus : public Kel::Entity {
 
  private:
   void handleKey(const Nimo::IpGenPrefix& k);
+  void corruptionIs(std::uint32_t slot);
   void handleCollection();
   void indexRebuild();
   void lengthCountAdd(const Nimo::IpGenPrefix& k, int delta);
