@@ -92,12 +92,20 @@ sockaddr_in6 PimActivityMonitorSm::ip6AddrToSockAddr(const Nimo::IpGenAddr& a) {
 }
 
 bool PimActivityMonitorSm::isActiveInHw(const Hw::RouteKey& key) {
+  return isActiveInHw(key, clock_->now());
+}
+
+bool PimActivityMonitorSm::isActiveInHw(const Hw::RouteKey& key, double now) {
   auto& tr = activityMonitorTrace();
   auto note = [&](std::string_view text) {
     FLICK_TRACE(tr, 4, "<Vrf:{}> isActiveInHw(), route {}{}", vrf_.name(), fmt::streamed(key),
                 text);
   };
-  const Kel::Ptr<Hw::VrfStatus> vrf = hw_ ? hw_->vrfStatus(vrf_) : nullptr;
+  if (hw_ && (hwVersion_ != hw_->version() || !hwVrf_)) {
+    hwVrf_ = hw_->vrfStatus(vrf_);
+    hwVersion_ = hw_->version();
+  }
+  const Hw::VrfStatus* vrf = hw_ ? hwVrf_.ptr() : nullptr;
   if (!vrf || !vrf->exists()) {
     note(kHwNoVrf);
     return false;
@@ -107,7 +115,6 @@ bool PimActivityMonitorSm::isActiveInHw(const Hw::RouteKey& key) {
     note(kHwNoRoute);
     return false;
   }
-  const double now = clock_->now();
   const double interval = vrf->activityInterval();
   if (now - *last <= interval) {
     note(kHwActive);
@@ -146,7 +153,12 @@ int PimActivityMonitorSm::kernelStats(const RouteKey& key, PimKernelStats& out) 
 
 PimActivityInfo PimActivityMonitorSm::isActive(const RouteKey& key,
                                                const PimKernelStats& lastStats) {
-  if (isActiveInHw(convertKey(key))) return PimActivityInfo(lastStats, true, clock_->now());
+  return isActive(key, lastStats, clock_->now());
+}
+
+PimActivityInfo PimActivityMonitorSm::isActive(const RouteKey& key, const PimKernelStats& lastStats,
+                                               double now) {
+  if (isActiveInHw(convertKey(key), now)) return PimActivityInfo(lastStats, true, now);
 
   auto& tr = activityMonitorTrace();
   const std::string_view step =
@@ -155,13 +167,13 @@ PimActivityInfo PimActivityMonitorSm::isActive(const RouteKey& key,
   if (const int err = kernelStats(key, stats); err != 0) {
     FLICK_TRACE(tr, 5, "<Vrf:{}> {}{}{}{}{}", vrf_.name(), step, kKernelError, err,
                 kKernelErrorRoute, fmt::streamed(key));
-    return PimActivityInfo(lastStats, false, clock_->now());
+    return PimActivityInfo(lastStats, false, now);
   }
   // A change, not an increase: re-created entries restart from zero.
   const bool active = stats != lastStats;
   FLICK_TRACE(tr, 4, "<Vrf:{}> {}{}{}{}", vrf_.name(), step, kKernelRoute, fmt::streamed(key),
               active ? kKernelActive : kKernelInactive);
-  return PimActivityInfo(stats, active, clock_->now());
+  return PimActivityInfo(stats, active, now);
 }
 
 Kel::Ptr<PimActivityMonitorSm> pimActivityMonitorSmFactory(const L3::VrfName& vrf,

@@ -140,6 +140,9 @@ class PimActivityMonitorSm : public Kel::Entity {
   void handleExpiryInterval();
 
   PimActivityInfo isActive(const RouteKey& key, const PimKernelStats& lastStats);
+  // The same at a time the caller read once for a whole poll of many routes: the clock
+  // read costs about as much as the hardware lookup itself (bench/ActivityBench).
+  PimActivityInfo isActive(const RouteKey& key, const PimKernelStats& lastStats, double now);
   bool isActiveInHw(const Multicast::Fib::Hardware::RouteKey& key);
 
   static Multicast::Fib::Hardware::RouteKey convertKey(const RouteKey& key);
@@ -151,12 +154,16 @@ class PimActivityMonitorSm : public Kel::Entity {
   void sgCountQueryIs(SgCountQuery q) { query_ = std::move(q); }
 
  private:
+  bool isActiveInHw(const Multicast::Fib::Hardware::RouteKey& key, double now);
   // 0 and the counters, or the errno.
   int kernelStats(const RouteKey& key, PimKernelStats& out);
 
   L3::VrfName vrf_;
   Kel::Ptr<Nimo::IpPam> pam_;
   Kel::Ptr<Multicast::Fib::Hardware::Status> hw_;
+  // The VRF's hardware status as of hw_'s version hwVersion_.
+  Kel::Ptr<Multicast::Fib::Hardware::VrfStatus> hwVrf_;
+  std::uint64_t hwVersion_ = 0;
   Kel::Ptr<Kel::Clock> clock_;
   SgCountQuery query_;
   std::uint32_t expiryTime_ = kDefaultExpiryTime;

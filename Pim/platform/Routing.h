@@ -250,14 +250,15 @@ class VrfStatus : public Kel::PtrInterface {
     s->vrf_.reader = set.reader<VrfActivityKey, VrfActivity>(loop, "vrf");
     s->route_.reader = set.reader<RouteKey, RouteActivity>(loop, "route");
     s->fastDrop_.reader = set.reader<RouteKey, FastDropActivity>(loop, "fastDrop");
+    s->vrfWatch_.notifierIs(s->vrf_.reader);
+    s->vrf_.refresh();
     return s;
   }
 
   // The VRF is in hardware once its writer has published the "vrf" entry.
-  bool exists() const { return vrf_.find({}).has_value(); }
-  std::uint8_t activityInterval() const {
-    auto v = vrf_.find({});
-    return v ? v->activityInterval : 0;
+  bool exists() const noexcept { return vrf_.cached.has_value(); }
+  std::uint8_t activityInterval() const noexcept {
+    return vrf_.cached ? vrf_.cached->activityInterval : 0;
   }
   std::optional<double> lastActivityTime(const RouteKey& k) const {
     auto v = route_.find(k);
@@ -269,7 +270,11 @@ class VrfStatus : public Kel::PtrInterface {
   }
 
   // Writer only.
-  bool activityIntervalIs(std::uint8_t seconds) { return vrf_.writer->is({seconds}); }
+  bool activityIntervalIs(std::uint8_t seconds) {
+    const bool ok = vrf_.writer->is({seconds});
+    vrf_.refresh();
+    return ok;
+  }
   bool routeActivityIs(const RouteKey& k, double t) { return route_.writer->is({k, t}); }
   bool routeActivityDel(const RouteKey& k) { return route_.writer->del(k); }
   bool fastDropActivityIs(const RouteKey& k, double t) { return fastDrop_.writer->is({k, t}); }
@@ -281,10 +286,26 @@ class VrfStatus : public Kel::PtrInterface {
   }
 
  private:
-  VrfStatus() = default;
-  StatusTable<VrfActivityKey, VrfActivity> vrf_;
+  VrfStatus() : vrfWatch_(*this) {}
+  // The one "vrf" entry, read on every poll: kept here, refreshed on the reader's notices.
+  struct VrfTable : StatusTable<VrfActivityKey, VrfActivity> {
+    std::optional<VrfActivity> cached;
+    void refresh() { cached = find({}); }
+  };
+  class VrfWatch : public ::Drobe::Reader<VrfActivityKey, VrfActivity>::NotifieeConst {
+   public:
+    explicit VrfWatch(VrfStatus& s) : s_(s) {}
+    void onKey(const VrfActivityKey&) override { s_.vrf_.refresh(); }
+    void onCollection() override { s_.vrf_.refresh(); }
+    void onMountStatus(bool) override { s_.vrf_.refresh(); }
+
+   private:
+    VrfStatus& s_;
+  };
+  VrfTable vrf_;
   StatusTable<RouteKey, RouteActivity> route_;
   StatusTable<RouteKey, FastDropActivity> fastDrop_;
+  VrfWatch vrfWatch_;  // last: detaches before the tables go
 };
 
 class Status : public Kel::Entity {
@@ -296,18 +317,27 @@ class Status : public Kel::Entity {
     auto it = vrfs_.find(vrf);
     return it == vrfs_.end() ? nullptr : it->second;
   }
+  // Bumped whenever a VRF's status is replaced or removed: readers that keep a VrfStatus
+  // look it up again when this moves.
+  std::uint64_t version() const noexcept { return version_; }
   Kel::Ptr<VrfStatus> vrfStatusWriter(const L3::VrfName& vrf) {
+    ++version_;
     vrfs_.erase(vrf);  // a previous writer's tables retire first
     auto s = VrfStatus::writerFor(vrf);
     if (s) vrfs_[vrf] = s;
     return s;
   }
   Kel::Ptr<VrfStatus> vrfStatusReader(Ulm::EventLoop& loop, const L3::VrfName& vrf) {
+    ++version_;
     return vrfs_[vrf] = VrfStatus::readerFor(loop, vrf);
   }
-  void vrfStatusDel(const L3::VrfName& vrf) { vrfs_.erase(vrf); }
+  void vrfStatusDel(const L3::VrfName& vrf) {
+    ++version_;
+    vrfs_.erase(vrf);
+  }
 
  private:
+  std::uint64_t version_ = 0;
   std::map<L3::VrfName, Kel::Ptr<VrfStatus>> vrfs_;
 };
 
