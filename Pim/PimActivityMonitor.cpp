@@ -102,10 +102,10 @@ bool PimActivityMonitorSm::isActiveInHw(const Hw::RouteKey& key, double now) {
                 text);
   };
   if (hw_ && (hwVersion_ != hw_->version() || !hwVrf_)) {
-    hwVrf_ = hw_->vrfStatus(vrf_);
+    hwVrf_ = hw_->vrfStatus(vrf_).ptr();
     hwVersion_ = hw_->version();
   }
-  const Hw::VrfStatus* vrf = hw_ ? hwVrf_.ptr() : nullptr;
+  const Hw::VrfStatus* vrf = hw_ ? hwVrf_ : nullptr;
   if (!vrf || !vrf->exists()) {
     note(kHwNoVrf);
     return false;

@@ -161,8 +161,9 @@ class PimActivityMonitorSm : public Kel::Entity {
   L3::VrfName vrf_;
   Kel::Ptr<Nimo::IpPam> pam_;
   Kel::Ptr<Multicast::Fib::Hardware::Status> hw_;
-  // The VRF's hardware status as of hw_'s version hwVersion_.
-  Kel::Ptr<Multicast::Fib::Hardware::VrfStatus> hwVrf_;
+  // The VRF's hardware status as of hw_'s version hwVersion_. Not owned: hw_ holds it
+  // until its version moves, and holding it here would keep a retired writer's tables.
+  const Multicast::Fib::Hardware::VrfStatus* hwVrf_ = nullptr;
   std::uint64_t hwVersion_ = 0;
   Kel::Ptr<Kel::Clock> clock_;
   SgCountQuery query_;
