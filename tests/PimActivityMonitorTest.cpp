@@ -47,18 +47,16 @@ class MonitorTest : public ::testing::Test {
     mon_->sgCountQueryIs([this](int, unsigned long request, void* arg) {
       requests_.push_back(request);
       // Both requests have one number (the socket's family tells the kernel apart).
-      if (!v6_) {
-        auto* r = static_cast<sioc_sg_req*>(arg);
-        v4Req_ = *r;
+      auto answer = [this](auto* r, auto& seen) {
+        seen = *r;
         r->pktcnt = stats_.packetCount();
         r->bytecnt = stats_.byteCount();
         r->wrong_if = stats_.wrongIf();
+      };
+      if (v6_) {
+        answer(static_cast<sioc_sg_req6*>(arg), v6Req_);
       } else {
-        auto* r = static_cast<sioc_sg_req6*>(arg);
-        v6Req_ = *r;
-        r->pktcnt = stats_.packetCount();
-        r->bytecnt = stats_.byteCount();
-        r->wrong_if = stats_.wrongIf();
+        answer(static_cast<sioc_sg_req*>(arg), v4Req_);
       }
       return err_;
     });

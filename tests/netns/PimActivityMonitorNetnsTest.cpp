@@ -132,39 +132,11 @@ class MRouter {
   bool ok_ = false;
 };
 
-// n UDP datagrams from S to group.
+// n packets from S to group (PIM bytes: the kernel counts any IP packet to the group).
 bool sendFromS(const Chain& c, const IpGenAddr& group, int n) {
-  const bool v6 = group.af() == AddressFamily::ipv6;
-  const int fd =
-      inNetns(c.s, [&] { return ::socket(v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
-  if (fd < 0) return false;
-  sockaddr_storage ss{};
-  socklen_t len;
-  const int hops = 8;
-  if (v6) {
-    ::setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &c.sIf, sizeof c.sIf);
-    ::setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof hops);
-    auto* a = reinterpret_cast<sockaddr_in6*>(&ss);
-    a->sin6_family = AF_INET6;
-    a->sin6_port = htons(5000);
-    std::memcpy(&a->sin6_addr, group.bytes(), 16);
-    len = sizeof *a;
-  } else {
-    ip_mreqn m{};
-    m.imr_ifindex = static_cast<int>(c.sIf);
-    ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &m, sizeof m);
-    ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_TTL, &hops, sizeof hops);
-    auto* a = reinterpret_cast<sockaddr_in*>(&ss);
-    a->sin_family = AF_INET;
-    a->sin_port = htons(5000);
-    std::memcpy(&a->sin_addr, group.bytes(), 4);
-    len = sizeof *a;
-  }
+  PimTest::RawSender tx(c.s, group.af() == AddressFamily::ipv6 ? AF_INET6 : AF_INET, c.sIf);
   int sent = 0;
-  for (int i = 0; i < n; ++i) {
-    sent += ::sendto(fd, "pim", 3, 0, reinterpret_cast<sockaddr*>(&ss), len) == 3;
-  }
-  ::close(fd);
+  for (int i = 0; i < n; ++i) sent += tx.ok() && tx.send(group.str(), {0x20, 0, 0, 0});
   return sent == n;
 }
 
