@@ -311,7 +311,8 @@ bool waitByte(int fd, int seconds) {
 
 // Runs loop turns until done() or about `seconds` passed.
 bool runUntil(Ulm::EventLoop& loop, double seconds, const std::function<bool()>& done) {
-  for (int i = 0; i < static_cast<int>(seconds * 100) && !done(); ++i) loop.runOnce(0.01);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!done() && std::chrono::steady_clock::now() < end) loop.runOnce(0.01);
   return done();
 }
 
@@ -461,7 +462,8 @@ TEST(RpHashCrossProcess, ReaderRpForGroupAgreesWithBruteForce) {
 TEST(RpHashCrossProcess, AKilledWriterLeavesTheReaderUnmountedUntilANewOneComes) {
   const std::string path = uniquePath();
   const RpHash e = entry("239.5.0.0/16", "10.0.0.5");
-  // Writer child: says when it is mounted, then rewrites entries without end.
+  // Writer child: says when it is mounted, then rewrites entries in 238/8 (apart from e)
+  // without end.
   auto startWriter = [&](bool forever, int tell) {
     const pid_t pid = ::fork();
     if (pid == 0) {
@@ -471,10 +473,13 @@ TEST(RpHashCrossProcess, AKilledWriterLeavesTheReaderUnmountedUntilANewOneComes)
       w->rpHashCommit(e);
       (void)!::write(tell, "m", 1);
       for (std::uint32_t i = 0; forever || i < 1; ++i) {
-        w->rpHashIs(RpHash(IpGenPrefix(IpGenAddr::v4(0xef000000u | (i & 0xffff) << 8), 24),
+        w->rpHashIs(RpHash(IpGenPrefix(IpGenAddr::v4(0xee000000u | (i & 0xffff) << 8), 24),
                            IpGenAddr::v4(i), P::RpPriority(1), P::RpHashMaskLen(30), false,
                            P::Mode::Sparse));
-        if (i % 1000 == 999) w->rpHashDelAll();
+        if (i % 1000 == 999) {
+          w->rpHashDelAll();
+          w->rpHashIs(e);
+        }
         w->rpHashCommit(e);
       }
       ::pause();  // the second writer stays until the test kills it
