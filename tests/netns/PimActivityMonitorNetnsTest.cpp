@@ -98,7 +98,7 @@ class MRouter {
       std::memcpy(&m.mf6cc_origin.sin6_addr, src.bytes(), 16);
       std::memcpy(&m.mf6cc_mcastgrp.sin6_addr, grp.bytes(), 16);
       m.mf6cc_parent = in;
-      IF_SET(out, &m.mf6cc_ifset);
+      m.mf6cc_ifset.ifs_bits[out / 32] |= 1u << (out % 32);  // IF_SET, without its int
       return opt(MRT6_ADD_MFC, &m, sizeof m);
     }
     mfcctl m{};
@@ -186,8 +186,9 @@ class ActivityMonitorNetnsTest : public ::testing::TestWithParam<AddressFamily> 
   std::unique_ptr<MRouter> router;
   IpGenAddr src;
   const L3::VrfName vrf{"red"};
-  Kel::Ptr<Hw::Status> hw = Kel::Ptr<Hw::Status>::make("hw");
   Kel::Ptr<Kel::SystemClock> clock = Kel::Ptr<Kel::SystemClock>::make();
+  Ulm::EventLoop loop{clock};  // before hw: its readers watch this loop
+  Kel::Ptr<Hw::Status> hw = Kel::Ptr<Hw::Status>::make("hw");
   Kel::Ptr<P::PimActivityMonitorSm> mon;
   Flicklog::CaptureSink capture;
 };
@@ -240,7 +241,6 @@ TEST_P(ActivityMonitorNetnsTest, AHardwareHitFromAnotherProcessSkipsTheKernel) {
   }
   pollfd p{tell[0], POLLIN, 0};
   ASSERT_EQ(::poll(&p, 1, 10000), 1);
-  Ulm::EventLoop loop(clock);
   auto view = hw->vrfStatusReader(loop, vrf);
   for (int i = 0; i < 300 && !view->exists(); ++i) loop.runOnce(0.01);
   const std::uint64_t queries = mon->kernelQueries();
