@@ -3,13 +3,17 @@
 // growth, the descriptors a reader of the PIM table sets holds). Also Ledra's mounts.
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -725,18 +729,28 @@ TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSu
   }
 }
 
-// A child writer commits three records 100 ms apart, its wake-ups hampered: the reader in
-// this process must get all three, and the writer's trace (level 4) shows the path taken.
+// Drops one capability from this process's effective and permitted sets.
+bool dropCapability(unsigned cap) {
+  __user_cap_header_struct h{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct d[2] = {};
+  if (::syscall(SYS_capget, &h, d) != 0) return false;
+  d[cap / 32].effective &= ~(1u << (cap % 32));
+  d[cap / 32].permitted &= ~(1u << (cap % 32));
+  return ::syscall(SYS_capset, &h, d) == 0;
+}
+
+// A child writer commits three records 100 ms apart, its wake-ups hampered: a child reader
+// must get all three, and the writer's trace (level 4) shows the path taken.
 TEST_F(DrobeCrossProcessTest, ReadersConvergeWhateverBecomesOfTheirWakeUps) {
   struct Case {
     const char* what;
     bool needsRoot;
-    std::function<bool()> beforeMount, afterRegistration;
+    std::function<bool()> reader, writer, afterRegistration;
     const char *expected, *absent;
   };
+  const auto yes = [] { return true; };
   const Case cases[] = {
-      {"the writer is out of descriptors: wake-ups fail, the reader polls", false,
-       [] { return true; },
+      {"the writer is out of descriptors: wake-ups fail, the reader polls", false, yes, yes,
        [] {
          const int lowest = ::open("/dev/null", O_RDONLY);
          ::close(lowest);
@@ -744,10 +758,16 @@ TEST_F(DrobeCrossProcessTest, ReadersConvergeWhateverBecomesOfTheirWakeUps) {
          return ::setrlimit(RLIMIT_NOFILE, &rl) == 0;
        },
        "failed", "gone"},
-      // An unprivileged writer is refused the root reader's eventfd.
-      {"the writer may not take the reader's eventfd: datagrams", true,
-       [] { return ::setgid(65534) == 0 && ::setuid(65534) == 0; }, [] { return true; },
-       "woken by datagram", "failed"},
+      // The reader runs as nobody (in the writer's group, to open its tables). A writer with
+      // CAP_SYS_PTRACE may take any process's eventfd, so it gives that up, and with it the
+      // right to take another user's.
+      {"the writer may not take the unprivileged reader's eventfd: datagrams", true,
+       [] {
+         const gid_t root = 0;
+         return ::setgroups(1, &root) == 0 && ::setresgid(65534, 65534, 65534) == 0 &&
+                ::setresuid(65534, 65534, 65534) == 0;
+       },
+       [] { return dropCapability(CAP_SYS_PTRACE); }, yes, "woken by datagram", "failed"},
   };
   for (const Case& c : cases) {
     if (c.needsRoot && ::geteuid() != 0) continue;
@@ -756,15 +776,10 @@ TEST_F(DrobeCrossProcessTest, ReadersConvergeWhateverBecomesOfTheirWakeUps) {
     if (&c == cases) continue;
 #endif
     const std::string path = std::string(kXPath) + "/" + std::to_string(&c - cases);
-    std::filesystem::create_directories(Drobe::mountDir(path));
-    std::filesystem::permissions(Drobe::mountDir(path), std::filesystem::perms::all);
-    Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
-    Mirror m;
-    auto r = R::create(loop, path, "rec");
-    m.notifierIs(r);
     const int writer = spawn([&](int fd) {
-      if (!c.beforeMount()) ::_exit(3);
+      if (!c.writer()) ::_exit(3);
       auto w = W::create(path, {"rec", 64, 0});
+      send(fd, 'w');  // the directories exist: the reader may start
       for (int i = 0; w && i < 10000 && w->stats().readers == 0; ++i) ::usleep(1000);
       if (!w || !c.afterRegistration()) ::_exit(4);
       Drobe::trace().levelIs(4);
@@ -782,9 +797,70 @@ TEST_F(DrobeCrossProcessTest, ReadersConvergeWhateverBecomesOfTheirWakeUps) {
       hold(fd);
       ::_exit(expected > 0 && absent == 0 ? 0 : 6);
     });
-    EXPECT_TRUE(runUntil(loop, [&] { return m.rows.size() == 3; })) << c.what;
+    char started = 0;
+    ASSERT_TRUE(receive(writer, started)) << c.what;
+    const int reader = spawn([&](int) {
+      if (!c.reader()) ::_exit(3);
+      Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+      Mirror m;
+      auto r = R::create(loop, path, "rec");
+      m.notifierIs(r);
+      ::_exit(runUntil(loop, [&] { return m.rows.size() == 3; }) ? 0 : 7);
+    });
+    EXPECT_EQ(exitCode(reader, 20), 0) << c.what << ": the reader did not get all three";
     EXPECT_EQ(exitCode(writer), 0) << c.what << ": the writer's trace does not show the path";
   }
+}
+
+// A reader process registers once with a writer whatever it reads of it, and a burst of
+// commits on all those tables wakes it once.
+TEST_F(DrobeCrossProcessTest, AReaderProcessIsRegisteredAndWokenOncePerWriter) {
+  Drobe::TableSet set(kXPath, {{{"a", 64, 0}, {"b", 64, 0}, {"c", 64, 0}}});
+  const Kel::Ptr<W> tables[] = {set.writer<TKey, TVal>("a"), set.writer<TKey, TVal>("b"),
+                                set.writer<TKey, TVal>("c")};
+  constexpr std::uint32_t kRounds = 3;
+  const int reader = spawn([](int fd) {
+    Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+    Mirror m[3];
+    std::vector<Kel::Ptr<R>> rs;
+    for (const char* name : {"a", "b", "c"}) {
+      rs.push_back(R::create(loop, kXPath, name));
+      m[rs.size() - 1].notifierIs(rs.back());
+    }
+    auto all = [&](std::uint32_t round) {
+      return std::all_of(m, m + 3, [&](const Mirror& x) { return x.rows.count(round) == 1; });
+    };
+    if (!runUntil(loop, [&] { return m[0].mounts + m[1].mounts + m[2].mounts == 3; })) ::_exit(3);
+    for (std::uint32_t round = 1; round <= kRounds; ++round) {
+      send(fd, 'r');
+      hold(fd, 30);  // the loop stands still while the writer commits
+      const std::uint64_t before = rs[0]->stats().wakeUps;
+      if (!runUntil(loop, [&] { return all(round); })) ::_exit(4);
+      runUntil(
+          loop, [] { return false; }, 0.1);  // a late second wake-up would show here
+      send(fd, rs[0]->stats().wakeUps - before);
+    }
+    hold(fd, 30);
+    ::_exit(0);
+  });
+  for (std::uint32_t round = 1; round <= kRounds; ++round) {
+    char ready = 0;
+    ASSERT_TRUE(receive(reader, ready));
+    for (const auto& t : tables) EXPECT_EQ(t->stats().readers, 1u) << t->file();
+    const std::uint64_t sent = tables[0]->stats().wakeUps;
+    for (std::uint32_t k = 0; k < round; ++k) {  // a burst: each table committed round times
+      for (const auto& t : tables) {
+        t->is(TVal::make({round}, k));
+        t->commit();
+      }
+    }
+    EXPECT_EQ(tables[0]->stats().wakeUps - sent, 1u) << "round " << round;
+    send(reader, 'g');
+    std::uint64_t woken = 0;
+    ASSERT_TRUE(receive(reader, woken)) << "round " << round;
+    EXPECT_EQ(woken, 1u) << "round " << round;
+  }
+  EXPECT_EQ(exitCode(reader), 0);
 }
 
 TEST_F(DrobeCrossProcessTest, ADeadReadersRegistrationIsFreed) {
