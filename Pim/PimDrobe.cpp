@@ -9,6 +9,10 @@ Flicklog::Facility& pimDrobeTrace() {
   return f;
 }
 
+::Drobe::CollectionInfo growingCollection(std::string_view name, std::uint32_t initial) {
+  return {std::string(name), initial, 0, initial * kMaxGrowth};
+}
+
 std::string_view routingRoot(Nimo::AddressFamily af) {
   switch (af) {
     case Nimo::AddressFamily::ipv4:
@@ -37,12 +41,13 @@ std::string Status::mountPath(Nimo::AddressFamily af, const L3::VrfName& vrf) {
 }
 
 ::Drobe::MountInfo Status::writerMountInfo() {
-  return {{{"pimIntf", kPimIntfCapacity},
-           {"neighbor", kNeighborCapacity},
-           {"inactiveNeighbor", kInactiveNeighborCapacity},
-           {"intfSecondaryAddress", kIntfSecondaryAddressCapacity},
-           {"intfSecondaryPrefix", kIntfSecondaryPrefixCapacity},
-           {"neighborSecondaryAddress", kNeighborSecondaryAddressCapacity}}};
+  return {{DrobeDetail::growingCollection("pimIntf", kPimIntfCapacity),
+           DrobeDetail::growingCollection("neighbor", kNeighborCapacity),
+           DrobeDetail::growingCollection("inactiveNeighbor", kInactiveNeighborCapacity),
+           DrobeDetail::growingCollection("intfSecondaryAddress", kIntfSecondaryAddressCapacity),
+           DrobeDetail::growingCollection("intfSecondaryPrefix", kIntfSecondaryPrefixCapacity),
+           DrobeDetail::growingCollection("neighborSecondaryAddress",
+                                          kNeighborSecondaryAddressCapacity)}};
 }
 
 Status::Status(Kel::Name name)
@@ -67,7 +72,7 @@ std::string MessageCounters::mountPath(Nimo::AddressFamily af, const L3::VrfName
 }
 
 ::Drobe::MountInfo MessageCounters::writerMountInfo() {
-  return {{{"msgCounter", kMsgCounterCapacity}}};
+  return {{DrobeDetail::growingCollection("msgCounter", kMsgCounterCapacity)}};
 }
 
 MessageCounters::MessageCounters(Kel::Name name)

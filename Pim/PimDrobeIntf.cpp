@@ -9,12 +9,13 @@ std::string IntfStatus::mountPath(Nimo::AddressFamily af) {
 }
 
 ::Drobe::MountInfo IntfStatus::writerMountInfo() {
-  return {{{"intf", kIntfCapacity},
-           {"neighbor", kNeighborCapacity},
-           {"inactiveNeighbor", kInactiveNeighborCapacity},
-           {"intfSecondaryAddress", kIntfSecondaryAddressCapacity},
-           {"intfSecondaryPrefix", kIntfSecondaryPrefixCapacity},
-           {"neighborSecondaryAddress", kNeighborSecondaryAddressCapacity}}};
+  return {{DrobeDetail::growingCollection("intf", kIntfCapacity),
+           DrobeDetail::growingCollection("neighbor", kNeighborCapacity),
+           DrobeDetail::growingCollection("inactiveNeighbor", kInactiveNeighborCapacity),
+           DrobeDetail::growingCollection("intfSecondaryAddress", kIntfSecondaryAddressCapacity),
+           DrobeDetail::growingCollection("intfSecondaryPrefix", kIntfSecondaryPrefixCapacity),
+           DrobeDetail::growingCollection("neighborSecondaryAddress",
+                                          kNeighborSecondaryAddressCapacity)}};
 }
 
 IntfStatus::IntfStatus(Kel::Name name)

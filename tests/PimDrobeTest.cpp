@@ -171,7 +171,7 @@ struct Recorder : D::Status::NotifieeConst {
   bool mounted = false;
 };
 
-TEST(PimDrobeStatus, SettersNotifyOnlyOnChangeAndAFullTableRefusesWithoutNotice) {
+TEST(PimDrobeStatus, SettersNotifyOnlyOnChangeAndAFullTableRefusesOnlyAtItsMaximum) {
   auto s = D::statusFactory(uniquePath("status"));
   ASSERT_TRUE(s->mountWriter());
   Recorder r;
@@ -192,11 +192,14 @@ TEST(PimDrobeStatus, SettersNotifyOnlyOnChangeAndAFullTableRefusesWithoutNotice)
   EXPECT_EQ(r.keys, (std::vector<D::NeighborKey>{k, k, k, k, k}));
   EXPECT_EQ(r.collections, 1);
   EXPECT_EQ(s->neighborSize(), 0u);
-  for (std::uint32_t i = 1; i < D::Status::kPimIntfCapacity; ++i) {
+  // The declared size is where the table starts: it grows to 16 times that, then refuses.
+  const std::uint32_t max = D::Status::kPimIntfCapacity * P::DrobeDetail::kMaxGrowth;
+  for (std::uint32_t i = 1; i < max; ++i) {
     ASSERT_TRUE(s->pimIntfIs(D::Intf(IntfId("E" + std::to_string(i)), IpGenAddrWithMask())));
   }
+  EXPECT_EQ(s->pimIntfTable().writer()->capacity(), max);
   EXPECT_FALSE(s->pimIntfIs(D::Intf(IntfId("extra"), IpGenAddrWithMask())));
-  EXPECT_EQ(r.intfs.size(), D::Status::kPimIntfCapacity);
+  EXPECT_EQ(r.intfs.size(), max);
 }
 
 TEST(PimDrobeStatus, MountInDependencyOrderCreatesTheTypedEntity) {
