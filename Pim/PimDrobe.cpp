@@ -98,7 +98,7 @@ bool MessageCounters::msgCounterInc(const CounterKey& k, IO::MessageCounterDirec
   // would be invisible: readers see nothing before the commit.
   return msgCounter_.update(
       k, [&k] { return MessageCounterData(k); },
-      [d, t](MessageCounterData& e) { e.countInc(d, t); });
+      [d, t](MessageCounterData& e) { e.countInc(d, t); }, !notifiees_.empty());
 }
 
 Kel::Ptr<MessageCounters> messageCountersFactory(const Kel::Name& name) {

@@ -642,8 +642,8 @@ class DrobeCrossProcessTest : public DrobeTest {
   int exitCode(int fd, int seconds = 30, bool killNow = false) {
     const pid_t pid = pidOf(fd);
     std::erase(children_, std::pair{fd, pid});
+    if (killNow) ::kill(pid, SIGKILL);  // before its end of file could let it exit
     ::close(fd);
-    if (killNow) ::kill(pid, SIGKILL);
     int status = 0;
     for (int i = 0; i < seconds * 100; ++i) {
       if (::waitpid(pid, &status, WNOHANG) == pid)

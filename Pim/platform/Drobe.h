@@ -614,15 +614,25 @@ requires TableKey<K> && TableValue<V, K>
 template <typename Init, typename F>
 bool Writer<K, V>::update(const K& k, Init&& init, F&& fn) {
   const std::uint32_t h = static_cast<std::uint32_t>(k.hash());
-  const Probe p = probe(k, h);
-  if (!p.found) {
-    V v = init();
-    fn(v);
-    return insertAt(p.slot, h, k, v);
+  // Counting hits the same keys again and again, most of them in their home slot: one
+  // compare there before the probe loop, and nothing to mark for a key already marked
+  // in this commit.
+  std::uint32_t slot = detail::homeSlot(h, layout_.slotCount);
+  const detail::SlotBody<V>& home = shadow_[slot];
+  if (home.state != detail::kSlotLive || home.hash != h || !(home.value.key() == k)) {
+    const Probe p = probe(k, h);
+    if (!p.found) {
+      V v = init();
+      fn(v);
+      return insertAt(p.slot, h, k, v);
+    }
+    slot = p.slot;
   }
-  fn(shadow_[p.slot].value);
-  markDirty(p.slot);
-  queueKey(p.slot, k);
+  fn(shadow_[slot].value);
+  if (marks_[slot].dirty != epoch_ || marks_[slot].key != epoch_) {
+    markDirty(slot);
+    queueKey(slot, k);
+  }
   return true;
 }
 
