@@ -41,13 +41,7 @@ std::string Status::mountPath(Nimo::AddressFamily af, const L3::VrfName& vrf) {
 }
 
 ::Drobe::MountInfo Status::writerMountInfo() {
-  return {{DrobeDetail::growingCollection("pimIntf", kPimIntfCapacity),
-           DrobeDetail::growingCollection("neighbor", kNeighborCapacity),
-           DrobeDetail::growingCollection("inactiveNeighbor", kInactiveNeighborCapacity),
-           DrobeDetail::growingCollection("intfSecondaryAddress", kIntfSecondaryAddressCapacity),
-           DrobeDetail::growingCollection("intfSecondaryPrefix", kIntfSecondaryPrefixCapacity),
-           DrobeDetail::growingCollection("neighborSecondaryAddress",
-                                          kNeighborSecondaryAddressCapacity)}};
+  return DrobeDetail::statusMountInfo<Status>("pimIntf", kPimIntfCapacity);
 }
 
 Status::Status(Kel::Name name)

@@ -92,6 +92,18 @@ Flicklog::Facility& pimDrobeTrace();
 inline constexpr std::uint32_t kMaxGrowth = 16;
 // A collection of `initial` entries that grows up to kMaxGrowth times that.
 ::Drobe::CollectionInfo growingCollection(std::string_view name, std::uint32_t initial);
+// A status container's six collections in dependency order, each growing from the
+// container's declared size (S: Status or IntfStatus, which name their own interface
+// collection).
+template <typename S>
+::Drobe::MountInfo statusMountInfo(std::string_view intfName, std::uint32_t intfCapacity) {
+  return {{growingCollection(intfName, intfCapacity),
+           growingCollection("neighbor", S::kNeighborCapacity),
+           growingCollection("inactiveNeighbor", S::kInactiveNeighborCapacity),
+           growingCollection("intfSecondaryAddress", S::kIntfSecondaryAddressCapacity),
+           growingCollection("intfSecondaryPrefix", S::kIntfSecondaryPrefixCapacity),
+           growingCollection("neighborSecondaryAddress", S::kNeighborSecondaryAddressCapacity)}};
+}
 
 // "routing" for IPv4, "routing6" for IPv6; any other family is a programming error.
 std::string_view routingRoot(Nimo::AddressFamily af);

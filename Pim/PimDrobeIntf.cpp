@@ -9,13 +9,7 @@ std::string IntfStatus::mountPath(Nimo::AddressFamily af) {
 }
 
 ::Drobe::MountInfo IntfStatus::writerMountInfo() {
-  return {{DrobeDetail::growingCollection("intf", kIntfCapacity),
-           DrobeDetail::growingCollection("neighbor", kNeighborCapacity),
-           DrobeDetail::growingCollection("inactiveNeighbor", kInactiveNeighborCapacity),
-           DrobeDetail::growingCollection("intfSecondaryAddress", kIntfSecondaryAddressCapacity),
-           DrobeDetail::growingCollection("intfSecondaryPrefix", kIntfSecondaryPrefixCapacity),
-           DrobeDetail::growingCollection("neighborSecondaryAddress",
-                                          kNeighborSecondaryAddressCapacity)}};
+  return DrobeDetail::statusMountInfo<IntfStatus>("intf", kIntfCapacity);
 }
 
 IntfStatus::IntfStatus(Kel::Name name)
