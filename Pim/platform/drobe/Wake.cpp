@@ -283,7 +283,10 @@ bool WakeRegistry::create() {
   std::random_device rd;
   id_ = (std::uint64_t{rd()} << 32) ^ rd() ^ monotonicNs();
   file_ = wakeFile(pid_, id_);
-  fd_ = ::open(file_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0660);
+  // Made under a dot name and renamed once locked, so that another writer sweeping stale
+  // registries never takes it for a dead one.
+  const std::string tmp = fmt::format("{}/.{}.{:016x}.tmp", dir, pid_, id_);
+  fd_ = ::open(tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0660);
   struct flock fl {};
   fl.l_type = F_WRLCK;
   fl.l_whence = SEEK_SET;
@@ -293,18 +296,20 @@ bool WakeRegistry::create() {
       ::ftruncate(fd_, static_cast<off_t>(kPage)) == 0) {
     page = ::mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
   }
-  if (page == MAP_FAILED) {
-    FLICK_TRACE(trace(), 1, "{}: cannot create the wake-up registry: {}", file_,
-                std::strerror(errno));
-    if (fd_ >= 0) {
-      ::close(fd_);
-      ::unlink(file_.c_str());
-    }
-    return false;
+  if (page != MAP_FAILED) {
+    entries_ = static_cast<ReaderEntry*>(page);
+    for (std::uint32_t i = 0; i < kMaxReaders; ++i) new (entries_ + i) ReaderEntry{};
+    if (::rename(tmp.c_str(), file_.c_str()) == 0) return true;
+    ::munmap(page, kPage);
+    entries_ = nullptr;
   }
-  entries_ = static_cast<ReaderEntry*>(page);
-  for (std::uint32_t i = 0; i < kMaxReaders; ++i) new (entries_ + i) ReaderEntry{};
-  return true;
+  FLICK_TRACE(trace(), 1, "{}: cannot create the wake-up registry: {}", file_,
+              std::strerror(errno));
+  if (fd_ >= 0) {
+    ::close(fd_);
+    ::unlink(tmp.c_str());
+  }
+  return false;
 }
 
 void WakeRegistry::release() {
