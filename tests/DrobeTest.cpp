@@ -191,17 +191,6 @@ TEST_F(DrobeTest, FullTableRefusesWithTraceAndCountAndKeepsItsContents) {
   EXPECT_EQ(m.rows.at(3).counter, 33u);
   ASSERT_TRUE(w->del({0}));
   EXPECT_TRUE(w->is(TVal::make({100}, 1)));
-  // A growing table refuses only at its maximum, and its readers see it grow.
-  auto g = W::create(kPath, {"grow", 8, 0, 20});
-  Mirror gm;
-  auto gr = mirrored(gm, "grow");
-  for (std::uint32_t id = 0; id < 20; ++id) ASSERT_TRUE(g->is(TVal::make({id}, id)));
-  EXPECT_FALSE(g->is(TVal::make({20}, 1)));
-  EXPECT_EQ(g->refused(), 1u);
-  publish(*g);
-  EXPECT_EQ(gm.rows, contents(*g));
-  EXPECT_EQ(gr->stats().capacity, 20u);
-  EXPECT_EQ(gm.unmounts, 0);
 }
 
 TEST_F(DrobeTest, DeletionKeepsProbeChainsAndTombstonesAreReusedAndReclaimed) {
