@@ -11,6 +11,7 @@
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -22,7 +23,6 @@
 #include <ctime>
 #include <mutex>
 #include <new>
-#include <random>
 #include <string>
 
 #include "Pim/platform/Drobe.h"
@@ -280,8 +280,9 @@ bool WakeRegistry::create() {
   if (!mkdirs(dir)) return false;
   removeStaleRegistries(dir);
   pid_ = ::getpid();
-  std::random_device rd;
-  id_ = (std::uint64_t{rd()} << 32) ^ rd() ^ monotonicNs();
+  // Random, so that a recycled pid never names a dead writer's registry as ours.
+  if (::getrandom(&id_, sizeof id_, 0) != static_cast<ssize_t>(sizeof id_)) id_ = 0;
+  id_ ^= monotonicNs();
   file_ = wakeFile(pid_, id_);
   // Made under a dot name and renamed once locked, so that another writer sweeping stale
   // registries never takes it for a dead one.
