@@ -9,6 +9,10 @@ Flicklog::Facility& pimDrobeTrace() {
   return f;
 }
 
+::Drobe::CollectionInfo growingCollection(std::string_view name, std::uint32_t initial) {
+  return {std::string(name), initial, 0, initial * kMaxGrowth};
+}
+
 std::string_view routingRoot(Nimo::AddressFamily af) {
   switch (af) {
     case Nimo::AddressFamily::ipv4:
@@ -37,12 +41,7 @@ std::string Status::mountPath(Nimo::AddressFamily af, const L3::VrfName& vrf) {
 }
 
 ::Drobe::MountInfo Status::writerMountInfo() {
-  return {{{"pimIntf", kPimIntfCapacity},
-           {"neighbor", kNeighborCapacity},
-           {"inactiveNeighbor", kInactiveNeighborCapacity},
-           {"intfSecondaryAddress", kIntfSecondaryAddressCapacity},
-           {"intfSecondaryPrefix", kIntfSecondaryPrefixCapacity},
-           {"neighborSecondaryAddress", kNeighborSecondaryAddressCapacity}}};
+  return DrobeDetail::statusMountInfo<Status>("pimIntf", kPimIntfCapacity);
 }
 
 Status::Status(Kel::Name name)
@@ -67,7 +66,7 @@ std::string MessageCounters::mountPath(Nimo::AddressFamily af, const L3::VrfName
 }
 
 ::Drobe::MountInfo MessageCounters::writerMountInfo() {
-  return {{{"msgCounter", kMsgCounterCapacity}}};
+  return {{DrobeDetail::growingCollection("msgCounter", kMsgCounterCapacity)}};
 }
 
 MessageCounters::MessageCounters(Kel::Name name)
@@ -93,7 +92,7 @@ bool MessageCounters::msgCounterInc(const CounterKey& k, IO::MessageCounterDirec
   // would be invisible: readers see nothing before the commit.
   return msgCounter_.update(
       k, [&k] { return MessageCounterData(k); },
-      [d, t](MessageCounterData& e) { e.countInc(d, t); });
+      [d, t](MessageCounterData& e) { e.countInc(d, t); }, !notifiees_.empty());
 }
 
 Kel::Ptr<MessageCounters> messageCountersFactory(const Kel::Name& name) {

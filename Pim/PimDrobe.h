@@ -33,12 +33,16 @@
 // inactiveNeighbor entry; removal the other way. commit() commits in dependency order;
 // when removing, commit the dependants first.
 //
-// Capacities (entries; a full table refuses the insert, traced and counted by Drobe):
+// Capacities (entries): each collection starts at its declared size and grows, past a load
+// threshold, up to kMaxGrowth (16) times that size; a full table at its maximum refuses
+// the insert, traced and counted by Drobe.
 //   Status: pimIntf 2048, neighbor 16384, inactiveNeighbor 16384, intfSecondaryAddress
-//   8192, intfSecondaryPrefix 8192, neighborSecondaryAddress 32768. Sized for a large
-//   VRF: thousands of PIM interfaces (SVIs), 10k+ neighbours on shared LANs, a few
-//   secondary addresses per neighbour. Untouched pages of a table cost no memory.
-//   MessageCounters: msgCounter 7168 (writerMountInfo).
+//   8192, intfSecondaryPrefix 8192, neighborSecondaryAddress 32768 (maxima 32768, 262144,
+//   262144, 131072, 131072, 524288). Sized for a large VRF: thousands of PIM interfaces
+//   (SVIs), 10k+ neighbours on shared LANs, a few secondary addresses per neighbour; the
+//   maxima leave room for a fabric an order of magnitude larger. Untouched pages of a
+//   table cost no memory, so the initial sizes cost nothing until used.
+//   MessageCounters: msgCounter 7168, maximum 114688 (writerMountInfo).
 //
 // Corruption: when a writer-side lookup meets a slot that the table library reports as
 // corrupt, the container hands the slot to the table's corruption hook (which clears it
@@ -83,6 +87,23 @@ namespace Routing::Pim::DrobeDetail {
 
 // Trace facility of the status containers.
 Flicklog::Facility& pimDrobeTrace();
+
+// How far a status or counter collection grows beyond its declared (initial) size.
+inline constexpr std::uint32_t kMaxGrowth = 16;
+// A collection of `initial` entries that grows up to kMaxGrowth times that.
+::Drobe::CollectionInfo growingCollection(std::string_view name, std::uint32_t initial);
+// A status container's six collections in dependency order, each growing from the
+// container's declared size (S: Status or IntfStatus, which name their own interface
+// collection).
+template <typename S>
+::Drobe::MountInfo statusMountInfo(std::string_view intfName, std::uint32_t intfCapacity) {
+  return {{growingCollection(intfName, intfCapacity),
+           growingCollection("neighbor", S::kNeighborCapacity),
+           growingCollection("inactiveNeighbor", S::kInactiveNeighborCapacity),
+           growingCollection("intfSecondaryAddress", S::kIntfSecondaryAddressCapacity),
+           growingCollection("intfSecondaryPrefix", S::kIntfSecondaryPrefixCapacity),
+           growingCollection("neighborSecondaryAddress", S::kNeighborSecondaryAddressCapacity)}};
+}
 
 // "routing" for IPv4, "routing6" for IPv6; any other family is a programming error.
 std::string_view routingRoot(Nimo::AddressFamily af);
@@ -158,16 +179,17 @@ class Collection {
   }
   // Read-modify-write in one probe (the counting rule): fn(V&) changes k's entry, which
   // starts as init() if there is none. A corrupt slot met on the way is cleared by the
-  // table and the entry starts again from init().
+  // table and the entry starts again from init(). notify: false when the caller knows
+  // nobody watches (a call through the notice functions costs more than the count).
   template <typename Init, typename F>
-  bool update(const K& k, Init&& init, F&& fn) {
+  bool update(const K& k, Init&& init, F&& fn, bool notify = true) {
     KEL_ASSERT(writer_ && "table not mounted for writing");
     const std::uint64_t corruptBefore = writer_->corrupt();
     const bool ok = writer_->update(k, std::forward<Init>(init), std::forward<F>(fn));
     if (writer_->corrupt() != corruptBefore) {
       FLICK_TRACE(pimDrobeTrace(), 1, "{}: corrupt entry met while updating, cleared", name_);
     }
-    if (ok) dispatch_.key(k);
+    if (ok && notify) dispatch_.key(k);
     return ok;
   }
   bool del(const K& k) {
@@ -441,7 +463,8 @@ class Status : public DrobeDetail::StatusTables<StatusNotifiee, StatusTypes> {
 
   // "routing/pim/status/<vrf>" or "routing6/pim/status/<vrf>".
   static std::string mountPath(Nimo::AddressFamily af, const L3::VrfName& vrf);
-  // The six collections with their capacities, in dependency order.
+  // The six collections with their initial capacities (each grows to 16 times its own),
+  // in dependency order.
   static ::Drobe::MountInfo writerMountInfo();
 
   // The name is the mount path.
@@ -459,7 +482,7 @@ class MessageCounters : public Kel::Entity {
   // "routing/pim/counters/<vrf>/<name>" or "routing6/pim/counters/<vrf>/<name>".
   static std::string mountPath(Nimo::AddressFamily af, const L3::VrfName& vrf,
                                std::string_view name);
-  // The one collection "msgCounter" of 7168 entries.
+  // The one collection "msgCounter" of 7168 entries, growing to 16 times that.
   static ::Drobe::MountInfo writerMountInfo();
 
   class NotifieeConst : public Kel::BaseNotifiee<MessageCounters, NotifieeConst> {

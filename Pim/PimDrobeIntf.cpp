@@ -9,12 +9,7 @@ std::string IntfStatus::mountPath(Nimo::AddressFamily af) {
 }
 
 ::Drobe::MountInfo IntfStatus::writerMountInfo() {
-  return {{{"intf", kIntfCapacity},
-           {"neighbor", kNeighborCapacity},
-           {"inactiveNeighbor", kInactiveNeighborCapacity},
-           {"intfSecondaryAddress", kIntfSecondaryAddressCapacity},
-           {"intfSecondaryPrefix", kIntfSecondaryPrefixCapacity},
-           {"neighborSecondaryAddress", kNeighborSecondaryAddressCapacity}}};
+  return DrobeDetail::statusMountInfo<IntfStatus>("intf", kIntfCapacity);
 }
 
 IntfStatus::IntfStatus(Kel::Name name)

@@ -6,10 +6,11 @@
 // interface alone, and mounted once per family at "routing/pim/intf/status" or
 // "routing6/pim/intf/status". Its interface collection is called intf (intfIs, onIntf).
 //
-// Capacities (entries): intf 8192, neighbor 32768, inactiveNeighbor 32768,
+// Initial capacities (entries): intf 8192, neighbor 32768, inactiveNeighbor 32768,
 // intfSecondaryAddress 16384, intfSecondaryPrefix 16384, neighborSecondaryAddress 65536:
-// the per-VRF figures for a box with a handful of large VRFs; untouched pages of a table
-// cost no memory.
+// the per-VRF figures for a box with a handful of large VRFs. Like Status, each grows to
+// 16 times its initial size (DrobeDetail::kMaxGrowth); untouched pages of a table cost no
+// memory.
 //
 // Threading: the owning process's event-loop thread only; no locks.
 //

@@ -3,6 +3,9 @@
 //   DrobeBench                 keyed updates vs bare seqlock stores, wake-up latency
 //                              (eventfd, or datagram without ptrace access, + epoll vs
 //                              bare futex), bytes per entry
+//   DrobeBench --wake [rounds [samples]]  wake-up latency, futex and drobe side by side in
+//                              each round (default 20 rounds of 5000 samples); prints
+//                              each round and the spread of the ratios
 //   DrobeBench --torn [reads]  a writer process updates records without pause while this
 //                              process reads them (default 10^9 reads); prints reads and
 //                              torn reads
@@ -259,18 +262,18 @@ struct Percentiles {
   double median = 0, p99 = 0;
 };
 
-Percentiles percentiles(SharedPage* sp) {
-  std::vector<std::uint64_t> v(sp->lat, sp->lat + kWakeSamples);
+Percentiles percentiles(SharedPage* sp, int n) {
+  std::vector<std::uint64_t> v(sp->lat, sp->lat + n);
   std::sort(v.begin(), v.end());
   return {static_cast<double>(v[v.size() / 2]) / 1000.0,
           static_cast<double>(v[v.size() * 99 / 100]) / 1000.0};
 }
 
-Percentiles futexLatency() {
+Percentiles futexLatency(int n = kWakeSamples) {
   SharedPage* sp = sharedPage();
   const pid_t child = ::fork();
   if (child == 0) {
-    for (int i = 0; i < kWakeSamples; ++i) {
+    for (int i = 0; i < n; ++i) {
       while (sp->word.load() == static_cast<std::uint32_t>(i)) {
         ::syscall(SYS_futex, &sp->word, FUTEX_WAIT, i, nullptr, nullptr, 0);
       }
@@ -280,7 +283,7 @@ Percentiles futexLatency() {
     ::_exit(0);
   }
   std::mt19937 rng(1);
-  for (int i = 0; i < kWakeSamples; ++i) {
+  for (int i = 0; i < n; ++i) {
     pause(rng);
     sp->t0.store(nowNs());
     sp->word.fetch_add(1);
@@ -288,7 +291,7 @@ Percentiles futexLatency() {
     if (!waitAcks(sp, static_cast<std::uint64_t>(i) + 1)) break;
   }
   ::waitpid(child, nullptr, 0);
-  Percentiles p = percentiles(sp);
+  Percentiles p = percentiles(sp, n);
   ::munmap(sp, sizeof(SharedPage));
   return p;
 }
@@ -300,7 +303,7 @@ struct Stamp {
   bool operator==(const Stamp&) const = default;
 };
 
-Percentiles drobeLatency() {
+Percentiles drobeLatency(int n = kWakeSamples) {
   SharedPage* sp = sharedPage();
   auto w = Drobe::Writer<CKey, Stamp>::create("bench/wake", {"stamp", 16, 0});
   const CKey key{Nimo::IntfId("Ethernet1"), 1, 0};
@@ -311,6 +314,7 @@ Percentiles drobeLatency() {
     struct Stamper : Drobe::Reader<CKey, Stamp>::NotifieeConst {
       SharedPage* sp;
       Ulm::EventLoop* loop;
+      int n;
       int i = 0;
       // Changes committed before the announcement are folded into its onCollection(), so
       // the writer starts stamping only once it is delivered.
@@ -320,23 +324,24 @@ Percentiles drobeLatency() {
       void onKey(const CKey& k) override {
         const std::uint64_t now = nowNs();
         auto v = notifier()->find(k);
-        if (!v || i >= kWakeSamples) return;
+        if (!v || i >= n) return;
         sp->lat[i++] = now - v->t0;
         sp->acks.fetch_add(1);
-        if (i == kWakeSamples) loop->stop();
+        if (i == n) loop->stop();
       }
     };
     Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
     Stamper s;
     s.sp = sp;
     s.loop = &loop;
+    s.n = n;
     s.notifierIs(Drobe::Reader<CKey, Stamp>::create(loop, "bench/wake", "stamp"));
     loop.run();
     ::_exit(0);
   }
   for (int i = 0; i < 10000 && sp->word.load() == 0; ++i) ::usleep(1000);
   std::mt19937 rng(1);
-  for (int i = 0; i < kWakeSamples; ++i) {
+  for (int i = 0; i < n; ++i) {
     pause(rng);
     const Stamp s{key, nowNs()};
     w->is(s);
@@ -344,9 +349,37 @@ Percentiles drobeLatency() {
     if (!waitAcks(sp, static_cast<std::uint64_t>(i) + 1)) break;
   }
   ::waitpid(child, nullptr, 0);
-  Percentiles p = percentiles(sp);
+  Percentiles p = percentiles(sp, n);
   ::munmap(sp, sizeof(SharedPage));
   return p;
+}
+
+// Wake-up latency of both, side by side, `rounds` times: the load of a shared machine
+// moves between rounds, so each ratio pairs two measurements taken one after the other,
+// and the spread of the ratios says how far one round can be trusted.
+int wakeMode(int rounds, int samples) {
+  std::vector<double> medians, p99s;
+  std::printf("%5s %12s %12s %12s %12s %8s %8s\n", "round", "futex med", "drobe med", "futex p99",
+              "drobe p99", "med x", "p99 x");
+  for (int r = 0; r < rounds; ++r) {
+    const Percentiles f = futexLatency(samples), d = drobeLatency(samples);
+    medians.push_back(d.median / f.median);
+    p99s.push_back(d.p99 / f.p99);
+    std::printf("%5d %10.1fus %10.1fus %10.1fus %10.1fus %7.2fx %7.2fx\n", r, f.median, d.median,
+                f.p99, d.p99, medians.back(), p99s.back());
+  }
+  auto spread = [](const char* what, std::vector<double> v, double aim) {
+    std::sort(v.begin(), v.end());
+    const auto below = std::count_if(v.begin(), v.end(), [&](double x) { return x <= aim; });
+    std::printf(
+        "WakeRatio %s over %zu rounds: min %.2f, quartiles %.2f / %.2f / %.2f, max %.2f; "
+        "%td of %zu rounds within the aim (<= %.1f)\n",
+        what, v.size(), v.front(), v[v.size() / 4], v[v.size() / 2], v[v.size() * 3 / 4], v.back(),
+        below, v.size(), aim);
+  };
+  spread("median", medians, 1.5);
+  spread("p99", p99s, 2.0);
+  return 0;
 }
 
 // ---------------------------------------------------------------------------------------
@@ -404,7 +437,9 @@ int main(int argc, char** argv) {
   const std::string root = "/dev/shm/drobebench." + std::to_string(::getpid());
   ::setenv("DROBE_ROOT", root.c_str(), 1);
   int rc = 0;
-  if (argc > 1 && std::strcmp(argv[1], "--torn") == 0) {
+  if (argc > 1 && std::strcmp(argv[1], "--wake") == 0) {
+    rc = wakeMode(argc > 2 ? std::atoi(argv[2]) : 20, argc > 3 ? std::atoi(argv[3]) : 5000);
+  } else if (argc > 1 && std::strcmp(argv[1], "--torn") == 0) {
     rc = tornMode(argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 1000000000ull);
   } else {
     benchmark::Initialize(&argc, argv);

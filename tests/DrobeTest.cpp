@@ -1,13 +1,19 @@
 // Drobe: shared-memory tables in one process (writer and reader on one loop) and across
-// processes (forked writer and readers, a writer killed mid-update). Also Ledra's mounts.
+// processes (forked writers and readers: torn-free reads, a writer killed mid-update, wake-ups,
+// growth, the descriptors a reader of the PIM table sets holds). Also Ledra's mounts.
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -15,6 +21,8 @@
 #include <map>
 #include <random>
 
+#include "Pim/PimDrobe.h"
+#include "Pim/PimDrobeIntf.h"
 #include "Pim/platform/Drobe.h"
 #include "Pim/platform/Ledra.h"
 
@@ -183,17 +191,6 @@ TEST_F(DrobeTest, FullTableRefusesWithTraceAndCountAndKeepsItsContents) {
   EXPECT_EQ(m.rows.at(3).counter, 33u);
   ASSERT_TRUE(w->del({0}));
   EXPECT_TRUE(w->is(TVal::make({100}, 1)));
-  // A growing table refuses only at its maximum, and its readers see it grow.
-  auto g = W::create(kPath, {"grow", 8, 0, 20});
-  Mirror gm;
-  auto gr = mirrored(gm, "grow");
-  for (std::uint32_t id = 0; id < 20; ++id) ASSERT_TRUE(g->is(TVal::make({id}, id)));
-  EXPECT_FALSE(g->is(TVal::make({20}, 1)));
-  EXPECT_EQ(g->refused(), 1u);
-  publish(*g);
-  EXPECT_EQ(gm.rows, contents(*g));
-  EXPECT_EQ(gr->stats().capacity, 20u);
-  EXPECT_EQ(gm.unmounts, 0);
 }
 
 TEST_F(DrobeTest, DeletionKeepsProbeChainsAndTombstonesAreReusedAndReclaimed) {
@@ -500,10 +497,10 @@ TEST_F(DrobeTest, UnsafeMountPathsAreRefusedAndReadersCreateNoDirectory) {
   EXPECT_EQ(m.rows.count(5), 1u);
 }
 
-// Across processes: forked readers and writers report through pipes; every wait is
-// bounded, and the parent kills only the children it forked.
+// Across processes. Each child is forked with one end of a socket pair and reports through
+// it; every wait is bounded, and the fixture kills and reaps only the children it forked.
 
-constexpr std::uint32_t kRecords = 4000, kHot = 16, kDoneId = 0xFFFFFFFFu;
+constexpr std::uint32_t kRecords = 10000, kHot = 16, kDoneId = 0xFFFFFFFFu;
 constexpr const char* kXPath = "test/xproc";
 
 std::uint64_t digest(const std::map<std::uint32_t, TVal>& rows) {
@@ -542,6 +539,32 @@ std::uint64_t workload(std::uint64_t seed, int rounds, W* w) {
   return d;
 }
 
+// Blocks until fd is readable, at most `seconds`.
+bool readable(int fd, int seconds) {
+  pollfd p{fd, POLLIN, 0};
+  return ::poll(&p, 1, seconds * 1000) == 1;
+}
+template <typename T>
+bool receive(int fd, T& out, int seconds = 30) {
+  return readable(fd, seconds) && ::read(fd, &out, sizeof out) == static_cast<ssize_t>(sizeof out);
+}
+template <typename T>
+void send(int fd, const T& v) {
+  (void)!::write(fd, &v, sizeof v);
+}
+// Blocks until the other end closes (or sends), at most `seconds`.
+void hold(int fd, int seconds = 300) {
+  char c;
+  if (readable(fd, seconds)) (void)!::read(fd, &c, 1);
+}
+
+// Runs loop until done() or `seconds`, and says whether done() came true.
+bool runUntil(Ulm::EventLoop& loop, const std::function<bool()>& done, double seconds = 10.0) {
+  const Kel::Time deadline = loop.clock()->now() + seconds;
+  while (!done() && loop.clock()->now() < deadline) loop.runOnce(0.01);
+  return done();
+}
+
 struct ReaderResult {
   bool converged;
   std::uint64_t torn, checked, keys;
@@ -551,7 +574,7 @@ struct ReaderResult {
 
 // Scans the whole table and the hot keys between loop turns, so that reads race the writer's
 // commits and a torn record has every chance to show, until the done record matches.
-[[noreturn]] void readerChild(int outFd) {
+[[noreturn]] void readerChild(int out) {
   Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
   Mirror m;
   auto r = R::create(loop, kXPath, "rec");
@@ -568,58 +591,77 @@ struct ReaderResult {
     converged = done != m.rows.end() && digest(m.rows) == done->second.counter;
   }
   const std::uint64_t keys = m.keys.size(), d = digest(m.rows), gen = r->stats().generation;
-  const ReaderResult res{converged, m.torn, m.checked, keys, m.mounts, m.unmounts, d, gen};
-  ::_exit(::write(outFd, &res, sizeof res) == static_cast<ssize_t>(sizeof res) ? 0 : 4);
+  send(out, ReaderResult{converged, m.torn, m.checked, keys, m.mounts, m.unmounts, d, gen});
+  ::_exit(0);
 }
 
 class DrobeCrossProcessTest : public DrobeTest {
  protected:
   void TearDown() override {
-    for (int fd : holdFds_) ::close(fd);
-    for (pid_t p : children_) {
-      ::kill(p, SIGKILL);
-      ::waitpid(p, nullptr, 0);
+    for (const auto& [fd, pid] : children_) {
+      ::close(fd);
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
     }
     DrobeTest::TearDown();
   }
-  // Forks body, which gets its end of a pipe; parentEnd gets the other.
-  pid_t spawn(bool childWrites, int& parentEnd, const std::function<void(int)>& body) {
-    int pfd[2];
-    EXPECT_EQ(::pipe(pfd), 0);
+  // Forks body(fd), fd the child's end of a socket pair; returns the parent's end.
+  int spawn(const std::function<void(int)>& body) {
+    int sv[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
     const pid_t p = ::fork();
     if (p == 0) {
-      ::close(pfd[!childWrites]);
-      body(pfd[childWrites]);
+      // Siblings' ends stay with the parent, so that its close is the siblings' end of file.
+      for (const auto& c : children_) ::close(c.first);
+      ::close(sv[0]);
+      body(sv[1]);
       ::_exit(5);
     }
-    if (p > 0) children_.push_back(p);
-    ::close(pfd[childWrites]);
-    parentEnd = pfd[!childWrites];
-    return p;
+    ::close(sv[1]);
+    children_.emplace_back(sv[0], p);
+    return sv[0];
+  }
+  pid_t pidOf(int fd) const {
+    for (const auto& [f, pid] : children_)
+      if (f == fd) return pid;
+    return -1;
+  }
+  // Closes the parent's end of the child on fd and reaps the child: its exit code, or -1 if
+  // a signal ended it or it had to be killed after `seconds`.
+  int exitCode(int fd, int seconds = 30, bool killNow = false) {
+    const pid_t pid = pidOf(fd);
+    std::erase(children_, std::pair{fd, pid});
+    if (killNow) ::kill(pid, SIGKILL);  // before its end of file could let it exit
+    ::close(fd);
+    int status = 0;
+    for (int i = 0; i < seconds * 100; ++i) {
+      if (::waitpid(pid, &status, WNOHANG) == pid)
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      ::usleep(10000);
+    }
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, &status, 0);
+    return -1;
   }
   void startReaders() {
-    for (int& fd : readerFds_) spawn(true, fd, readerChild);
+    for (int& fd : readers_) fd = spawn(readerChild);
   }
-  // The writer stays mounted until the parent closes its pipe (in TearDown).
-  pid_t startWriter(std::uint64_t seed, int rounds) {
-    return spawn(false, holdFds_.emplace_back(), [=](int holdFd) {
+  // The writer stays mounted until the test ends.
+  int startWriter(std::uint64_t seed, int rounds) {
+    return spawn([=](int fd) {
       auto w = W::create(kXPath, {"rec", kRecords + 1, 16384});
       if (!w) ::_exit(3);
       workload(seed, rounds, w.ptr());
-      for (char c; ::read(holdFd, &c, 1) > 0;) {
-      }
+      hold(fd);
       ::_exit(0);
     });
   }
   // Both readers' results, each checked against the digest of the writer's final state.
   std::vector<ReaderResult> readerResults(std::uint64_t expected) {
     std::vector<ReaderResult> out;
-    for (int fd : readerFds_) {
+    for (int fd : readers_) {
       ReaderResult& x = out.emplace_back();
-      pollfd p{fd, POLLIN, 0};
-      EXPECT_TRUE(::poll(&p, 1, 150000) == 1 &&
-                  ::read(fd, &x, sizeof x) == static_cast<ssize_t>(sizeof x));
-      ::close(fd);
+      EXPECT_TRUE(receive(fd, x, 150));
       EXPECT_TRUE(x.converged);
       EXPECT_EQ(x.digest, expected);
       EXPECT_EQ(x.torn, 0u);
@@ -628,9 +670,8 @@ class DrobeCrossProcessTest : public DrobeTest {
     return out;
   }
 
-  std::vector<pid_t> children_;
-  std::vector<int> holdFds_;
-  int readerFds_[2] = {-1, -1};
+  std::vector<std::pair<int, pid_t>> children_;  // the parent's end, the child
+  int readers_[2] = {-1, -1};
 };
 
 TEST_F(DrobeCrossProcessTest, ReadersSeeNoTornRecordAndConvergeToTheWriter) {
@@ -644,7 +685,8 @@ TEST_F(DrobeCrossProcessTest, ReadersSeeNoTornRecordAndConvergeToTheWriter) {
 
 TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSuccessor) {
   startReaders();
-  const pid_t victim = startWriter(21, -1);
+  const int victim = startWriter(21, -1);
+  const pid_t victimPid = pidOf(victim);
   // Let the victim commit a while, then kill it between (or inside) its commits.
   auto watch = R::create(loop_, kXPath, "rec");
   for (int i = 0; i < 3000 && watch->stats().commits < 300; ++i) {
@@ -652,9 +694,7 @@ TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSu
     ::usleep(1000);
   }
   ASSERT_GE(watch->stats().commits, 300u);
-  ::kill(victim, SIGKILL);
-  ::waitpid(victim, nullptr, 0);
-  std::erase(children_, victim);
+  EXPECT_EQ(exitCode(victim, 30, true), -1);
   // The dead writer's pid now names a live process (ours): its successor must not care.
   const std::string file = Drobe::collectionFile(kXPath, "rec");
   std::string head = fileBytes(file).substr(0, 128);
@@ -662,7 +702,7 @@ TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSu
   for (std::size_t off = 0; off + 4 <= head.size(); off += 4) {
     std::int32_t v;
     std::memcpy(&v, head.data() + off, 4);
-    if (v != victim) continue;
+    if (v != victimPid) continue;
     const std::int32_t live = ::getpid();
     std::fstream f(file, std::ios::binary | std::ios::in | std::ios::out);
     f.seekp(static_cast<std::streamoff>(off));
@@ -678,25 +718,28 @@ TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSu
   }
 }
 
-// Runs loop until done() or 10 s (bounded), and says whether done() came true.
-bool runUntil(Ulm::EventLoop& loop, const std::function<bool()>& done) {
-  const Kel::Time deadline = loop.clock()->now() + 10.0;
-  while (!done() && loop.clock()->now() < deadline) loop.runOnce(0.01);
-  return done();
+// Drops one capability from this process's effective and permitted sets.
+bool dropCapability(unsigned cap) {
+  __user_cap_header_struct h{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct d[2] = {};
+  if (::syscall(SYS_capget, &h, d) != 0) return false;
+  d[cap / 32].effective &= ~(1u << (cap % 32));
+  d[cap / 32].permitted &= ~(1u << (cap % 32));
+  return ::syscall(SYS_capset, &h, d) == 0;
 }
 
-// A child writer commits three records 100 ms apart, its wake-ups hampered: the reader in
-// this process must get all three, and the writer's trace (level 4) shows the path taken.
+// A child writer commits three records 100 ms apart, its wake-ups hampered: a child reader
+// must get all three, and the writer's trace (level 4) shows the path taken.
 TEST_F(DrobeCrossProcessTest, ReadersConvergeWhateverBecomesOfTheirWakeUps) {
   struct Case {
     const char* what;
     bool needsRoot;
-    std::function<bool()> beforeMount, afterRegistration;
+    std::function<bool()> reader, writer, afterRegistration;
     const char *expected, *absent;
   };
+  const auto yes = [] { return true; };
   const Case cases[] = {
-      {"the writer is out of descriptors: wake-ups fail, the reader polls", false,
-       [] { return true; },
+      {"the writer is out of descriptors: wake-ups fail, the reader polls", false, yes, yes,
        [] {
          const int lowest = ::open("/dev/null", O_RDONLY);
          ::close(lowest);
@@ -704,10 +747,16 @@ TEST_F(DrobeCrossProcessTest, ReadersConvergeWhateverBecomesOfTheirWakeUps) {
          return ::setrlimit(RLIMIT_NOFILE, &rl) == 0;
        },
        "failed", "gone"},
-      // An unprivileged writer is refused the root reader's eventfd.
-      {"the writer may not take the reader's eventfd: datagrams", true,
-       [] { return ::setgid(65534) == 0 && ::setuid(65534) == 0; }, [] { return true; },
-       "woken by datagram", "failed"},
+      // The reader runs as nobody (in the writer's group, to open its tables). A writer with
+      // CAP_SYS_PTRACE may take any process's eventfd, so it gives that up, and with it the
+      // right to take another user's.
+      {"the writer may not take the unprivileged reader's eventfd: datagrams", true,
+       [] {
+         const gid_t root = 0;
+         return ::setgroups(1, &root) == 0 && ::setresgid(65534, 65534, 65534) == 0 &&
+                ::setresuid(65534, 65534, 65534) == 0;
+       },
+       [] { return dropCapability(CAP_SYS_PTRACE); }, yes, "woken by datagram", "failed"},
   };
   for (const Case& c : cases) {
     if (c.needsRoot && ::geteuid() != 0) continue;
@@ -716,16 +765,10 @@ TEST_F(DrobeCrossProcessTest, ReadersConvergeWhateverBecomesOfTheirWakeUps) {
     if (&c == cases) continue;
 #endif
     const std::string path = std::string(kXPath) + "/" + std::to_string(&c - cases);
-    std::filesystem::create_directories(Drobe::mountDir(path));
-    std::filesystem::permissions(Drobe::mountDir(path), std::filesystem::perms::all);
-    Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
-    Mirror m;
-    auto r = R::create(loop, path, "rec");
-    m.notifierIs(r);
-    int hold = -1;
-    const pid_t writer = spawn(false, hold, [&](int holdFd) {
-      if (!c.beforeMount()) ::_exit(3);
+    const int writer = spawn([&](int fd) {
+      if (!c.writer()) ::_exit(3);
       auto w = W::create(path, {"rec", 64, 0});
+      send(fd, 'w');  // the directories exist: the reader may start
       for (int i = 0; w && i < 10000 && w->stats().readers == 0; ++i) ::usleep(1000);
       if (!w || !c.afterRegistration()) ::_exit(4);
       Drobe::trace().levelIs(4);
@@ -740,17 +783,73 @@ TEST_F(DrobeCrossProcessTest, ReadersConvergeWhateverBecomesOfTheirWakeUps) {
         expected += l.text.find(c.expected) != std::string::npos;
         absent += l.text.find(c.absent) != std::string::npos;
       }
-      for (char ch; ::read(holdFd, &ch, 1) > 0;) {
-      }
+      hold(fd);
       ::_exit(expected > 0 && absent == 0 ? 0 : 6);
     });
-    EXPECT_TRUE(runUntil(loop, [&] { return m.rows.size() == 3; })) << c.what;
-    ::close(hold);
-    int status = -1;
-    ::waitpid(writer, &status, 0);
-    std::erase(children_, writer);
-    EXPECT_EQ(status, 0) << c.what << ": the writer's trace does not show the expected path";
+    char started = 0;
+    ASSERT_TRUE(receive(writer, started)) << c.what;
+    const int reader = spawn([&](int) {
+      if (!c.reader()) ::_exit(3);
+      Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+      Mirror m;
+      auto r = R::create(loop, path, "rec");
+      m.notifierIs(r);
+      ::_exit(runUntil(loop, [&] { return m.rows.size() == 3; }) ? 0 : 7);
+    });
+    EXPECT_EQ(exitCode(reader, 20), 0) << c.what << ": the reader did not get all three";
+    EXPECT_EQ(exitCode(writer), 0) << c.what << ": the writer's trace does not show the path";
   }
+}
+
+// A reader process registers once with a writer whatever it reads of it, and a burst of
+// commits on all those tables wakes it once.
+TEST_F(DrobeCrossProcessTest, AReaderProcessIsRegisteredAndWokenOncePerWriter) {
+  Drobe::TableSet set(kXPath, {{{"a", 64, 0}, {"b", 64, 0}, {"c", 64, 0}}});
+  const Kel::Ptr<W> tables[] = {set.writer<TKey, TVal>("a"), set.writer<TKey, TVal>("b"),
+                                set.writer<TKey, TVal>("c")};
+  constexpr std::uint32_t kRounds = 3;
+  const int reader = spawn([](int fd) {
+    Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+    Mirror m[3];
+    std::vector<Kel::Ptr<R>> rs;
+    for (const char* name : {"a", "b", "c"}) {
+      rs.push_back(R::create(loop, kXPath, name));
+      m[rs.size() - 1].notifierIs(rs.back());
+    }
+    auto all = [&](std::uint32_t round) {
+      return std::all_of(m, m + 3, [&](const Mirror& x) { return x.rows.count(round) == 1; });
+    };
+    if (!runUntil(loop, [&] { return m[0].mounts + m[1].mounts + m[2].mounts == 3; })) ::_exit(3);
+    for (std::uint32_t round = 1; round <= kRounds; ++round) {
+      send(fd, 'r');
+      hold(fd, 30);  // the loop stands still while the writer commits
+      const std::uint64_t before = rs[0]->stats().wakeUps;
+      if (!runUntil(loop, [&] { return all(round); })) ::_exit(4);
+      runUntil(
+          loop, [] { return false; }, 0.1);  // a late second wake-up would show here
+      send(fd, rs[0]->stats().wakeUps - before);
+    }
+    hold(fd, 30);
+    ::_exit(0);
+  });
+  for (std::uint32_t round = 1; round <= kRounds; ++round) {
+    char ready = 0;
+    ASSERT_TRUE(receive(reader, ready));
+    for (const auto& t : tables) EXPECT_EQ(t->stats().readers, 1u) << t->file();
+    const std::uint64_t sent = tables[0]->stats().wakeUps;
+    for (std::uint32_t k = 0; k < round; ++k) {  // a burst: each table committed round times
+      for (const auto& t : tables) {
+        t->is(TVal::make({round}, k));
+        t->commit();
+      }
+    }
+    EXPECT_EQ(tables[0]->stats().wakeUps - sent, 1u) << "round " << round;
+    send(reader, 'g');
+    std::uint64_t woken = 0;
+    ASSERT_TRUE(receive(reader, woken)) << "round " << round;
+    EXPECT_EQ(woken, 1u) << "round " << round;
+  }
+  EXPECT_EQ(exitCode(reader), 0);
 }
 
 TEST_F(DrobeCrossProcessTest, ADeadReadersRegistrationIsFreed) {
@@ -758,40 +857,102 @@ TEST_F(DrobeCrossProcessTest, ADeadReadersRegistrationIsFreed) {
   ASSERT_TRUE(w);
   w->is(TVal::make({1}, 1));
   w->commit();
-  int progress = -1;
   // The reader reports each record it sees, so that it is woken once while alive (the
   // writer then holds its wake-up descriptor) before it is killed.
-  const pid_t reader = spawn(true, progress, [](int out) {
+  const int reader = spawn([](int out) {
     Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
     Mirror m;
     auto r = R::create(loop, kXPath, "rec");
     m.notifierIs(r);
     for (std::uint32_t id : {1u, 2u}) {
       if (!runUntil(loop, [&] { return m.rows.count(id) == 1; })) ::_exit(3);
-      (void)!::write(out, "x", 1);
+      send(out, id);
     }
-    runUntil(loop, [] { return false; });  // until killed, or 10 s
+    hold(out, 10);
     ::_exit(0);
   });
-  auto next = [&] {
-    pollfd p{progress, POLLIN, 0};
-    char c;
-    return ::poll(&p, 1, 10000) == 1 && ::read(progress, &c, 1) == 1;
-  };
-  ASSERT_TRUE(next());
+  std::uint32_t seen = 0;
+  ASSERT_TRUE(receive(reader, seen));
   w->is(TVal::make({2}, 2));
   w->commit();
-  ASSERT_TRUE(next());
+  ASSERT_TRUE(receive(reader, seen));
   EXPECT_EQ(w->stats().readers, 1u);
-  ::kill(reader, SIGKILL);
-  ::waitpid(reader, nullptr, 0);
-  std::erase(children_, reader);
+  EXPECT_EQ(exitCode(reader, 30, true), -1);
   for (std::uint32_t i = 0; i < 500 && w->stats().readers > 0; ++i) {
     w->is(TVal::make({3}, i));
     w->commit();
     ::usleep(20000);
   }
   EXPECT_EQ(w->stats().readers, 0u);
+}
+
+// Open descriptors of this process.
+std::size_t openDescriptors() {
+  std::size_t n = 0;
+  for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
+  return n - 1;  // the iterator's own
+}
+
+TEST_F(DrobeCrossProcessTest, AReaderOfThreeTableSetsInTwoVrfsHoldsAHandfulOfDescriptors) {
+  namespace D = Routing::Pim::Drobe;
+  namespace N = Routing::Pim::IntfNghbr::Drobe;
+  const auto v4 = Nimo::AddressFamily::ipv4;
+  const L3::VrfName vrfs[] = {L3::VrfName("red"), L3::VrfName("blue")};
+  const D::CounterKey counterKey(1, 0, Nimo::IntfId("Ethernet1"));
+  std::vector<Kel::Ptr<D::Status>> status;
+  std::vector<Kel::Ptr<D::MessageCounters>> counters;
+  auto all = N::intfStatusFactory(N::IntfStatus::mountPath(v4));
+  ASSERT_TRUE(all->mountWriter());
+  for (const auto& vrf : vrfs) {
+    status.push_back(D::statusFactory(D::Status::mountPath(v4, vrf)));
+    counters.push_back(D::messageCountersFactory(D::MessageCounters::mountPath(v4, vrf, "io")));
+    ASSERT_TRUE(status.back()->mountWriter() && counters.back()->mountWriter());
+  }
+  const std::size_t writerBefore = openDescriptors();
+  const int reader = spawn([&](int fd) {
+    Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
+    const std::size_t before = openDescriptors();
+    struct Seen : D::Status::NotifieeConst {
+      int intfs = 0;
+      void onPimIntf(const Nimo::IntfId&) override { ++intfs; }
+    };
+    std::vector<Kel::Ptr<Kel::Entity>> held;
+    std::vector<Seen> seen(2);
+    auto r = N::intfStatusFactory(N::IntfStatus::mountPath(v4));
+    r->mountReader(loop);
+    for (std::size_t i = 0; i < 2; ++i) {
+      auto s = D::statusFactory(D::Status::mountPath(v4, vrfs[i]));
+      auto c = D::messageCountersFactory(D::MessageCounters::mountPath(v4, vrfs[i], "io"));
+      s->mountReader(loop);
+      c->mountReader(loop);
+      seen[i].notifierIs(s);
+      held.push_back(s);
+      held.push_back(c);
+    }
+    runUntil(
+        loop, [] { return false; }, 0.2);
+    send(fd, 'm');  // mounted: the writer changes an interface per VRF
+    runUntil(loop, [&] { return seen[0].intfs && seen[1].intfs; });
+    send(fd, static_cast<std::uint32_t>(openDescriptors() - before));
+    hold(fd, 30);
+    ::_exit(seen[0].intfs && seen[1].intfs ? 0 : 3);
+  });
+  char mounted = 0;
+  ASSERT_TRUE(receive(reader, mounted));
+  for (std::size_t i = 0; i < 2; ++i) {
+    status[i]->pimIntfIs(D::Intf(Nimo::IntfId("Ethernet1"), Nimo::IpGenAddrWithMask()));
+    status[i]->commit();
+    counters[i]->msgCounterInc(counterKey, Routing::Pim::IO::MessageCounterDirection::rx,
+                               Routing::Pim::IO::MessageCounterType::success);
+    counters[i]->msgCounterCommit();
+  }
+  std::uint32_t readerFds = 0;
+  ASSERT_TRUE(receive(reader, readerFds));
+  const std::size_t writerAfter = openDescriptors() - 1;  // our end of the reader's pair
+  EXPECT_EQ(exitCode(reader), 0) << "the reader missed a change";
+  // An eventfd, a socket, an inotify instance and a pidfd for the writer.
+  EXPECT_LE(readerFds, 4u);
+  EXPECT_LE(writerAfter - writerBefore, 2u);
 }
 
 // Growth: small records, so that a million of them fit a test machine.
@@ -816,7 +977,7 @@ std::uint32_t fold(std::uint64_t d) { return static_cast<std::uint32_t>(d ^ (d >
 
 // Follows a growing table through its notices into rows[id] = counter + 1, and reports
 // whether it converged to the done record's digest without a torn record.
-[[noreturn]] void growthReader(int outFd) {
+[[noreturn]] void growthReader(int out) {
   using GR = Drobe::Reader<GKey, GVal>;
   struct Rows : GR::NotifieeConst {
     std::vector<std::uint32_t> rows = std::vector<std::uint32_t>(kGrowMax);
@@ -856,12 +1017,12 @@ std::uint32_t fold(std::uint64_t d) { return static_cast<std::uint32_t>(d ^ (d >
   }
   const std::uint64_t res[5] = {converged, m.torn, m.collections, r->stats().capacity,
                                 m.mounts * 10 + m.unmounts};
-  ::_exit(::write(outFd, res, sizeof res) == static_cast<ssize_t>(sizeof res) ? 0 : 4);
+  send(out, res);
+  ::_exit(0);
 }
 
 TEST_F(DrobeCrossProcessTest, ATableGrowsFrom64kToAMillionWhileTwoReadersFollow) {
-  int out[2];
-  for (int& fd : out) spawn(true, fd, growthReader);
+  const int out[2] = {spawn(growthReader), spawn(growthReader)};
   auto w = Drobe::Writer<GKey, GVal>::create("test/grow", {"rec", 65536, 4096, kGrowMax});
   ASSERT_TRUE(w);
   // Batches of 10,000 per commit, every tenth record rewritten and every hundredth
@@ -891,10 +1052,7 @@ TEST_F(DrobeCrossProcessTest, ATableGrowsFrom64kToAMillionWhileTwoReadersFollow)
   EXPECT_EQ(w->capacity(), kGrowMax);
   for (int fd : out) {
     std::uint64_t res[5] = {};
-    pollfd p{fd, POLLIN, 0};
-    EXPECT_TRUE(::poll(&p, 1, 250000) == 1 &&
-                ::read(fd, res, sizeof res) == static_cast<ssize_t>(sizeof res));
-    ::close(fd);
+    EXPECT_TRUE(receive(fd, res, 250));
     EXPECT_EQ(res[0], 1u) << "did not converge";
     EXPECT_EQ(res[1], 0u) << "torn records";
     EXPECT_GE(res[2], 5u) << "a whole-collection notice per generation switch";

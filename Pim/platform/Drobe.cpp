@@ -1,7 +1,7 @@
 // Drobe: the untyped writer and reader halves declared in drobe/Mount.h: creating, growing
 // and retiring a writer's file, and a reader's mounting, remounting and health checks.
 // The rooms around them, under drobe/: Format (geometry, schema, header checks), Header
-// (the shared header and registry), Slots (seqlock slots and the change ring, typed),
+// (the shared header, registry entries), Slots (seqlock slots and the change ring, typed),
 // Index (the writer's private copy), Mapping (a mapped file), Wake (wake-ups), Liveness
 // (the writer's lock).
 
@@ -90,6 +90,16 @@ WriterCore::WriterCore(const WriterCore& from, const Layout& layout)
   create(from.map_->header()->generation.load(), &from);
 }
 
+namespace {
+
+// A table's bit in the readers' interest masks: from its file name, so that a grown table
+// keeps its predecessor's.
+std::uint32_t wakeBitOf(const std::string& file) {
+  return static_cast<std::uint32_t>(std::hash<std::string>{}(file) % 64);
+}
+
+}  // namespace
+
 bool WriterCore::create(std::uint64_t generation, const WriterCore* from) {
   static std::atomic<std::uint32_t> serial{0};
   const FileGeometry g = geometryOf(layout_);
@@ -115,13 +125,22 @@ bool WriterCore::create(std::uint64_t generation, const WriterCore* from) {
     ::unlink(tmp_.c_str());
     return false;
   }
+  wake_ = WakeRegistry::acquire();
+  if (!wake_) {
+    ::munmap(base, g.fileSize);
+    ::close(fd);
+    ::unlink(tmp_.c_str());
+    return false;
+  }
+  wakeBit_ = wakeBitOf(file_);
   lockFd_ = fd;
   auto* h = new (base) Header{};
   h->magic = kMagic;
   h->version = kVersion;
   h->maxReaders = kMaxReaders;
   h->layout = layout_;
-  h->registryOffset = g.registryOffset;
+  h->wakeId = wake_->id();
+  h->wakeBit = wakeBit_;
   h->ringOffset = g.ringOffset;
   h->bitmapOffset = g.bitmapOffset;
   h->slotsOffset = g.slotsOffset;
@@ -134,13 +153,9 @@ bool WriterCore::create(std::uint64_t generation, const WriterCore* from) {
     h->refused.store(o->refused.load());
     h->corrupt.store(o->corrupt.load());
   }
-  auto* bytes = static_cast<std::byte*>(base);
-  auto* registry = reinterpret_cast<ReaderEntry*>(bytes + g.registryOffset);
-  for (std::uint32_t i = 0; i < kMaxReaders; ++i) new (registry + i) ReaderEntry{};
   // The ring, the bitmap and the slots stay as ftruncate left them: zeroes, untouched.
-  map_ = Mapping::create(bytes, g.fileSize, st, *h, registry);
+  map_ = Mapping::create(static_cast<std::byte*>(base), g.fileSize, st, *h);
   h->state.store(kStateLive, std::memory_order_release);
-  peers_.resize(kMaxReaders);
   return true;
 }
 
@@ -170,8 +185,10 @@ WriterCore::~WriterCore() {
   }
   delete map_;
   if (lockFd_ >= 0) ::close(lockFd_);
-  for (Peer& p : peers_) closePeer(p);
+  if (wake_) wake_->release();
 }
+
+void WriterCore::signalReaders() { wake_->signal(map_->wakeMask(), file_); }
 std::uint64_t* WriterCore::slotForWrite(std::uint32_t i) noexcept {
   const auto [first, last] = map_->pagesOf(i);
   for (std::uint64_t p = first; p <= last; ++p) map_->pageUse(p);
@@ -209,7 +226,7 @@ void WriterCore::corruptInc() { map_->header()->corrupt.fetch_add(1, std::memory
 
 namespace {
 
-CollectionStats statsOf(const Mapping* m) {
+CollectionStats statsOf(const Mapping* m, const Registration* reg) {
   CollectionStats s;
   if (!m) return s;
   const Header* h = m->header();
@@ -221,8 +238,9 @@ CollectionStats statsOf(const Mapping* m) {
   s.capacity = m->layout().capacity;
   s.slots = m->layout().slotCount;
   s.ringSize = m->layout().ringSize;
-  for (std::uint32_t i = 0; i < m->maxReaders(); ++i) {
-    s.readers += m->reader(i)->state.load() == kEntryActive;
+  for (std::uint32_t i = 0; reg && i < reg->count; ++i) {
+    const ReaderEntry& e = reg->entries[i];
+    s.readers += e.state.load() == kEntryActive && (e.interest.load() & m->wakeMask()) != 0;
   }
   s.bytes = m->size();
   return s;
@@ -230,7 +248,14 @@ CollectionStats statsOf(const Mapping* m) {
 
 }  // namespace
 
-CollectionStats WriterCore::stats() const { return statsOf(map_); }
+CollectionStats WriterCore::stats() const {
+  CollectionStats s = statsOf(map_, nullptr);
+  if (map_) {
+    s.readers = wake_->readers(map_->wakeMask());
+    s.wakeUps = wake_->sent();
+  }
+  return s;
+}
 
 // ---------------------------------------------------------------------------------------
 // ReaderCore
@@ -284,10 +309,10 @@ void ReaderCore::watchDir() {
 
 ReaderCore::~ReaderCore() {
   if (map_) {
-    if (registryIndex_ >= 0) map_->reader(static_cast<std::uint32_t>(registryIndex_))->state = 0;
     delete map_;
   }
   if (hub_) {
+    hub_->withdraw(reg_);
     hub_->unwatchWriter(this);
     hub_->leave(this);
   }
@@ -305,15 +330,15 @@ const std::uint64_t* ReaderCore::ringEntry(std::uint64_t pos) const noexcept {
   return map_->ringEntry(pos);
 }
 
-std::uint64_t ReaderCore::rearmAndHead() noexcept {
-  if (!map_) return 0;
-  if (registryIndex_ >= 0) {
-    map_->reader(static_cast<std::uint32_t>(registryIndex_))->signalled.store(0);
-  }
-  return map_->header()->ringHead.load(std::memory_order_seq_cst);
+std::uint64_t ReaderCore::publishedHead() const noexcept {
+  return map_ ? map_->header()->ringHead.load(std::memory_order_seq_cst) : 0;
 }
 
-CollectionStats ReaderCore::stats() const { return statsOf(map_); }
+CollectionStats ReaderCore::stats() const {
+  CollectionStats s = statsOf(map_, reg_);
+  if (hub_) s.wakeUps = hub_->wakeUps();
+  return s;
+}
 
 void ReaderCore::woken() {
   Kel::Ptr<const Kel::PtrInterface> hold(hooks_.owner);
@@ -350,7 +375,7 @@ void ReaderCore::tryMount() {
   }
   map_ = m;
   layout_ = m->layout();
-  registerForWakeUps();
+  registerForWakeUps(pid);
   // The writer's exit makes its pidfd readable: prompt detection of a crash. The pid is
   // only a hint (the lock decides), so a wrong one costs the health timer's delay.
   hub_->watchWriter(this, pid);
@@ -370,54 +395,28 @@ bool ReaderCore::remap() {
     delete m;
     return false;
   }
-  if (registryIndex_ >= 0) {
-    map_->reader(static_cast<std::uint32_t>(registryIndex_))->state.store(kEntryFree);
-  }
   delete map_;
   map_ = m;
   layout_ = m->layout();
-  registerForWakeUps();
+  // The same writer's registry: enrolled again before the old hold goes, so the entry stays.
+  Registration* old = reg_;
+  registerForWakeUps(h->writerPid.load());
+  hub_->withdraw(old);
   FLICK_TRACE(trace(), 4, "{}: reader moved to the grown table, capacity {}", file_,
               layout_.capacity);
   return true;
 }
 
-void ReaderCore::registerForWakeUps() {
-  Mapping* m = map_;
-  registryIndex_ = -1;
-  sockaddr_un addr{};
-  socklen_t alen = sizeof addr;
-  if (hub_->sock() >= 0 &&
-      ::getsockname(hub_->sock(), reinterpret_cast<sockaddr*>(&addr), &alen) == 0) {
-    const auto nameLen =
-        static_cast<std::uint32_t>(alen - static_cast<socklen_t>(offsetof(sockaddr_un, sun_path)));
-    for (std::uint32_t i = 0; i < m->maxReaders() && nameLen <= sizeof ReaderEntry::name; ++i) {
-      ReaderEntry* e = m->reader(i);
-      std::uint32_t expected = kEntryFree;
-      if (!e->state.compare_exchange_strong(expected, kEntryClaiming)) continue;
-      e->pid.store(::getpid());
-      e->nameLen = nameLen;
-      std::memcpy(e->name, addr.sun_path, nameLen);
-      e->eventFd = hub_->eventFd();
-      e->signalled.store(0);
-      undelivered_ = e->undelivered.load();
-      e->state.store(kEntryActive, std::memory_order_release);
-      registryIndex_ = static_cast<int>(i);
-      break;
-    }
-  }
-  if (registryIndex_ < 0 && m->hasRegistry()) {
-    FLICK_TRACE(trace(), 1, "{}: reader registry full, polling every {}s", file_, kHealthPeriod);
-  }
+void ReaderCore::registerForWakeUps(std::int32_t writerPid) {
+  reg_ = hub_->enrol(*map_, writerPid);
+  if (reg_) undelivered_ = reg_->entry->undelivered.load();
 }
 
 void ReaderCore::unmount() {
   if (!map_) return;
   hub_->unwatchWriter(this);
-  if (registryIndex_ >= 0) {
-    map_->reader(static_cast<std::uint32_t>(registryIndex_))->state.store(kEntryFree);
-    registryIndex_ = -1;
-  }
+  hub_->withdraw(reg_);
+  reg_ = nullptr;
   delete map_;
   map_ = nullptr;
   FLICK_TRACE(trace(), 4, "{}: reader unmounted", file_);
@@ -451,10 +450,9 @@ void ReaderCore::check() {
   // could not deliver. Either way, poll: quickly while wake-ups fail, else at this tick.
   if (!map_) return;
   const bool wasFailing = failing_;
-  failing_ = registryIndex_ < 0;
-  if (registryIndex_ >= 0) {
-    const std::uint32_t n =
-        map_->reader(static_cast<std::uint32_t>(registryIndex_))->undelivered.load();
+  failing_ = reg_ == nullptr;
+  if (reg_) {
+    const std::uint32_t n = reg_->entry->undelivered.load();
     if (n != undelivered_) {
       if (!wasFailing) FLICK_TRACE(trace(), 4, "{}: wake-ups undelivered, polling", file_);
       failing_ = true;

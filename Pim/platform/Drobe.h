@@ -20,8 +20,8 @@
 // Memory. Nothing touches a page of slots that was never used: an empty slot is all zero,
 // which is what a fresh file and the writer's private copy (an anonymous mapping) hold; the
 // writer marks a page in a bitmap before it first writes there, and readers treat slots on
-// unmarked pages as empty without reading them. An empty table costs its header, registry
-// and bitmap pages; entries cost the pages they land on.
+// unmarked pages as empty without reading them. An empty table costs its header and bitmap
+// pages (and its process one registry page); entries cost the pages they land on.
 //
 // Growth. CollectionInfo::maxCapacity above capacity lets a table grow: an insert into a
 // table at capacity doubles it (up to the maximum) into a new file beside the current one,
@@ -85,7 +85,7 @@
 //     rename); a one-second health timer re-checks everything, which also covers a
 //     kernel without pidfd and a lost inotify event. A writer's forked child that has not
 //     exec'd inherits the lock descriptor and keeps the writer "alive".
-//   - Trust. A reader maps the records read-only and the registry page on its own,
+//   - Trust. A reader maps the records read-only and only the writer's registry page
 //     writable. It checks the header before use: magic and version, key, record and slot
 //     sizes and a schema fingerprint of the key's and record's field lists (Kel's
 //     kFields: names, offsets, sizes, kinds), reader count and ring size (a power of two)
@@ -96,18 +96,22 @@
 // Wake-up. All readers on one event loop share one eventfd (watched edge-triggered), one
 // AF_UNIX SOCK_DGRAM socket (autobound in the abstract namespace), one inotify instance
 // and one pidfd per writer process: a reader process holds a handful of descriptors
-// however many tables it mounts. Each table's reader registers the shared eventfd (by its
-// number) and socket (by name) in that table's registry. On commit the writer, for each
-// registered reader, swaps the reader's "signalled" flag to 1 and wakes the reader only if
-// it was 0; the reader clears the flag before it reads the ring, so a burst of commits
-// costs one wake-up, and no commit is missed. A wake-up is offered to every reader on the
-// loop; each compares its ring head, a load or two. The writer keeps, per reader process
-// and shared by all its tables, a duplicate of the reader's eventfd taken once with
-// pidfd_getfd(2) (needs ptrace access to the reader, which root has; Linux >= 5.6) and
-// the pidfd, so its descriptors grow by two per reader process; a wake-up is one 8-byte
-// write(2), and the edge-triggered reader never reads the counter. When pidfd_getfd is
-// refused the writer falls back to a socket connected to the reader's (one send(2) per
-// wake-up, one recv(2) in the reader).
+// however many tables it mounts. A writer process keeps one registry for all its tables
+// (a page under <root>/.wake, named by its pid and a random id carried in every table
+// header, locked like a table while the writer lives); a loop registers there once, with
+// its eventfd (by number) and socket (by name), and sets the bit of each table it mounts
+// in its entry's interest mask. On commit the writer, for each reader interested in the
+// table, swaps the entry's "signalled" flag to 1 and wakes the reader only if it was 0;
+// the loop clears the flags of its registrations before it offers the wake-up to its
+// readers, each of which compares its ring head (a load or two). So a burst of commits on
+// any number of one writer's tables costs one wake-up per reader process, and no commit
+// is missed. The writer keeps, per reader process, a duplicate of the reader's eventfd
+// taken once with pidfd_getfd(2) (needs ptrace access to the reader, which root has;
+// Linux >= 5.6) and the pidfd, so its descriptors grow by two per reader process; a
+// wake-up is one 8-byte write(2), and the edge-triggered reader never reads the counter.
+// When pidfd_getfd is refused the writer falls back to a socket connected to the
+// reader's (one send(2) per wake-up, one recv(2) in the reader). The registry file is
+// mode 0660, so readers of another user in the writer's group register too.
 // A wake-up that cannot be delivered (say the writer is out of descriptors) is counted in
 // the reader's registry entry; the reader's health timer sees the count move and polls
 // every 50 ms until it stops moving, so changes arrive late, never not at all.
@@ -228,8 +232,11 @@ struct CollectionStats {
   std::uint32_t capacity = 0;
   std::uint32_t slots = 0;
   std::uint32_t ringSize = 0;
-  std::uint32_t readers = 0;  // registered readers
-  std::uint64_t bytes = 0;    // size of the shared file
+  std::uint32_t readers = 0;  // reader processes (event loops) registered for this table
+  // Writer: wake-ups its process sent, for all its tables; reader: wake-ups its event loop
+  // received, for all its tables.
+  std::uint64_t wakeUps = 0;
+  std::uint64_t bytes = 0;  // size of the shared file
 };
 
 template <typename K, typename V>
@@ -607,15 +614,25 @@ requires TableKey<K> && TableValue<V, K>
 template <typename Init, typename F>
 bool Writer<K, V>::update(const K& k, Init&& init, F&& fn) {
   const std::uint32_t h = static_cast<std::uint32_t>(k.hash());
-  const Probe p = probe(k, h);
-  if (!p.found) {
-    V v = init();
-    fn(v);
-    return insertAt(p.slot, h, k, v);
+  // Counting hits the same keys again and again, most of them in their home slot: one
+  // compare there before the probe loop, and nothing to mark for a key already marked
+  // in this commit.
+  std::uint32_t slot = detail::homeSlot(h, layout_.slotCount);
+  const detail::SlotBody<V>& home = shadow_[slot];
+  if (home.state != detail::kSlotLive || home.hash != h || !(home.value.key() == k)) {
+    const Probe p = probe(k, h);
+    if (!p.found) {
+      V v = init();
+      fn(v);
+      return insertAt(p.slot, h, k, v);
+    }
+    slot = p.slot;
   }
-  fn(shadow_[p.slot].value);
-  markDirty(p.slot);
-  queueKey(p.slot, k);
+  fn(shadow_[slot].value);
+  if (marks_[slot].dirty != epoch_ || marks_[slot].key != epoch_) {
+    markDirty(slot);
+    queueKey(slot, k);
+  }
   return true;
 }
 
@@ -954,7 +971,7 @@ requires TableKey<K> && TableValue<V, K>
 void Reader<K, V>::handleWake() {
   // Before the mount is announced, its initial onCollection() covers every change.
   if (!core_.announced()) return;
-  const std::uint64_t head = core_.rearmAndHead();
+  const std::uint64_t head = core_.publishedHead();
   if (head == consumed_) return;
   const std::uint64_t ringSize = core_.layout().ringSize;
   bool lost = head - consumed_ > ringSize;
@@ -1005,7 +1022,7 @@ template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
 void Reader<K, V>::handleMountStatus(bool m) {
   Kel::Ptr<Reader> hold(this);
-  if (m) consumed_ = core_.rearmAndHead();
+  if (m) consumed_ = core_.publishedHead();
   notifiees_.forEach([m](NotifieeConst& n) { n.onMountStatus(m); });
   notifiees_.forEach([](NotifieeConst& n) { n.onCollection(); });
 }
@@ -1015,7 +1032,7 @@ requires TableKey<K> && TableValue<V, K>
 void Reader<K, V>::handleRemap() {
   // The grown table's ring starts afresh: one whole-collection notice covers the switch.
   Kel::Ptr<Reader> hold(this);
-  consumed_ = core_.rearmAndHead();
+  consumed_ = core_.publishedHead();
   notifiees_.forEach([](NotifieeConst& n) { n.onCollection(); });
 }
 

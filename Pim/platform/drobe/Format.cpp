@@ -33,8 +33,7 @@ std::uint32_t ringSizeFor(std::uint32_t requested) {
 // Where everything goes for a layout; all arithmetic in 64 bits.
 FileGeometry geometryOf(const Layout& l) {
   FileGeometry g{};
-  g.registryOffset = kPage;
-  g.ringOffset = 2 * kPage;
+  g.ringOffset = kPage;
   g.bitmapOffset = roundUp64(g.ringOffset + std::uint64_t{l.ringSize} * l.ringEntrySize);
   const std::uint64_t slotBytes = std::uint64_t{l.slotCount} * l.slotSize;
   const std::uint64_t pages = (slotBytes + kPage - 1) / kPage;
@@ -61,9 +60,8 @@ const char* headerProblem(const Header& h, std::uint64_t fileSize, const Layout&
     return "slot count";
   }
   const FileGeometry g = geometryOf(l);
-  if (h.registryOffset != g.registryOffset || h.ringOffset != g.ringOffset ||
-      h.bitmapOffset != g.bitmapOffset || h.slotsOffset != g.slotsOffset ||
-      h.fileSize != g.fileSize) {
+  if (h.ringOffset != g.ringOffset || h.bitmapOffset != g.bitmapOffset ||
+      h.slotsOffset != g.slotsOffset || h.fileSize != g.fileSize) {
     return "offsets";
   }
   if (h.fileSize != fileSize) return "file size";

@@ -18,15 +18,11 @@ namespace Drobe::detail {
 class Mapping {
  public:
   ~Mapping() {
-    if (registry_ && registry_ != static_cast<void*>(base_ + registryOffset_)) {
-      munmap(registry_, kPage);
-    }
     if (base_) munmap(base_, size_);
   }
-  // Takes ownership of base (size bytes); registry is a separate writable mapping of the
-  // registry page, or nullptr (read-only reader: it polls instead).
-  static Mapping* create(std::byte* base, std::size_t size, const struct stat& st, const Header& h,
-                         ReaderEntry* registry) {
+  // Takes ownership of base (size bytes).
+  static Mapping* create(std::byte* base, std::size_t size, const struct stat& st,
+                         const Header& h) {
     auto* m = new Mapping;
     m->base_ = base;
     m->size_ = size;
@@ -34,17 +30,17 @@ class Mapping {
     m->ino_ = st.st_ino;
     m->layout_ = h.layout;
     m->maxReaders_ = h.maxReaders;
-    m->registryOffset_ = h.registryOffset;
+    m->wakeId_ = h.wakeId;
+    m->wakeBit_ = h.wakeBit % 64;
     m->ring_ = reinterpret_cast<std::uint64_t*>(base + h.ringOffset);
     m->bitmap_ = reinterpret_cast<std::uint64_t*>(base + h.bitmapOffset);
     m->slots_ = base + h.slotsOffset;
-    m->registry_ = registry;
     return m;
   }
   Header* header() const noexcept { return reinterpret_cast<Header*>(base_); }
-  bool hasRegistry() const noexcept { return registry_ != nullptr; }
-  ReaderEntry* reader(std::uint32_t i) const noexcept { return registry_ + i; }
-  std::uint32_t maxReaders() const noexcept { return registry_ ? maxReaders_ : 0; }
+  std::uint32_t maxReaders() const noexcept { return maxReaders_; }
+  std::uint64_t wakeId() const noexcept { return wakeId_; }
+  std::uint64_t wakeMask() const noexcept { return std::uint64_t{1} << wakeBit_; }
   const Layout& layout() const noexcept { return layout_; }
   std::uint64_t* ringEntry(std::uint64_t pos) const noexcept {
     return ring_ + (pos & (layout_.ringSize - 1)) * (layout_.ringEntrySize / 8);
@@ -78,11 +74,11 @@ class Mapping {
   ino_t ino_ = 0;
   Layout layout_;
   std::uint32_t maxReaders_ = 0;
-  std::uint64_t registryOffset_ = 0;
+  std::uint64_t wakeId_ = 0;
+  std::uint32_t wakeBit_ = 0;
   std::uint64_t* ring_ = nullptr;
   std::uint64_t* bitmap_ = nullptr;
   std::byte* slots_ = nullptr;
-  ReaderEntry* registry_ = nullptr;
 };
 
 // Creates dir and its parents as needed (writers only).
@@ -90,9 +86,8 @@ bool mkdirs(const std::string& dir);
 
 enum class Access { Probe, Reader };
 
-// Maps an existing collection file if its header can be trusted with this layout: the
-// records read-only, and for a reader the registry page writable on its own when the
-// file allows it. writerLive tells whether a writer holds the file's lock. quiet: a
+// Maps an existing collection file, read-only, if its header can be trusted with this
+// layout. writerLive tells whether a writer holds the file's lock. quiet: a
 // writer probing its predecessor's file does not trace foreign files.
 Mapping* mapExisting(const std::string& file, const Layout& want, Access access, bool& writerLive);
 

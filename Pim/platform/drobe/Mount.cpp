@@ -54,10 +54,7 @@ bool mkdirs(const std::string& dir) {
 
 Mapping* mapExisting(const std::string& file, const Layout& want, Access access, bool& writerLive) {
   writerLive = false;
-  int fd = ::open(file.c_str(), (access == Access::Reader ? O_RDWR : O_RDONLY) | O_CLOEXEC);
-  if (fd < 0 && access == Access::Reader && errno == EACCES) {
-    fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  }
+  const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return nullptr;
   struct stat st {};
   Mapping* m = nullptr;
@@ -84,14 +81,7 @@ Mapping* mapExisting(const std::string& file, const Layout& want, Access access,
         ::munmap(base, size);
       } else {
         writerLive = writerLockHeld(fd);
-        ReaderEntry* registry = nullptr;
-        if (access == Access::Reader && (::fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDWR &&
-            ::sysconf(_SC_PAGESIZE) == static_cast<long>(kPage)) {
-          void* r = ::mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, fd,
-                           static_cast<off_t>(h.registryOffset));
-          if (r != MAP_FAILED) registry = static_cast<ReaderEntry*>(r);
-        }
-        m = Mapping::create(static_cast<std::byte*>(base), size, st, h, registry);
+        m = Mapping::create(static_cast<std::byte*>(base), size, st, h);
       }
     }
   }

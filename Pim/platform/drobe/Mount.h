@@ -14,8 +14,6 @@
 #include "Pim/platform/Ulm.h"
 #include "Pim/platform/drobe/Format.h"
 
-namespace Drobe::detail {}  // namespace Drobe::detail
-
 namespace Drobe {
 struct CollectionStats;
 }  // namespace Drobe
@@ -26,6 +24,8 @@ struct Header;
 struct ReaderEntry;
 class Mapping;
 class ReaderHub;
+class WakeRegistry;
+struct Registration;
 
 // Where a mount path or collection name may lead: one or more components, none empty, "."
 // or "..", so that no name can place a table outside the root.
@@ -60,13 +60,8 @@ class WriterCore {
   CollectionStats stats() const;
 
  private:
-  struct Peer;
   void signalReaders();
-  bool openPeer(Peer& p, const ReaderEntry& e);
-  bool openPeerFds(Peer& p, const ReaderEntry& e);
   bool create(std::uint64_t generation, const WriterCore* from);
-  void closePeer(Peer& p);
-  void freeEntry(ReaderEntry& e, Peer& p, std::uint32_t i);
   std::string path_;
   std::string name_;
   std::string file_;
@@ -75,21 +70,10 @@ class WriterCore {
   // Open for the writer's whole life, holding an exclusive open-file-description lock on
   // the table: the kernel drops it when the writer dies, whatever becomes of its pid.
   int lockFd_ = -1;
-  std::string tmp_;     // the file's name until it is in place
-  bool grown_ = false;  // replaced by a grown table: not retired
-  // Each registered reader's wake-up descriptor, so a wake-up is one write or send with no
-  // lookup; rebuilt when a registry entry changes hands.
-  struct Peer {
-    int fd = -1;     // the reader's eventfd (duplicated) or a connected socket
-    int pidfd = -1;  // with an eventfd: tells whether the reader still lives
-    bool eventFd = false;
-    std::uint64_t nextCheck = 0;  // monotonic ns of the next liveness check
-    std::int32_t pid = 0;
-    std::int32_t readerEventFd = -1;  // the number the reader registered
-    std::uint32_t nameLen = 0;
-    char name[40] = {};
-  };
-  std::vector<Peer> peers_;
+  std::string tmp_;               // the file's name until it is in place
+  bool grown_ = false;            // replaced by a grown table: not retired
+  WakeRegistry* wake_ = nullptr;  // the process's, shared by all its tables
+  std::uint32_t wakeBit_ = 0;
 };
 
 // The untyped half of a reader: mounting, remounting, the wake-up socket, liveness.
@@ -115,9 +99,9 @@ class ReaderCore {
   // Slot i's words, or nullptr if the writer never wrote its pages (an empty slot).
   const std::uint64_t* slot(std::uint32_t i) const noexcept;
   const std::uint64_t* ringEntry(std::uint64_t pos) const noexcept;
-  // Clears this reader's signalled flag (before reading the ring) and returns the ring
-  // head published by the last commit.
-  std::uint64_t rearmAndHead() noexcept;
+  // The ring head published by the last commit (the hub clears the wake-up flags before
+  // it calls the readers, so a commit after this load wakes them again).
+  std::uint64_t publishedHead() const noexcept;
   CollectionStats stats() const;
   // Re-checks the file and the writer now (also run by the health timer).
   void check();
@@ -126,7 +110,7 @@ class ReaderCore {
   friend class ReaderHub;
   void tryMount();
   bool remap();
-  void registerForWakeUps();
+  void registerForWakeUps(std::int32_t writerPid);
   void unmount();
   void watchDir();
   void woken();
@@ -142,8 +126,8 @@ class ReaderCore {
   ReaderHub* hub_ = nullptr;  // the loop's shared wake-up, directory and writer watches
   int wd_ = -1;               // inotify watch of the mount directory
   bool watching_ = false;
-  std::int32_t writerPid_ = 0;  // watched through the hub while mounted
-  int registryIndex_ = -1;
+  std::int32_t writerPid_ = 0;     // watched through the hub while mounted
+  Registration* reg_ = nullptr;    // the loop's entry in the writer's registry
   std::uint32_t undelivered_ = 0;  // the writer's count of failed wake-ups, as last seen
   bool failing_ = false;           // polling at the short period
   bool announced_ = false;
