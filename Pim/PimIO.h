@@ -318,6 +318,17 @@ class IOSm : public Kel::Entity {
   void incCounter(MessageCounterDirection dir, MessageCounterType ct,
                   const Routing::Pim::Drobe::CounterKey& key);
 
+  // Transmit path (PimIOTx.cpp). txPkt runs on each change of the transmit record's count.
+  void txPkt();
+  void handleTxSuccess();
+  void handleTxError();
+  void doAddIpHeader(const Kel::Ptr<Nimo::Pkt>& pkt, const Nimo::IpGenAddr& src,
+                     const Nimo::IpGenAddr& dst, std::uint8_t ttl, std::uint8_t tos);
+  void doAddIpv4Header(const Kel::Ptr<Nimo::Pkt>& pkt, const Nimo::IpGenAddr& src,
+                       const Nimo::IpGenAddr& dst, std::uint8_t ttl, std::uint8_t tos);
+  void doAddIpv6Header(const Kel::Ptr<Nimo::Pkt>& pkt, const Nimo::IpGenAddr& src,
+                       const Nimo::IpGenAddr& dst, std::uint8_t ttl, std::uint8_t tos);
+
   // Unresolved queue.
   const PimUnresolvedPackets* pimUnresPkt(const NeighborKey& k) const {
     auto it = pimUnresPkt_.find(k);
@@ -335,9 +346,20 @@ class IOSm : public Kel::Entity {
   class IntfDirReactor;
   class StatusReactor;
   class AttrLogReactor;
+  class TxReactor;
+  struct TxState;
 
   std::string prefix() const;
   bool drop(const RxPktContext& ctx, MessageCounterType ct, int subtype = 255);
+  // Transmit helpers (PimIOTx.cpp).
+  bool txFail(TxState& tx, MessageCounterType ct);
+  bool txResolveIntf(TxState& tx);
+  bool txChooseAddresses(TxState& tx);
+  bool txWriteAndSend(TxState& tx);
+  bool txSend(TxState& tx, std::uint32_t len);
+  bool txSocketOption(bool tos, std::uint8_t value, bool multicast);
+  Kel::Ptr<Nimo::Pkt> txBuffer();
+
   // Posts msg in its type's slot; false (traced, counted) if the slot is missing.
   bool post(Packet::MessageType type, int subtype, const Kel::Ptr<Packet::Message>& msg,
             const Nimo::IntfId& intf, const Nimo::IpGenAddr& src);
@@ -382,6 +404,14 @@ class IOSm : public Kel::Entity {
   std::unique_ptr<IntfDirReactor> intfDirReactor_;
   std::unique_ptr<StatusReactor> statusReactor_;
   std::unique_ptr<AttrLogReactor> attrLogReactor_;
+
+  // Transmit state: the reused buffer, the TTL and TOS last set on the socket (header
+  // not built here) and the last send's description for the outcome traces.
+  std::unique_ptr<TxReactor> txReactor_;
+  Kel::Ptr<Nimo::Pkt> txBuf_;
+  std::optional<std::uint8_t> txSockTos_, txSockTtl_;
+  bool txSockTtlMulticast_ = false;
+  std::string txLast_;
 };
 
 Kel::Ptr<IOSm> iOSmFactory(const L3::VrfName& vrf, Ulm::EventLoop& loop);
