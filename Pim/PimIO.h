@@ -48,8 +48,28 @@
 // - With no registered message type the filter is the prefix, reject, accept: everything
 //   is rejected.
 //
-// Traces: facility "Pim::IO", lines "<Vrf:<name>> RX: ...". Threading: event-loop thread
-// only; no locks.
+// Transmit (PimIOTx.cpp): the agent fills the manager's txMessageInfo (interface,
+// optional neighborAddr, message) and bumps its count; txPkt writes the message, picks
+// destination (neighborAddr, else all-PIM-routers for Hello, Join/Prune, Bootstrap, Assert
+// and DF Election), source (message, PIM interface, system interface), TTL and TOS by
+// type, builds the IP header when overrideIpHeader is set (IPv4 with DF) or sets TTL/TOS
+// as socket options, and sends on the interface's kernel index.
+// Transmit decisions:
+// - An empty interface id names no interface: no interface checks, the kernel routes.
+// - A source from the system's interface status is, for IPv6, its first link-local
+//   address. With no source at all, IPv6 and header-building sends fail ("TX: Error - No
+//   Source Address - Type: "): the checksum or the header needs it.
+// - The chosen addresses are written into the message (srcIp/dstIp) before the writer
+//   runs, so that the IPv6 checksum covers the addresses the packet leaves with.
+// - A send the socket refuses counts tx/invalid (not success) and the PAM error counter.
+// - A Join/Prune is drained into as many packets as its MTU needs; one whose groups the
+//   boundary took entirely is filtered like one without groups.
+// - A message whose class is not the one its type names is "Invalid Pim Message".
+// - Socket TTL/TOS are set only when they change (multicast and unicast TTL apart).
+// - One transmit buffer of the receive maximum is reused; only the bytes used are cleared.
+//
+// Traces: facility "Pim::IO", lines "<Vrf:<name>> RX: ..." and "TX: ...". Threading:
+// event-loop thread only; no locks.
 //
 // Usage:
 //   auto mgr = pamManagerFactory(vrf, Nimo::AddressFamily::ipv4, "", false);
