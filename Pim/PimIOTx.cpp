@@ -154,6 +154,7 @@ struct IOSm::TxState {
   Nimo::IpGenAddr src, dst;
   std::uint8_t ttl = kDefaultTtl, tos = kDefaultTos;
   Kel::Ptr<Nimo::Pkt> pkt;
+  std::uint32_t touched = 0;  // bytes a writer may have written beyond what it kept
 };
 
 Kel::Ptr<Nimo::Pkt> IOSm::txBuffer() {
@@ -305,6 +306,11 @@ bool IOSm::txWriteAndSend(TxState& tx) {
         if (s) boundary = Routing::Pim::Boundary::intfBoundaryFactory(s);
       }
       bool sent = false;
+      // The writer leaves room for an IPv4 header; an IPv6 one is 20 bytes longer.
+      const std::uint32_t mtu = jp.mtu();
+      const std::uint32_t extra = Nimo::Ipv6Hdr::kSize - Nimo::Ipv4Hdr::kMinSize;
+      if (pimPamManager_->af() == Nimo::AddressFamily::ipv6 && mtu > extra) jp.mtuIs(mtu - extra);
+      tx.touched = mtu;
       // Each pass drains at least one entry (or writes nothing and stops).
       while (!data->empty()) {
         tx.pkt = txBuffer();
@@ -312,6 +318,7 @@ bool IOSm::txWriteAndSend(TxState& tx) {
         if (n == 0) break;
         sent = txSend(tx, n) || sent;
       }
+      jp.mtuIs(mtu);
       if (sent) return true;
       if (!data->empty()) {
         FLICK_TRACE(ioTrace(), 1, "{} {}", prefix(), kJoinPruneWriteError);
@@ -400,8 +407,9 @@ bool IOSm::txSend(TxState& tx, std::uint32_t len) {
   PamManager& m = *pimPamManager_;
   Nimo::IpPam& pam = *m.pam();
   Nimo::Pkt& pkt = *tx.pkt;
-  const std::uint32_t room = pkt.size();
-  pkt.delSharedTailData(room - len);
+  // The writer left the buffer at its full size, or (Join/Prune) trimmed to the message.
+  const std::uint32_t room = kMaxRxPktData;
+  pkt.delSharedTailData(pkt.size() - len);
   pam.txSrcIpAddrIs(tx.src);
   pam.txDstIpAddrIs(tx.dst);
   std::uint32_t header = 0;
@@ -428,11 +436,13 @@ bool IOSm::txSend(TxState& tx, std::uint32_t len) {
   }
   const bool ok = pam.txPkt(tx.pkt);
   // Back to an all-clear buffer of the full size for the next message: clear only what
-  // this one used.
+  // this one may have touched (a Join/Prune writer works within its MTU, then trims).
   if (txBuf_ == tx.pkt && !pkt.isShared()) {
-    std::memset(pkt.writableData(0, pkt.size()), 0, pkt.size());
+    const std::uint32_t used = std::min(room + header, std::max(pkt.size(), tx.touched + header));
+    pkt.sizeIsUncleared(used);
+    std::memset(pkt.writableData(0, used), 0, used);
     pkt.delSharedHeadData(header);
-    pkt.sizeIs(room);
+    pkt.sizeIsUncleared(room);
   } else {
     txBuf_ = nullptr;
   }

@@ -244,6 +244,14 @@ bool Pkt::sizeIs(std::uint32_t size) {
   return true;
 }
 
+bool Pkt::sizeIsUncleared(std::uint32_t size) {
+  if (isShared()) return sizeIs(size);
+  if (std::uint64_t{head_} + size > capacity()) return false;
+  tail_ = head_ + size;
+  updateSharedIovec();
+  return true;
+}
+
 bool Pkt::prepend(std::uint32_t n) {
   if (n > head_) return false;
   unshare();

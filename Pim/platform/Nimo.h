@@ -233,6 +233,9 @@ class Pkt : public Kel::PtrInterface {
 
   // Grows or shrinks the packet at its tail (growth uses tail room, zero-filled).
   bool sizeIs(std::uint32_t size);
+  // As sizeIs, but growth does not clear the bytes grown over: for a reused buffer whose
+  // owner keeps them clear itself (a shared buffer is still copied first, and cleared).
+  bool sizeIsUncleared(std::uint32_t size);
   // Grows the packet at its head by n bytes of head room; false if there is too little.
   bool prepend(std::uint32_t n);
 
