@@ -665,55 +665,6 @@ TEST_F(UnresolvedQueueTest, FloodOfSpoofedSourcesStaysWithinTheTotalBound) {
 
 namespace P = Routing::Pim::Packet;
 
-template <typename M, typename Read, typename... Extra>
-Kel::Ptr<P::Message> readAs(const Bytes& ip, std::uint32_t hl, Read read, Extra... extra) {
-  const bool v6 = hl == Nimo::Ipv6Hdr::kSize;
-  Bytes copy = ip;
-  auto m = Kel::Ptr<M>::make();
-  m->srcIpIs(v6 ? Nimo::Ipv6Hdr(copy.data()).src() : Nimo::Ipv4Hdr(copy.data()).src());
-  m->dstIpIs(v6 ? Nimo::Ipv6Hdr(copy.data()).dst() : Nimo::Ipv4Hdr(copy.data()).dst());
-  if (!((*m).*read)(pkt(ip), hl, extra...)) return nullptr;
-  return m;
-}
-
-// The message of a sample packet, as an agent would hold it.
-Kel::Ptr<P::Message> readSample(const Bytes& ip) {
-  const std::uint32_t hl = (ip[0] >> 4) == 6 ? Nimo::Ipv6Hdr::kSize : Nimo::Ipv4Hdr::kMinSize;
-  switch (ip[hl] & 0x0f) {
-    case 0:
-      return readAs<P::HelloMessage>(ip, hl, &P::HelloMessage::readHelloMessage);
-    case 1:
-      return readAs<P::RegisterMessage>(ip, hl, &P::RegisterMessage::readRegisterMessage);
-    case 2:
-      return readAs<P::RegisterStopMessage>(ip, hl,
-                                            &P::RegisterStopMessage::readRegisterStopMessage);
-    case 3:
-      return readAs<P::JoinPruneMessage>(ip, hl, &P::JoinPruneMessage::readJoinPruneMessage,
-                                         Kel::Ptr<Routing::Pim::Boundary::IntfBoundary>());
-    case 4:
-      return readAs<P::BootstrapMessage>(ip, hl, &P::BootstrapMessage::readBootstrapMessage);
-    case 5:
-      return readAs<P::AssertMessage>(ip, hl, &P::AssertMessage::readAssertMessage);
-    case 8:
-      return readAs<P::CrpAdvMessage>(ip, hl, &P::CrpAdvMessage::readCrpAdvMessage);
-    default:
-      switch (ip[hl + 1] >> 4) {
-        case 1:
-          return readAs<P::DfElectionOfferMessage>(
-              ip, hl, &P::DfElectionOfferMessage::readDfElectionOfferMessage);
-        case 2:
-          return readAs<P::DfElectionWinnerMessage>(
-              ip, hl, &P::DfElectionWinnerMessage::readDfElectionWinnerMessage);
-        case 3:
-          return readAs<P::DfElectionBackoffMessage>(
-              ip, hl, &P::DfElectionBackoffMessage::readDfElectionBackoffMessage);
-        default:
-          return readAs<P::DfElectionPassMessage>(
-              ip, hl, &P::DfElectionPassMessage::readDfElectionPassMessage);
-      }
-  }
-}
-
 // The IP header the manager must build, field by field.
 Bytes expectedHeader(const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst, std::uint8_t ttl,
                      std::uint8_t tos, std::size_t pimLen) {
@@ -736,12 +687,25 @@ Bytes expectedHeader(const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst, std
 }
 
 struct TxRig {
-  explicit TxRig(Nimo::AddressFamily af, bool overrideIpHeader = true)
-      : rig(af, Kel::Ptr<Kel::ManualClock>::make(), "", "tx", overrideIpHeader),
+  explicit TxRig(Nimo::AddressFamily af, bool overrideIpHeader = true, const char* name = "tx")
+      : rig(af, Kel::Ptr<Kel::ManualClock>::make(), "", name, overrideIpHeader),
         fake(Kel::Ptr<FakePam>::make(af)) {
     rig.mgr->pamIs(fake);
     rig.intf("eth1", 7);
+    for (int type : {0, 1, 2, 3, 4, 5, 8, 10}) rig.mgr->rxMessageInfoIs(std::uint8_t(type));
     rig.start();
+  }
+  // The message of a sample packet, as the agent receives it on eth1 (its source made a
+  // neighbour first, so that nothing waits in a queue).
+  Kel::Ptr<P::Message> received(const Bytes& ip) {
+    const bool v6 = (ip[0] >> 4) == 6;
+    Bytes h(ip.begin(), ip.begin() + 40);
+    rig.status->activeNeighborIs(
+        {Nimo::IntfId("eth1"), v6 ? Nimo::Ipv6Hdr(h.data()).src() : Nimo::Ipv4Hdr(h.data()).src()},
+        105);
+    fake->push(ip, 7);
+    rig.io->rxPkt();
+    return rig.mgr->rxMessageInfo(ip[v6 ? 40 : 20] & 0x0f)->message();
   }
   DrobeRoot root;
   IoRig rig;
@@ -767,7 +731,7 @@ TEST_P(TxSampleTest, EverySampleIsWrittenBehindItsHeaderAndCounted) {
       {8, {true, 255, 192}}, {10, {false, 1, 192}}, {-1, {true, 255, 192}}};  // -1: Null-Register
   int expectedDf = 0;
   for (const Bytes& ip : PimDump::sampleMessages(v6)) {
-    auto msg = readSample(ip);
+    auto msg = t.received(ip);
     ASSERT_TRUE(msg) << toHex(ip);
     const Nimo::IpGenAddr src = msg->srcIp(), dst = msg->dstIp();
     const bool isNull =
@@ -815,9 +779,10 @@ struct GraftMessage : P::Message {
 // counter and trace line a refusal leaves.
 TEST(TxRulesTest, EachRuleSendsOrRefusesWithItsCounterAndText) {
   const auto samples = PimDump::sampleMessages(false);
+  TxRig decoder(Nimo::AddressFamily::ipv4, true, "decoder");
   auto sample = [&](int type, bool null = false) {
     for (const Bytes& ip : samples) {
-      auto m = readSample(ip);
+      auto m = decoder.received(ip);
       if (m->messageType() != type) continue;
       if (type == 1 && null != !static_cast<P::RegisterMessage&>(*m).rcvdPkt()) continue;
       return m;
@@ -1039,9 +1004,9 @@ TEST(TxRulesTest, EachRuleSendsOrRefusesWithItsCounterAndText) {
 TEST(TxRulesTest, SocketOptionsCarryTtlAndTosWhenTheKernelBuildsTheHeader) {
   TxRig t(Nimo::AddressFamily::ipv4, false);
   const auto samples = PimDump::sampleMessages(false);
-  t.rig.send(readSample(samples[0]), "eth1");                               // Hello
-  t.rig.send(readSample(samples[0]), "eth1");                               // again: nothing new
-  t.rig.send(readSample(samples[3]), "eth1", Nimo::IpGenAddr("10.1.0.2"));  // Register-Stop
+  t.rig.send(t.received(samples[0]), "eth1");                               // Hello
+  t.rig.send(t.received(samples[0]), "eth1");                               // again: nothing new
+  t.rig.send(t.received(samples[3]), "eth1", Nimo::IpGenAddr("10.1.0.2"));  // Register-Stop
   using O = std::tuple<int, int, int>;
   EXPECT_THAT(t.fake->plainOptions,
               ElementsAreArray({O{IPPROTO_IP, IP_TOS, 192}, O{IPPROTO_IP, IP_MULTICAST_TTL, 1},
@@ -1050,9 +1015,9 @@ TEST(TxRulesTest, SocketOptionsCarryTtlAndTosWhenTheKernelBuildsTheHeader) {
   EXPECT_EQ(t.fake->sent[0].bytes[0], 0x20);  // no IP header: the PIM header first
   // A failed send is counted, and the next one goes out as usual.
   t.fake->txOk = false;
-  t.rig.send(readSample(samples[0]), "eth1");
+  t.rig.send(t.received(samples[0]), "eth1");
   t.fake->txOk = true;
-  t.rig.send(readSample(samples[0]), "eth1");
+  t.rig.send(t.received(samples[0]), "eth1");
   EXPECT_EQ(t.rig.tx(0, "eth1", MessageCounterType::invalid), 1u);
   EXPECT_EQ(t.rig.tx(0, "eth1", MessageCounterType::success), 3u);
 }
