@@ -812,183 +812,97 @@ TEST(TxRulesTest, EachRuleSendsOrRefusesWithItsCounterAndText) {
     static_cast<P::HelloMessage&>(*m).secondaryAddrIs(Nimo::IpGenAddr("fe80::9"), true);
     return m;
   };
-  const Nimo::IpGenAddr none, rp("10.9.9.9"), all("224.0.0.13");
-  struct Row {
+  const Nimo::IpGenAddr none, rp("10.9.9.9"), all("224.0.0.13"), pimIntf("10.7.0.1");
+  using Msg = std::function<Kel::Ptr<P::Message>()>;
+  auto of = [&](int type) -> Msg { return [&sample, type] { return sample(type); }; };
+  // What goes out: destination, source (unset: the message's own), TTL, TOS.
+  struct Sent {
     const char* name;
-    std::function<Kel::Ptr<P::Message>()> msg;
+    Msg msg;
+    const char* intf;
+    Nimo::IpGenAddr to, dst, src;
+    int ttl, tos;
+  };
+  // clang-format off
+  const Sent sentRows[] = {
+      {"inner TTL 0, TOS 0xE0", [&] { return registerWith(0, 0xe0); }, "eth1", rp, rp, {}, 255, 184},
+      {"inner TTL 64, TOS 0x20", [&] { return registerWith(64, 0x20); }, "eth1", rp, rp, {}, 64, 0x20},
+      {"Null-Register", [&] { return sample(1, true); }, "eth1", rp, rp, {}, 255, 192},
+      {"Bootstrap unicast", of(4), "eth1", rp, rp, {}, 1, 192},
+      {"Bootstrap without address", of(4), "eth1", none, all, {}, 1, 192},
+      {"source of the PIM interface", [&] { return unsourced(0); }, "eth1", none, all, pimIntf, 1, 192},
+      {"source of the system interface", [&] { return unsourced(0); }, "eth3", none, all,
+       Nimo::IpGenAddr("10.3.0.1"), 1, 192},
+      {"no interface: the kernel routes", of(2), "", rp, rp, {}, 255, 192},
+  };
+  // What refuses to go, with the counter and trace it leaves.
+  struct Refused {
+    const char* name;
+    Msg msg;
     const char* intf;
     Nimo::IpGenAddr to;
-    // Sent: destination, source, TTL, TOS. Refused: counter type and trace.
-    Nimo::IpGenAddr dst, src;
-    int ttl, tos;
     MessageCounterType counter;
     const char* trace;
   };
-  const auto sent = MessageCounterType::success;
   const auto invalid = MessageCounterType::invalid;
-  const auto filtered = MessageCounterType::filtered;
-  const std::vector<Row> rows = {
-      {"inner TTL 0 and TOS 0xE0",
-       [&] { return registerWith(0, 0xe0); },
-       "eth1",
-       rp,
-       rp,
-       {},
-       255,
-       184,
-       sent,
-       ""},
-      {"inner TTL 64 and TOS 0x20",
-       [&] { return registerWith(64, 0x20); },
-       "eth1",
-       rp,
-       rp,
-       {},
-       64,
-       0x20,
-       sent,
-       ""},
-      {"Null-Register", [&] { return sample(1, true); }, "eth1", rp, rp, {}, 255, 192, sent, ""},
-      {"Bootstrap unicast", [&] { return sample(4); }, "eth1", rp, rp, {}, 1, 192, sent, ""},
-      {"Bootstrap without address",
-       [&] { return sample(4); },
-       "eth1",
-       none,
-       all,
-       {},
-       1,
-       192,
-       sent,
-       ""},
-      {"source from the PIM interface", [&] { return unsourced(0); }, "eth1", none, all,
-       Nimo::IpGenAddr("10.7.0.1"), 1, 192, sent, ""},
-      {"source from the system interface", [&] { return unsourced(0); }, "eth3", none, all,
-       Nimo::IpGenAddr("10.3.0.1"), 1, 192, sent, ""},
-      {"no interface: the kernel routes it",
-       [&] { return sample(2); },
-       "",
-       rp,
-       rp,
-       {},
-       255,
-       192,
-       sent,
-       ""},
-      {"Register-Stop without address",
-       [&] { return sample(2); },
-       "eth1",
-       none,
-       {},
-       {},
-       0,
-       0,
-       invalid,
-       "TX: Error - Unknown Pim Destination - Type: 2"},
-      {"C-RP-Adv without address",
-       [&] { return sample(8); },
-       "eth1",
-       none,
-       {},
-       {},
-       0,
-       0,
-       invalid,
-       "TX: Error - Unknown Pim Destination - Type: 8"},
-      {"Join/Prune without groups",
-       zeroGroups,
-       "eth1",
-       none,
-       {},
-       {},
-       0,
-       0,
-       filtered,
+  const Refused refusedRows[] = {
+      {"Register-Stop without address", of(2), "eth1", none, invalid, "TX: Error - Unknown Pim Destination - Type: 2"},
+      {"C-RP-Adv without address", of(8), "eth1", none, invalid, "TX: Error - Unknown Pim Destination - Type: 8"},
+      {"Join/Prune without groups", zeroGroups, "eth1", none, MessageCounterType::filtered,
        "TX: Filtered - Pim Join/Prune - Zero Groups"},
-      {"unknown interface",
-       [&] { return sample(0); },
-       "eth9",
-       none,
-       {},
-       {},
-       0,
-       0,
-       invalid,
-       "TX: Error - Invalid Interface - Id: eth9"},
-      {"interface without a device",
-       [&] { return sample(0); },
-       "eth4",
-       none,
-       {},
-       {},
-       0,
-       0,
-       invalid,
-       "TX: Error - Invalid Kernel Interface - Id: eth4"},
-      {"no source anywhere",
-       [&] { return unsourced(0); },
-       "eth2",
-       none,
-       {},
-       {},
-       0,
-       0,
-       invalid,
-       "TX: Error - No Source Address - Type: 0"},
-      {"Graft",
-       [] { return Kel::Ptr<P::Message>(Kel::Ptr<GraftMessage>::make()); },
-       "eth1",
-       rp,
-       {},
-       {},
-       0,
-       0,
-       invalid,
+      {"unknown interface", of(0), "eth9", none, invalid, "TX: Error - Invalid Interface - Id: eth9"},
+      {"no kernel device", of(0), "eth4", none, invalid, "TX: Error - Invalid Kernel Interface - Id: eth4"},
+      {"no source anywhere", [&] { return unsourced(0); }, "eth2", none, invalid, "TX: Error - No Source Address - Type: 0"},
+      {"Graft", [] { return Kel::Ptr<P::Message>(Kel::Ptr<GraftMessage>::make()); }, "eth1", rp, invalid,
        "TX: Error - Unsupported Pim Message - Type: 6"},
-      {"Hello that cannot be written",
-       badHello,
-       "eth1",
-       none,
-       {},
-       {},
-       0,
-       0,
-       invalid,
-       "TX: Error - Invalid Pim Hello - Write Error"},
+      {"Hello that cannot be written", badHello, "eth1", none, invalid, "TX: Error - Invalid Pim Hello - Write Error"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  // clang-format on
+  // Sends msg on a fresh rig: eth1 (PIM address 10.7.0.1), eth2 (no address), eth3
+  // (addresses only in the system's status), eth4 (no kernel device).
+  auto run = [&](const Msg& make, const char* intf, const Nimo::IpGenAddr& to,
+                 MessageCounterType counter, auto&& check) {
     TxRig t(Nimo::AddressFamily::ipv4);
-    t.rig.status->intfIs(Nimo::IntfId("eth1"), false, Nimo::IpGenAddr("10.7.0.1"));
+    t.rig.status->intfIs(Nimo::IntfId("eth1"), false, pimIntf);
     t.rig.intf("eth2", 8);
     t.rig.intf("eth3", 9);
     t.rig.dir->intfStatusIs(Nimo::IntfId("eth3")).addr = {Nimo::IpGenAddrWithMask("fe80::3/64"),
                                                           Nimo::IpGenAddrWithMask("10.3.0.1/24")};
-    t.rig.dir->intfStatusIs(Nimo::IntfId("eth4"));  // known, but no kernel device
+    t.rig.dir->intfStatusIs(Nimo::IntfId("eth4"));
     Routing::Pim::IO::ioTrace().levelIs(9);
     Flicklog::CaptureSink capture;
-    auto msg = row.msg();
+    auto msg = make();
     ASSERT_TRUE(msg);
-    const std::uint8_t type = msg->messageType();
-    t.rig.send(msg, row.intf, row.to);
+    t.rig.send(msg, intf, to);
     Routing::Pim::IO::ioTrace().levelIs(0);
-    EXPECT_EQ(t.rig.tx(type, "", row.counter), 1u);
+    EXPECT_EQ(t.rig.tx(msg->messageType(), "", counter), 1u);
     EXPECT_EQ(t.rig.mgr->txPamCounter()->count(), 1u);
-    if (row.counter != sent) {
-      EXPECT_TRUE(t.fake->sent.empty());
-      EXPECT_EQ(t.rig.mgr->txPamCounter()->error(), 1u);
-      bool traced = false;
-      for (const auto& l : capture.lines()) traced = traced || l.text.ends_with(row.trace);
-      EXPECT_TRUE(traced) << row.trace;
-      continue;
-    }
-    ASSERT_EQ(t.fake->sent.size(), 1u);
-    const Bytes& b = t.fake->sent[0].bytes;
-    const Nimo::IpGenAddr src = row.src.isSet() ? row.src : msg->srcIp();
-    EXPECT_EQ(t.fake->sent[0].dst, row.dst);
-    EXPECT_EQ(toHex(Bytes(b.begin(), b.begin() + 20)),
-              toHex(expectedHeader(src, row.dst, std::uint8_t(row.ttl), std::uint8_t(row.tos),
-                                   b.size() - 20)));
-    EXPECT_EQ(t.fake->sent[0].flags, row.intf[0] ? Nimo::IpPam::kTxFlagIfIndex : 0u);
+    check(t, *msg, capture);
+  };
+  for (const Sent& row : sentRows) {
+    SCOPED_TRACE(row.name);
+    run(row.msg, row.intf, row.to, MessageCounterType::success,
+        [&](TxRig& t, const P::Message& msg, const Flicklog::CaptureSink&) {
+          ASSERT_EQ(t.fake->sent.size(), 1u);
+          const Bytes& b = t.fake->sent[0].bytes;
+          EXPECT_EQ(t.fake->sent[0].dst, row.dst);
+          EXPECT_EQ(
+              toHex(Bytes(b.begin(), b.begin() + 20)),
+              toHex(expectedHeader(row.src.isSet() ? row.src : msg.srcIp(), row.dst,
+                                   std::uint8_t(row.ttl), std::uint8_t(row.tos), b.size() - 20)));
+          EXPECT_EQ(t.fake->sent[0].flags, row.intf[0] ? Nimo::IpPam::kTxFlagIfIndex : 0u);
+        });
+  }
+  for (const Refused& row : refusedRows) {
+    SCOPED_TRACE(row.name);
+    run(row.msg, row.intf, row.to, row.counter,
+        [&](TxRig& t, const P::Message&, const Flicklog::CaptureSink& capture) {
+          EXPECT_TRUE(t.fake->sent.empty());
+          EXPECT_EQ(t.rig.mgr->txPamCounter()->error(), 1u);
+          bool traced = false;
+          for (const auto& l : capture.lines()) traced = traced || l.text.ends_with(row.trace);
+          EXPECT_TRUE(traced) << row.trace;
+        });
   }
 
   // No message at all: only the socket's counters know.

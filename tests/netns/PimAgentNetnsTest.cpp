@@ -55,9 +55,8 @@ class Spawned {
 
   bool started() const { return pid_ > 0; }
   std::string output() const {
-    std::ifstream f(out_);
     std::stringstream s;
-    s << f.rdbuf();
+    s << std::ifstream(out_).rdbuf();
     return s.str();
   }
   // Polls the output for text, at most `seconds`.
@@ -88,20 +87,16 @@ class Spawned {
   std::string out_;
 };
 
-// A directory of this test's own, removed at the end.
+// A directory of this test's own under /dev/shm, for outputs and each agent's DROBE_ROOT.
 struct ScratchDir {
   explicit ScratchDir(const std::string& tag)
-      : path(fmt::format("/tmp/pimagent-{}-{}", tag, ::getpid())) {
+      : path(fmt::format("/dev/shm/pimagent-{}-{}", tag, ::getpid())) {
     fs::remove_all(path);
     fs::create_directories(path);
   }
   ~ScratchDir() { fs::remove_all(path); }
   std::string path;
 };
-
-std::string drobeRoot(const std::string& who) {
-  return fmt::format("/dev/shm/pimagent-{}-{}", who, ::getpid());
-}
 
 // pimshow's JSON for the tables under root.
 nlohmann::json pimshow(const std::string& root, const char* af) {
@@ -158,7 +153,7 @@ TEST_P(PimAgentNetnsTest, TwoAgentsBecomeNeighboursAndJoinUpstream) {
   NetnsPair pair("pag");
   ASSERT_TRUE(pair.ok);
   ScratchDir dir("two");
-  const std::string rootA = drobeRoot("a"), rootB = drobeRoot("b");
+  const std::string rootA = dir.path + "/a", rootB = dir.path + "/b";
   // B's address as A's neighbour: its link-local for IPv6.
   std::string addrB = "10.77.0.2";
   if (v6) {
@@ -206,8 +201,6 @@ TEST_P(PimAgentNetnsTest, TwoAgentsBecomeNeighboursAndJoinUpstream) {
   EXPECT_THAT(a.output(), HasSubstr("sent Hello with holdtime 0 on 1 interface(s)"));
   EXPECT_TRUE(b.await("on " + pair.vethB + " down (holdtime 0)", 3)) << b.output();
   EXPECT_EQ(b.stop(SIGINT), 0);
-  fs::remove_all(rootA);
-  fs::remove_all(rootB);
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, PimAgentNetnsTest,
@@ -264,7 +257,7 @@ TEST(PimAgentFrrTest, FrrAndTheAgentAreNeighboursAndFrrTakesTheJoin) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   Spawned pimd(daemon("pimd"), d + "/pimd.out");
   ASSERT_TRUE(pimd.started());
-  const std::string root = drobeRoot("frr");
+  const std::string root = d + "/drobe";
   Spawned agent({PIMAGENT_PATH, "--netns", pair.b, "--hello-interval", "1", "--duration", "30",
                  "--join", "10.77.0.99,232.1.1.3@10.77.0.1"},
                 d + "/agent.out", {"DROBE_ROOT=" + root});
@@ -300,7 +293,6 @@ TEST(PimAgentFrrTest, FrrAndTheAgentAreNeighboursAndFrrTakesTheJoin) {
   // FRR's daemons end on SIGTERM with their own statuses; what counts is that they end.
   EXPECT_NE(pimd.stop(), -1);
   EXPECT_NE(zebra.stop(), -1);
-  fs::remove_all(root);
 }
 
 }  // namespace
