@@ -699,7 +699,7 @@ struct TxRig {
   // neighbour first, so that nothing waits in a queue).
   Kel::Ptr<P::Message> received(const Bytes& ip) {
     const bool v6 = (ip[0] >> 4) == 6;
-    Bytes h(ip.begin(), ip.begin() + 40);
+    Bytes h = ip;  // a view needs writable bytes
     rig.status->activeNeighborIs(
         {Nimo::IntfId("eth1"), v6 ? Nimo::Ipv6Hdr(h.data()).src() : Nimo::Ipv4Hdr(h.data()).src()},
         105);
