@@ -102,12 +102,12 @@ bool isHandled(MessageType t) {
 // Known to PIM but not processed here: Graft, Graft-Ack (dense mode), State Refresh.
 bool isKnownUnhandled(MessageType t) { return t == 6 || t == 7 || t == 9; }
 
+}  // namespace
+
 const Nimo::IpGenAddr& allPimRouters(Nimo::AddressFamily af) {
   static const Nimo::IpGenAddr v4("224.0.0.13"), v6("ff02::d");
   return af == Nimo::AddressFamily::ipv4 ? v4 : v6;
 }
-
-}  // namespace
 
 Kel::Ptr<RxPktContext> rxPktContextFactory(Kel::Ptr<Nimo::Pkt> pkt, std::uint32_t ifIndex) {
   return Kel::Ptr<RxPktContext>::make(std::move(pkt), ifIndex);

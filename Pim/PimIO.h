@@ -103,6 +103,9 @@ extern const Flicklog::LogMessage PIM_MESSAGE_INVALID_TYPE;
 extern const Flicklog::LogMessage PIM_MESSAGE_INVALID_DESTINATION;
 extern const Flicklog::LogMessage PIM_MESSAGE_UNPROCESSQ_FULL;
 
+// The all-PIM-routers group of the family: 224.0.0.13 or ff02::d.
+const Nimo::IpGenAddr& allPimRouters(Nimo::AddressFamily af);
+
 // The fields of a received IP header that the checks use.
 struct IpHeader {
   Nimo::AddressFamily af = Nimo::AddressFamily::ipunknown;

@@ -60,22 +60,12 @@ constexpr std::uint8_t kRouterTtl = 255;  // unicast to a router that may be hop
 constexpr std::uint8_t kMaxRegisterTos = 184;
 constexpr int kNoSubtype = 255;
 
-const Nimo::IpGenAddr& allPimRouters(Nimo::AddressFamily af) {
-  static const Nimo::IpGenAddr v4("224.0.0.13"), v6("ff02::d");
-  return af == Nimo::AddressFamily::ipv4 ? v4 : v6;
-}
-
-bool isLinkLocal(const Nimo::IpGenAddr& a) {
-  return a.af() == Nimo::AddressFamily::ipv6 && a.bytes()[0] == 0xfe &&
-         (a.bytes()[1] & 0xc0) == 0x80;
-}
-
 // The interface's own address to send from: for IPv6 its first link-local address (PIM
 // over IPv6 speaks link-local, RFC 7761 4.9), for IPv4 its primary address.
 Nimo::IpGenAddr systemSource(const Interface::IntfStatus& s, Nimo::AddressFamily af) {
   if (af == Nimo::AddressFamily::ipv6) {
     for (const auto& a : s.addr)
-      if (isLinkLocal(a.address())) return a.address();
+      if (a.address().isLinkLocal()) return a.address();
   }
   return s.primaryAddr(af);
 }

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "Pim/PimIO.h"
+#include "bench/BenchClock.h"
 #include "tests/PimIOTestUtil.h"
 #include "tests/netns/NetnsUtil.h"
 
@@ -30,16 +31,8 @@ namespace P = Routing::Pim::Packet;
 // CPU time of this thread, system time (the send itself, and the veth's delivery that runs
 // in the sender's context) included: the machine is shared, and wall time would mostly
 // measure the other tenants.
-double cpu() {
-  timespec t;
-  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
+using BenchClock::median;
+using BenchClock::threadCpu;
 
 // A socket double that keeps the first packet it is given and sends nothing.
 class Keep : public Nimo::IpPam {
@@ -151,22 +144,22 @@ int runKind(Nimo::AddressFamily af, bool joinPrune, int count, int rounds) {
       messages.push_back(joinPrune || i == 0 ? makeMessage(af, joinPrune) : messages[0]);
     }
     const std::uint32_t errorsBefore = rig.mgr->txPamCounter()->error();
-    double t0 = cpu();
+    double t0 = threadCpu();
     for (const auto& m : messages) {
       tx->messageIs(m);
       tx->countInc();
     }
-    double t1 = cpu();
+    double t1 = threadCpu();
     if (rig.mgr->txPamCounter()->error() != errorsBefore) {
       std::printf("TxBench: txPkt failed to send; figures void\n");
       return 1;
     }
     txRate.push_back(count / (t1 - t0));
-    t0 = cpu();
+    t0 = threadCpu();
     for (int i = 0; i < count; ++i) {
       bareFailed += ::sendmsg(fd, &msg, 0) != static_cast<ssize_t>(bytes.size());
     }
-    t1 = cpu();
+    t1 = threadCpu();
     bareRate.push_back(count / (t1 - t0));
   }
   if (bareFailed) {

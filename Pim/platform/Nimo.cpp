@@ -37,6 +37,10 @@ std::optional<IpGenAddr> IpGenAddr::parse(std::string_view text) noexcept {
   return std::nullopt;
 }
 
+bool IpGenAddr::isLinkLocal() const noexcept {
+  return af_ == AddressFamily::ipv6 && bytes_[0] == 0xfe && (bytes_[1] & 0xc0) == 0x80;
+}
+
 bool IpGenAddr::isMulticast() const noexcept {
   switch (af_) {
     case AddressFamily::ipv4:

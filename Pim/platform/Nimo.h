@@ -91,8 +91,9 @@ class IpGenAddr {
   std::uint32_t v4Addr() const noexcept { return load32(bytes_.data()); }  // host order
 
   bool isMulticast() const noexcept;
-  bool isZero() const noexcept;  // set, and every byte zero
-  std::string str() const;       // "None" when unset
+  bool isLinkLocal() const noexcept;  // IPv6 fe80::/10
+  bool isZero() const noexcept;       // set, and every byte zero
+  std::string str() const;            // "None" when unset
   std::uint32_t hash() const noexcept;
 
   friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;

@@ -13,11 +13,6 @@ namespace P = Routing::Pim::Packet;
 constexpr double kSweepSeconds = 1.0;
 constexpr std::uint16_t kDefaultNeighborHoldtime = 105;  // a Hello without the option
 
-bool isLinkLocal(const Nimo::IpGenAddr& a) {
-  return a.af() == Nimo::AddressFamily::ipv6 && a.bytes()[0] == 0xfe &&
-         (a.bytes()[1] & 0xc0) == 0x80;
-}
-
 }  // namespace
 
 class FamilyAgent::Reactors {
@@ -136,7 +131,7 @@ std::optional<Nimo::IpGenAddrWithMask> FamilyAgent::primaryOf(
     const Interface::IntfStatus& s) const {
   for (const auto& a : s.addr) {
     if (a.address().af() != af_) continue;
-    if (af_ == Nimo::AddressFamily::ipv6 && !isLinkLocal(a.address())) continue;
+    if (af_ == Nimo::AddressFamily::ipv6 && !a.address().isLinkLocal()) continue;
     return a;
   }
   return std::nullopt;
@@ -194,7 +189,7 @@ void FamilyAgent::sendHello(const Nimo::IntfId& id, std::uint16_t holdtime) {
   h->generationIdIs(it->second.generationId);
   for (const auto& a : s->addr) {
     if (a.address().af() == af_ && a.address() != it->second.primary.address() &&
-        !isLinkLocal(a.address())) {
+        !a.address().isLinkLocal()) {
       h->secondaryAddrIs(a.address(), true);
     }
   }
