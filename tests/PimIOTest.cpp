@@ -856,10 +856,15 @@ TEST(TxRulesTest, EachRuleSendsOrRefusesWithItsCounterAndText) {
       {"Graft", [] { return Kel::Ptr<P::Message>(Kel::Ptr<GraftMessage>::make()); }, "eth1", rp, invalid,
        "TX: Error - Unsupported Pim Message - Type: 6"},
       {"Hello that cannot be written", badHello, "eth1", none, invalid, "TX: Error - Invalid Pim Hello - Write Error"},
+      {"Assert in a boundary", of(5), "eth3", none, MessageCounterType::filtered,
+       "TX: Assert group in Boundary filter - Packet Filtered"},
+      {"Bootstrap in a boundary", of(4), "eth3", none, MessageCounterType::filtered,
+       "TX: Bootstrap: Group in Boundary Filter - Packet Filtered"},
   };
   // clang-format on
   // Sends msg on a fresh rig: eth1 (PIM address 10.7.0.1), eth2 (no address), eth3
-  // (addresses only in the system's status), eth4 (no kernel device).
+  // (addresses only in the system's status, a boundary on 224.0.0.0/4), eth4 (no kernel
+  // device).
   auto run = [&](const Msg& make, const char* intf, const Nimo::IpGenAddr& to,
                  MessageCounterType counter, auto&& check) {
     TxRig t(Nimo::AddressFamily::ipv4);
@@ -869,6 +874,11 @@ TEST(TxRulesTest, EachRuleSendsOrRefusesWithItsCounterAndText) {
     t.rig.dir->intfStatusIs(Nimo::IntfId("eth3")).addr = {Nimo::IpGenAddrWithMask("fe80::3/64"),
                                                           Nimo::IpGenAddrWithMask("10.3.0.1/24")};
     t.rig.dir->intfStatusIs(Nimo::IntfId("eth4"));
+    auto boundary = Kel::Ptr<Nimo::IntfBoundaryStatus>::make();
+    boundary->groupPrefixIs(Nimo::IpGenPrefix("224.0.0.0/4"));
+    auto boundaries = Kel::Ptr<Routing::McastBoundary::Status>::make("boundary");
+    boundaries->softwareBoundaryStatusIs(Kel::Name("eth3"), boundary);
+    t.rig.io->mcastBoundaryStatusIs(boundaries);
     Routing::Pim::IO::ioTrace().levelIs(9);
     Flicklog::CaptureSink capture;
     auto msg = make();
