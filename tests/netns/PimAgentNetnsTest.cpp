@@ -98,14 +98,14 @@ struct ScratchDir {
   std::string path;
 };
 
-// pimshow's JSON for the tables under root.
+// The tables under root as pimshow prints them in JSON.
 nlohmann::json pimshow(const std::string& root, const char* af) {
-  const auto r =
-      runCommand(fmt::format("DROBE_ROOT={} {} --af {} --json", root, PIMSHOW_PATH, af), false);
-  return nlohmann::json::parse(r.out, nullptr, false);
+  return nlohmann::json::parse(
+      runCommand(fmt::format("DROBE_ROOT={} {} --af {} --json", root, PIMSHOW_PATH, af), false).out,
+      nullptr, false);
 }
 
-// The tx or rx success count of (type, all interfaces) in pimshow's JSON.
+// The tx or rx success count of (type, all interfaces); -1 without counters.
 int successes(const nlohmann::json& j, int type, const char* dir) {
   if (!j.is_object() || !j.contains("msgCounter")) return -1;
   for (const auto& c : j["msgCounter"]) {
@@ -117,21 +117,14 @@ int successes(const nlohmann::json& j, int type, const char* dir) {
 }
 
 TEST(PimAgentOptions, BadOptionsExitTwoWithOneLine) {
-  const char* bad[] = {
-      "--af 5",
-      "--hello-interval 0",
-      "--holdtime 70000",
-      "--dr-priority -1",
-      "--join 10.0.0.1,10.0.0.2@10.0.0.3",  // group not multicast
-      "--join 10.0.0.1,232.1.1.1",          // no upstream
-      "--join *,239.1.1.1@10.0.0.3",        // (*,G) without its RP
-      "--join fd00::1,ff3e::1@fd00::2",     // IPv6 join while running IPv4 only
-      "--trace Pim::IO",
-      "--vrf a/b",
-      "--duration",
-      "--bogus",
-      "extra",
-  };
+  // A group that is not multicast, no upstream, (*,G) without its RP, an IPv6 join while
+  // running IPv4 only, and the rest.
+  // clang-format off
+  const char* bad[] = {"--af 5", "--hello-interval 0", "--holdtime 70000", "--dr-priority -1",
+                       "--join 10.0.0.1,10.0.0.2@10.0.0.3", "--join 10.0.0.1,232.1.1.1",
+                       "--join *,239.1.1.1@10.0.0.3", "--join fd00::1,ff3e::1@fd00::2",
+                       "--trace Pim::IO", "--vrf a/b", "--duration", "--bogus", "extra"};
+  // clang-format on
   for (const char* args : bad) {
     SCOPED_TRACE(args);
     const auto r = runCommand(fmt::format("{} {}", PIMAGENT_PATH, args));
