@@ -102,12 +102,12 @@ bool isHandled(MessageType t) {
 // Known to PIM but not processed here: Graft, Graft-Ack (dense mode), State Refresh.
 bool isKnownUnhandled(MessageType t) { return t == 6 || t == 7 || t == 9; }
 
+}  // namespace
+
 const Nimo::IpGenAddr& allPimRouters(Nimo::AddressFamily af) {
   static const Nimo::IpGenAddr v4("224.0.0.13"), v6("ff02::d");
   return af == Nimo::AddressFamily::ipv4 ? v4 : v6;
 }
-
-}  // namespace
 
 Kel::Ptr<RxPktContext> rxPktContextFactory(Kel::Ptr<Nimo::Pkt> pkt, std::uint32_t ifIndex) {
   return Kel::Ptr<RxPktContext>::make(std::move(pkt), ifIndex);
@@ -122,6 +122,8 @@ class IOSm::PamReactor : public Nimo::IpPam::NotifieeConst {
   void onReadableCount() override {
     if (owner_.initialized_) owner_.rxPkt();
   }
+  void onTxPktCount() override { owner_.handleTxSuccess(); }
+  void onTxErrors() override { owner_.handleTxError(); }
 
  private:
   IOSm& owner_;
@@ -164,6 +166,17 @@ class IOSm::StatusReactor : public Routing::Pim::Status::NotifieeConst {
   IOSm& owner_;
 };
 
+class IOSm::TxReactor : public MessageInfo::NotifieeConst {
+ public:
+  explicit TxReactor(IOSm& o) : owner_(o) {}
+  void onCount() override {
+    if (owner_.initialized_) owner_.txPkt();
+  }
+
+ private:
+  IOSm& owner_;
+};
+
 class IOSm::AttrLogReactor : public Kel::NboAttrLog::SocketOutSm::NotifieeConst {
  public:
   explicit AttrLogReactor(IOSm& o) : owner_(o) {}
@@ -185,7 +198,8 @@ IOSm::IOSm(const L3::VrfName& vrf, Ulm::EventLoop& loop)
       pamReactor_(std::make_unique<PamReactor>(*this)),
       intfDirReactor_(std::make_unique<IntfDirReactor>(*this)),
       statusReactor_(std::make_unique<StatusReactor>(*this)),
-      attrLogReactor_(std::make_unique<AttrLogReactor>(*this)) {}
+      attrLogReactor_(std::make_unique<AttrLogReactor>(*this)),
+      txReactor_(std::make_unique<TxReactor>(*this)) {}
 
 IOSm::~IOSm() {
   if (pimPamManager_ && pimPamManager_->pam()) pimPamManager_->pam()->loopIs(nullptr);
@@ -199,11 +213,16 @@ void IOSm::pimPamManagerIs(const Kel::Ptr<PamManager>& m) {
   pimPamManager_ = m;
   pamManagerReactor_->notifierIs(m);
   pamReactor_->notifierIs(m ? m->pam() : nullptr);
+  txReactor_->notifierIs(m ? m->txMessageInfo() : nullptr);
+  txSockTos_.reset();
+  txSockTtl_.reset();
 }
 
 void IOSm::handlePam() {
   const auto& pam = pimPamManager_->pam();
   pamReactor_->notifierIs(pam);
+  txSockTos_.reset();  // a new socket has the kernel's defaults
+  txSockTtl_.reset();
   if (!initialized_ || !pam) return;
   // A new socket has neither the memberships nor the filter of the old one.
   allPimRoutersMember_.clear();

@@ -48,8 +48,28 @@
 // - With no registered message type the filter is the prefix, reject, accept: everything
 //   is rejected.
 //
-// Traces: facility "Pim::IO", lines "<Vrf:<name>> RX: ...". Threading: event-loop thread
-// only; no locks.
+// Transmit (PimIOTx.cpp): the agent fills the manager's txMessageInfo (interface,
+// optional neighborAddr, message) and bumps its count; txPkt writes the message, picks
+// destination (neighborAddr, else all-PIM-routers for Hello, Join/Prune, Bootstrap, Assert
+// and DF Election), source (message, PIM interface, system interface), TTL and TOS by
+// type, builds the IP header when overrideIpHeader is set (IPv4 with DF) or sets TTL/TOS
+// as socket options, and sends on the interface's kernel index.
+// Transmit decisions:
+// - An empty interface id names no interface: no interface checks, the kernel routes.
+// - A source from the system's interface status is, for IPv6, its first link-local
+//   address. With no source at all, IPv6 and header-building sends fail ("TX: Error - No
+//   Source Address - Type: "): the checksum or the header needs it.
+// - The chosen addresses are written into the message (srcIp/dstIp) before the writer
+//   runs, so that the IPv6 checksum covers the addresses the packet leaves with.
+// - A send the socket refuses counts tx/invalid (not success) and the PAM error counter.
+// - A Join/Prune is drained into as many packets as its MTU needs; one whose groups the
+//   boundary took entirely is filtered like one without groups.
+// - A message whose class is not the one its type names is "Invalid Pim Message".
+// - Socket TTL/TOS are set only when they change (multicast and unicast TTL apart).
+// - One transmit buffer of the receive maximum is reused; only the bytes used are cleared.
+//
+// Traces: facility "Pim::IO", lines "<Vrf:<name>> RX: ..." and "TX: ...". Threading:
+// event-loop thread only; no locks.
 //
 // Usage:
 //   auto mgr = pamManagerFactory(vrf, Nimo::AddressFamily::ipv4, "", false);
@@ -82,6 +102,9 @@ extern const Flicklog::LogMessage PIM_MESSAGE_INVALID_VERSION;
 extern const Flicklog::LogMessage PIM_MESSAGE_INVALID_TYPE;
 extern const Flicklog::LogMessage PIM_MESSAGE_INVALID_DESTINATION;
 extern const Flicklog::LogMessage PIM_MESSAGE_UNPROCESSQ_FULL;
+
+// The all-PIM-routers group of the family: 224.0.0.13 or ff02::d.
+const Nimo::IpGenAddr& allPimRouters(Nimo::AddressFamily af);
 
 // The fields of a received IP header that the checks use.
 struct IpHeader {
@@ -318,6 +341,17 @@ class IOSm : public Kel::Entity {
   void incCounter(MessageCounterDirection dir, MessageCounterType ct,
                   const Routing::Pim::Drobe::CounterKey& key);
 
+  // Transmit path (PimIOTx.cpp). txPkt runs on each change of the transmit record's count.
+  void txPkt();
+  void handleTxSuccess();
+  void handleTxError();
+  void doAddIpHeader(const Kel::Ptr<Nimo::Pkt>& pkt, const Nimo::IpGenAddr& src,
+                     const Nimo::IpGenAddr& dst, std::uint8_t ttl, std::uint8_t tos);
+  void doAddIpv4Header(const Kel::Ptr<Nimo::Pkt>& pkt, const Nimo::IpGenAddr& src,
+                       const Nimo::IpGenAddr& dst, std::uint8_t ttl, std::uint8_t tos);
+  void doAddIpv6Header(const Kel::Ptr<Nimo::Pkt>& pkt, const Nimo::IpGenAddr& src,
+                       const Nimo::IpGenAddr& dst, std::uint8_t ttl, std::uint8_t tos);
+
   // Unresolved queue.
   const PimUnresolvedPackets* pimUnresPkt(const NeighborKey& k) const {
     auto it = pimUnresPkt_.find(k);
@@ -335,9 +369,20 @@ class IOSm : public Kel::Entity {
   class IntfDirReactor;
   class StatusReactor;
   class AttrLogReactor;
+  class TxReactor;
+  struct TxState;
 
   std::string prefix() const;
   bool drop(const RxPktContext& ctx, MessageCounterType ct, int subtype = 255);
+  // Transmit helpers (PimIOTx.cpp).
+  bool txFail(TxState& tx, MessageCounterType ct);
+  bool txResolveIntf(TxState& tx);
+  bool txChooseAddresses(TxState& tx);
+  bool txWriteAndSend(TxState& tx);
+  bool txSend(TxState& tx, std::uint32_t len);
+  bool txSocketOption(bool tos, std::uint8_t value, bool multicast);
+  Kel::Ptr<Nimo::Pkt> txBuffer();
+
   // Posts msg in its type's slot; false (traced, counted) if the slot is missing.
   bool post(Packet::MessageType type, int subtype, const Kel::Ptr<Packet::Message>& msg,
             const Nimo::IntfId& intf, const Nimo::IpGenAddr& src);
@@ -382,6 +427,14 @@ class IOSm : public Kel::Entity {
   std::unique_ptr<IntfDirReactor> intfDirReactor_;
   std::unique_ptr<StatusReactor> statusReactor_;
   std::unique_ptr<AttrLogReactor> attrLogReactor_;
+
+  // Transmit state: the reused buffer, the TTL and TOS last set on the socket (header
+  // not built here) and the last send's description for the outcome traces.
+  std::unique_ptr<TxReactor> txReactor_;
+  Kel::Ptr<Nimo::Pkt> txBuf_;
+  std::optional<std::uint8_t> txSockTos_, txSockTtl_;
+  bool txSockTtlMulticast_ = false;
+  std::string txLast_;
 };
 
 Kel::Ptr<IOSm> iOSmFactory(const L3::VrfName& vrf, Ulm::EventLoop& loop);

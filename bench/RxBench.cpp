@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Pim/PimIO.h"
+#include "bench/BenchClock.h"
 #include "tests/netns/NetnsUtil.h"
 
 namespace {
@@ -36,21 +37,9 @@ void pin(int cpu) {
   ::sched_setaffinity(0, sizeof set, &set);
 }
 
-double threadCpu() {
-  timespec t;
-  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
-}
-double wall() {
-  timespec t;
-  ::clock_gettime(CLOCK_MONOTONIC, &t);
-  return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
+using BenchClock::median;
+using BenchClock::threadCpu;
+using BenchClock::wall;
 
 Bytes hello(const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst) {
   Routing::Pim::Packet::HelloMessage h;

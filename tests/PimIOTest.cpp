@@ -7,9 +7,11 @@
 
 #include <deque>
 #include <functional>
+#include <map>
 
 #include "fuzz/FuzzInput.h"
 #include "tests/PimIOTestUtil.h"
+#include "tools/pimdump/Samples.h"
 
 namespace {
 
@@ -44,12 +46,26 @@ class FakePam : public Nimo::IpPam {
       memberships.push_back(fmt::format("{} {} {}", option, ifIndex, len));
       return membershipErrno;
     }
+    if (len == sizeof(int))
+      plainOptions.emplace_back(level, option, *static_cast<const int*>(value));
     return 0;
   }
   int applyRxFilter() override {
     ++applied;
     return 0;
   }
+  struct Sent {
+    Bytes bytes;
+    Nimo::IpGenAddr src, dst;
+    std::uint32_t flags, ifIndex;
+  };
+  bool txPkt(const Kel::Ptr<Nimo::Pkt>& p) override {
+    sent.push_back({bytesOf(*p, p->size()), txSrcIpAddr(), txDstIpAddr(), txFlags(), txIfIndex()});
+    return txOk;
+  }
+  std::vector<Sent> sent;
+  std::vector<std::tuple<int, int, int>> plainOptions;  // (level, option, value)
+  bool txOk = true;
   void push(const Bytes& b, std::uint32_t ifIndex) { queue.emplace_back(pkt(b), ifIndex); }
 
   std::deque<std::pair<Kel::Ptr<Nimo::Pkt>, std::uint32_t>> queue;
@@ -642,6 +658,292 @@ TEST_F(UnresolvedQueueTest, FloodOfSpoofedSourcesStaysWithinTheTotalBound) {
   const std::uint32_t queued = static_cast<std::uint32_t>(rig.io->pimUnresPktSize());
   EXPECT_GT(queued, 0u);
   EXPECT_EQ(queued + rig.rx(3, "eth1", MessageCounterType::invalid), std::uint32_t(n));
+}
+
+// ---------------------------------------------------------------------------------------
+// Transmit path.
+
+namespace P = Routing::Pim::Packet;
+
+// The IP header the manager must build, field by field.
+Bytes expectedHeader(const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst, std::uint8_t ttl,
+                     std::uint8_t tos, std::size_t pimLen) {
+  Bytes h;
+  if (src.af() == Nimo::AddressFamily::ipv4) {
+    const std::size_t total = 20 + pimLen;
+    h = {0x45, tos, std::uint8_t(total >> 8), std::uint8_t(total), 0, 0, 0x40, 0, ttl, 103, 0, 0};
+    h.insert(h.end(), src.bytes(), src.bytes() + 4);
+    h.insert(h.end(), dst.bytes(), dst.bytes() + 4);
+    const std::uint16_t c = refChecksum(h);
+    h[10] = std::uint8_t(c >> 8);
+    h[11] = std::uint8_t(c);
+  } else {
+    h = {std::uint8_t(0x60 | tos >> 4), std::uint8_t(tos << 4), 0,   0,
+         std::uint8_t(pimLen >> 8),     std::uint8_t(pimLen),   103, ttl};
+    h.insert(h.end(), src.bytes(), src.bytes() + 16);
+    h.insert(h.end(), dst.bytes(), dst.bytes() + 16);
+  }
+  return h;
+}
+
+struct TxRig {
+  explicit TxRig(Nimo::AddressFamily af, bool overrideIpHeader = true, const char* name = "tx")
+      : rig(af, Kel::Ptr<Kel::ManualClock>::make(), "", name, overrideIpHeader),
+        fake(Kel::Ptr<FakePam>::make(af)) {
+    rig.mgr->pamIs(fake);
+    rig.intf("eth1", 7);
+    for (int type : {0, 1, 2, 3, 4, 5, 8, 10}) rig.mgr->rxMessageInfoIs(std::uint8_t(type));
+    rig.start();
+  }
+  // The message of a sample packet, as the agent receives it on eth1 (its source made a
+  // neighbour first, so that nothing waits in a queue).
+  Kel::Ptr<P::Message> received(const Bytes& ip) {
+    const bool v6 = (ip[0] >> 4) == 6;
+    Bytes h = ip;  // a view needs writable bytes
+    rig.status->activeNeighborIs(
+        {Nimo::IntfId("eth1"), v6 ? Nimo::Ipv6Hdr(h.data()).src() : Nimo::Ipv4Hdr(h.data()).src()},
+        105);
+    fake->push(ip, 7);
+    rig.io->rxPkt();
+    return rig.mgr->rxMessageInfo(ip[v6 ? 40 : 20] & 0x0f)->message();
+  }
+  DrobeRoot root;
+  IoRig rig;
+  Kel::Ptr<FakePam> fake;
+};
+
+// Every sample message, both families: the manager writes it back byte for byte behind
+// the header it builds, with the type's destination, TTL and TOS, on the interface.
+class TxSampleTest : public ::testing::TestWithParam<Nimo::AddressFamily> {};
+
+TEST_P(TxSampleTest, EverySampleIsWrittenBehindItsHeaderAndCounted) {
+  const bool v6 = GetParam() == Nimo::AddressFamily::ipv6;
+  TxRig t(GetParam());
+  const std::uint32_t hl = v6 ? 40 : 20;
+  // TTL and TOS by type (the data Register's inner packet has TTL 1 and TOS 0xc0).
+  struct Rule {
+    bool unicast;
+    std::uint8_t ttl, tos;
+  };
+  const std::map<int, Rule> rules = {
+      {0, {false, 1, 192}},  {1, {true, 1, 184}},   {2, {true, 255, 192}},
+      {3, {false, 1, 192}},  {4, {false, 1, 192}},  {5, {false, 1, 192}},
+      {8, {true, 255, 192}}, {10, {false, 1, 192}}, {-1, {true, 255, 192}}};  // -1: Null-Register
+  int expectedDf = 0;
+  for (const Bytes& ip : PimDump::sampleMessages(v6)) {
+    auto msg = t.received(ip);
+    ASSERT_TRUE(msg) << toHex(ip);
+    const Nimo::IpGenAddr src = msg->srcIp(), dst = msg->dstIp();
+    const bool isNull =
+        msg->messageType() == 1 && !static_cast<P::RegisterMessage&>(*msg).rcvdPkt();
+    const Rule& r = rules.at(isNull ? -1 : msg->messageType());
+    SCOPED_TRACE(fmt::format("type {} null {}", msg->messageType(), isNull));
+    ASSERT_EQ(dst.isMulticast(), !r.unicast);
+    t.fake->sent.clear();
+    t.rig.send(msg, "eth1", r.unicast ? dst : Nimo::IpGenAddr());
+    ASSERT_EQ(t.fake->sent.size(), 1u);
+    const auto& out = t.fake->sent[0];
+    const Bytes body(ip.begin() + hl, ip.end());
+    Bytes expected = expectedHeader(src, dst, r.ttl, r.tos, body.size());
+    expected.insert(expected.end(), body.begin(), body.end());
+    EXPECT_EQ(toHex(out.bytes), toHex(expected));
+    EXPECT_EQ(out.dst, dst);
+    EXPECT_EQ(out.src, src);
+    EXPECT_EQ(out.flags, Nimo::IpPam::kTxFlagIfIndex);
+    EXPECT_EQ(out.ifIndex, 7u);
+    if (msg->messageType() == 10) {
+      ++expectedDf;
+      EXPECT_EQ(t.rig.tx(10, "eth1", MessageCounterType::success, msg->messageSubtype()), 1u);
+    }
+  }
+  EXPECT_EQ(t.rig.tx(1, "eth1", MessageCounterType::success), 2u);
+  EXPECT_EQ(t.rig.tx(10, "", MessageCounterType::success), std::uint32_t(expectedDf));
+  EXPECT_EQ(t.rig.mgr->txPamCounter()->count(), 12u);
+  EXPECT_EQ(t.rig.mgr->txPamCounter()->processed(), 12u);
+  EXPECT_EQ(t.rig.mgr->txPamCounter()->error(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, TxSampleTest,
+                         ::testing::Values(Nimo::AddressFamily::ipv4, Nimo::AddressFamily::ipv6),
+                         [](const auto& i) {
+                           return i.param == Nimo::AddressFamily::ipv4 ? "IPv4" : "IPv6";
+                         });
+
+// A message of a type without a writer.
+struct GraftMessage : P::Message {
+  GraftMessage() : P::Message(Nimo::PimMessageType::pimGraft) {}
+  void print(std::ostream& os) const override { os << "Graft"; }
+};
+
+// The transmit rules one row each: what is sent (destination, TTL, TOS, source) or which
+// counter and trace line a refusal leaves.
+TEST(TxRulesTest, EachRuleSendsOrRefusesWithItsCounterAndText) {
+  const auto samples = PimDump::sampleMessages(false);
+  TxRig decoder(Nimo::AddressFamily::ipv4, true, "decoder");
+  auto sample = [&](int type, bool null = false) {
+    for (const Bytes& ip : samples) {
+      auto m = decoder.received(ip);
+      if (m->messageType() != type) continue;
+      if (type == 1 && null != !static_cast<P::RegisterMessage&>(*m).rcvdPkt()) continue;
+      return m;
+    }
+    return Kel::Ptr<P::Message>();
+  };
+  // A data Register whose inner IPv4 header carries ttl and tos.
+  auto registerWith = [&](std::uint8_t ttl, std::uint8_t tos) {
+    auto m = sample(1);
+    auto& inner = *static_cast<P::RegisterMessage&>(*m).rcvdPkt();
+    inner.writableData(0)[1] = tos;
+    inner.writableData(0)[8] = ttl;
+    return m;
+  };
+  auto unsourced = [&](int type) {
+    auto m = sample(type);
+    m->srcIpIs({});
+    return m;
+  };
+  auto zeroGroups = [&] {
+    auto m = Kel::Ptr<P::JoinPruneMessage>::make();
+    m->joinPruneDataIs(Kel::Ptr<Routing::Pim::JoinPruneData>::make());
+    return Kel::Ptr<P::Message>(m);
+  };
+  auto badHello = [&] {
+    auto m = sample(0);
+    static_cast<P::HelloMessage&>(*m).secondaryAddrIs(Nimo::IpGenAddr("fe80::9"), true);
+    return m;
+  };
+  const Nimo::IpGenAddr none, rp("10.9.9.9"), all("224.0.0.13"), pimIntf("10.7.0.1");
+  using Msg = std::function<Kel::Ptr<P::Message>()>;
+  auto of = [&](int type) -> Msg { return [&sample, type] { return sample(type); }; };
+  // What goes out: destination, source (unset: the message's own), TTL, TOS.
+  struct Sent {
+    const char* name;
+    Msg msg;
+    const char* intf;
+    Nimo::IpGenAddr to, dst, src;
+    int ttl, tos;
+  };
+  // clang-format off
+  const Sent sentRows[] = {
+      {"inner TTL 0, TOS 0xE0", [&] { return registerWith(0, 0xe0); }, "eth1", rp, rp, {}, 255, 184},
+      {"inner TTL 64, TOS 0x20", [&] { return registerWith(64, 0x20); }, "eth1", rp, rp, {}, 64, 0x20},
+      {"Null-Register", [&] { return sample(1, true); }, "eth1", rp, rp, {}, 255, 192},
+      {"Bootstrap unicast", of(4), "eth1", rp, rp, {}, 1, 192},
+      {"Bootstrap without address", of(4), "eth1", none, all, {}, 1, 192},
+      {"source of the PIM interface", [&] { return unsourced(0); }, "eth1", none, all, pimIntf, 1, 192},
+      {"source of the system interface", [&] { return unsourced(0); }, "eth3", none, all,
+       Nimo::IpGenAddr("10.3.0.1"), 1, 192},
+      {"no interface: the kernel routes", of(2), "", rp, rp, {}, 255, 192},
+  };
+  // What refuses to go, with the counter and trace it leaves.
+  struct Refused {
+    const char* name;
+    Msg msg;
+    const char* intf;
+    Nimo::IpGenAddr to;
+    MessageCounterType counter;
+    const char* trace;
+  };
+  const auto invalid = MessageCounterType::invalid;
+  const Refused refusedRows[] = {
+      {"Register-Stop without address", of(2), "eth1", none, invalid, "TX: Error - Unknown Pim Destination - Type: 2"},
+      {"C-RP-Adv without address", of(8), "eth1", none, invalid, "TX: Error - Unknown Pim Destination - Type: 8"},
+      {"Join/Prune without groups", zeroGroups, "eth1", none, MessageCounterType::filtered,
+       "TX: Filtered - Pim Join/Prune - Zero Groups"},
+      {"unknown interface", of(0), "eth9", none, invalid, "TX: Error - Invalid Interface - Id: eth9"},
+      {"no kernel device", of(0), "eth4", none, invalid, "TX: Error - Invalid Kernel Interface - Id: eth4"},
+      {"no source anywhere", [&] { return unsourced(0); }, "eth2", none, invalid, "TX: Error - No Source Address - Type: 0"},
+      {"Graft", [] { return Kel::Ptr<P::Message>(Kel::Ptr<GraftMessage>::make()); }, "eth1", rp, invalid,
+       "TX: Error - Unsupported Pim Message - Type: 6"},
+      {"Hello that cannot be written", badHello, "eth1", none, invalid, "TX: Error - Invalid Pim Hello - Write Error"},
+      {"Assert in a boundary", of(5), "eth3", none, MessageCounterType::filtered,
+       "TX: Assert group in Boundary filter - Packet Filtered"},
+      {"Bootstrap in a boundary", of(4), "eth3", none, MessageCounterType::filtered,
+       "TX: Bootstrap: Group in Boundary Filter - Packet Filtered"},
+  };
+  // clang-format on
+  // Sends msg on a fresh rig: eth1 (PIM address 10.7.0.1), eth2 (no address), eth3
+  // (addresses only in the system's status, a boundary on 224.0.0.0/4), eth4 (no kernel
+  // device).
+  auto run = [&](const Msg& make, const char* intf, const Nimo::IpGenAddr& to,
+                 MessageCounterType counter, auto&& check) {
+    TxRig t(Nimo::AddressFamily::ipv4);
+    t.rig.status->intfIs(Nimo::IntfId("eth1"), false, pimIntf);
+    t.rig.intf("eth2", 8);
+    t.rig.intf("eth3", 9);
+    t.rig.dir->intfStatusIs(Nimo::IntfId("eth3")).addr = {Nimo::IpGenAddrWithMask("fe80::3/64"),
+                                                          Nimo::IpGenAddrWithMask("10.3.0.1/24")};
+    t.rig.dir->intfStatusIs(Nimo::IntfId("eth4"));
+    auto boundary = Kel::Ptr<Nimo::IntfBoundaryStatus>::make();
+    boundary->groupPrefixIs(Nimo::IpGenPrefix("224.0.0.0/4"));
+    auto boundaries = Kel::Ptr<Routing::McastBoundary::Status>::make("boundary");
+    boundaries->softwareBoundaryStatusIs(Kel::Name("eth3"), boundary);
+    t.rig.io->mcastBoundaryStatusIs(boundaries);
+    Routing::Pim::IO::ioTrace().levelIs(9);
+    Flicklog::CaptureSink capture;
+    auto msg = make();
+    ASSERT_TRUE(msg);
+    t.rig.send(msg, intf, to);
+    Routing::Pim::IO::ioTrace().levelIs(0);
+    EXPECT_EQ(t.rig.tx(msg->messageType(), "", counter), 1u);
+    EXPECT_EQ(t.rig.mgr->txPamCounter()->count(), 1u);
+    check(t, *msg, capture);
+  };
+  for (const Sent& row : sentRows) {
+    SCOPED_TRACE(row.name);
+    run(row.msg, row.intf, row.to, MessageCounterType::success,
+        [&](TxRig& t, const P::Message& msg, const Flicklog::CaptureSink&) {
+          ASSERT_EQ(t.fake->sent.size(), 1u);
+          const Bytes& b = t.fake->sent[0].bytes;
+          EXPECT_EQ(t.fake->sent[0].dst, row.dst);
+          EXPECT_EQ(
+              toHex(Bytes(b.begin(), b.begin() + 20)),
+              toHex(expectedHeader(row.src.isSet() ? row.src : msg.srcIp(), row.dst,
+                                   std::uint8_t(row.ttl), std::uint8_t(row.tos), b.size() - 20)));
+          EXPECT_EQ(t.fake->sent[0].flags, row.intf[0] ? Nimo::IpPam::kTxFlagIfIndex : 0u);
+        });
+  }
+  for (const Refused& row : refusedRows) {
+    SCOPED_TRACE(row.name);
+    run(row.msg, row.intf, row.to, row.counter,
+        [&](TxRig& t, const P::Message&, const Flicklog::CaptureSink& capture) {
+          EXPECT_TRUE(t.fake->sent.empty());
+          EXPECT_EQ(t.rig.mgr->txPamCounter()->error(), 1u);
+          bool traced = false;
+          for (const auto& l : capture.lines()) traced = traced || l.text.ends_with(row.trace);
+          EXPECT_TRUE(traced) << row.trace;
+        });
+  }
+
+  // No message at all: only the socket's counters know.
+  TxRig t(Nimo::AddressFamily::ipv4);
+  t.rig.send(nullptr, "eth1");
+  EXPECT_EQ(t.rig.mgr->txPamCounter()->count(), 1u);
+  EXPECT_EQ(t.rig.mgr->txPamCounter()->error(), 1u);
+  EXPECT_TRUE(t.fake->sent.empty());
+}
+
+// Without header building TTL and TOS go on the socket, once per change; the multicast
+// and unicast TTLs are separate options.
+TEST(TxRulesTest, SocketOptionsCarryTtlAndTosWhenTheKernelBuildsTheHeader) {
+  TxRig t(Nimo::AddressFamily::ipv4, false);
+  const auto samples = PimDump::sampleMessages(false);
+  t.rig.send(t.received(samples[0]), "eth1");                               // Hello
+  t.rig.send(t.received(samples[0]), "eth1");                               // again: nothing new
+  t.rig.send(t.received(samples[3]), "eth1", Nimo::IpGenAddr("10.1.0.2"));  // Register-Stop
+  using O = std::tuple<int, int, int>;
+  EXPECT_THAT(t.fake->plainOptions,
+              ElementsAreArray({O{IPPROTO_IP, IP_TOS, 192}, O{IPPROTO_IP, IP_MULTICAST_TTL, 1},
+                                O{IPPROTO_IP, IP_TTL, 255}}));
+  ASSERT_EQ(t.fake->sent.size(), 3u);
+  EXPECT_EQ(t.fake->sent[0].bytes[0], 0x20);  // no IP header: the PIM header first
+  // A failed send is counted, and the next one goes out as usual.
+  t.fake->txOk = false;
+  t.rig.send(t.received(samples[0]), "eth1");
+  t.fake->txOk = true;
+  t.rig.send(t.received(samples[0]), "eth1");
+  EXPECT_EQ(t.rig.tx(0, "eth1", MessageCounterType::invalid), 1u);
+  EXPECT_EQ(t.rig.tx(0, "eth1", MessageCounterType::success), 3u);
 }
 
 }  // namespace

@@ -88,7 +88,8 @@ class DrobeRoot {
 // The platform status and the I/O machine of one VRF and family.
 struct IoRig {
   explicit IoRig(Nimo::AddressFamily af, Kel::Ptr<Kel::Clock> clk,
-                 const Nimo::NamespaceName& netNs = "", const std::string& counterName = "rig")
+                 const Nimo::NamespaceName& netNs = "", const std::string& counterName = "rig",
+                 bool overrideIpHeader = false)
       : clock(std::move(clk)),
         loop(clock),
         vrf("default"),
@@ -99,7 +100,7 @@ struct IoRig {
         svc(Kel::Ptr<Acl::ServiceAclFilterSm>::make("svc", acls)),
         counters(Routing::Pim::Drobe::messageCountersFactory(
             Routing::Pim::Drobe::MessageCounters::mountPath(af, vrf, counterName))),
-        mgr(Routing::Pim::IO::pamManagerFactory(vrf, af, netNs, false)),
+        mgr(Routing::Pim::IO::pamManagerFactory(vrf, af, netNs, overrideIpHeader)),
         io(Routing::Pim::IO::iOSmFactory(vrf, loop)) {
     EXPECT_TRUE(counters->mountWriter());
   }
@@ -126,12 +127,31 @@ struct IoRig {
     dir->intfStatusNotify(Nimo::IntfId(id));
     if (pim) status->intfIs(Nimo::IntfId(id));
   }
-  // Count of counter type ct, rx, at key (type, 255, intf).
+  // Count of counter type ct, rx (or tx), at key (type, subtype, intf).
   std::uint32_t rx(std::uint8_t type, const char* intf, Routing::Pim::IO::MessageCounterType ct,
                    std::uint8_t subtype = 255) const {
     auto d =
         counters->msgCounter(Routing::Pim::Drobe::CounterKey(type, subtype, Nimo::IntfId(intf)));
     return d ? d->rxMsgCounter().count(ct) : 0;
+  }
+  std::uint32_t tx(std::uint8_t type, const char* intf, Routing::Pim::IO::MessageCounterType ct,
+                   std::uint8_t subtype = 255) const {
+    auto d =
+        counters->msgCounter(Routing::Pim::Drobe::CounterKey(type, subtype, Nimo::IntfId(intf)));
+    return d ? d->txMsgCounter().count(ct) : 0;
+  }
+  // Posts msg on the transmit record (dst unset: the type's default destination).
+  void send(const Kel::Ptr<Routing::Pim::Packet::Message>& msg, const char* intf,
+            const Nimo::IpGenAddr& dst = {}) {
+    const auto& t = mgr->txMessageInfo();
+    t->intfIdIs(Nimo::IntfId(intf));
+    t->neighborAddrIs(dst);
+    if (msg) {
+      t->messageIs(msg);
+    } else {
+      t->messageDel();
+    }
+    t->countInc();
   }
 
   Kel::Ptr<Kel::Clock> clock;

@@ -148,6 +148,9 @@ void NetlinkIntfStatusSm::resync() {
     auto it = byIndex.find(rtnl_addr_get_ifindex(a));
     nl_addr* local = rtnl_addr_get_local(a);
     if (it == byIndex.end() || !local) continue;
+    // An address still in duplicate detection (or failed it) cannot be sent from yet; it
+    // appears when the kernel reports it usable.
+    if (rtnl_addr_get_flags(a) & (IFA_F_TENTATIVE | IFA_F_DADFAILED)) continue;
     const int family = nl_addr_get_family(local);
     const unsigned len = nl_addr_get_len(local);
     if (!((family == AF_INET && len == 4) || (family == AF_INET6 && len == 16))) continue;

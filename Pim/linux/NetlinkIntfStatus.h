@@ -13,7 +13,8 @@
 // renamed device is a new interface: the old id disappears and the new one appears.
 //
 // Addresses: every IPv4 and IPv6 address of the device with its prefix length, in the
-// kernel's order (primary first).
+// kernel's order (primary first), except those still in (or failed) duplicate address
+// detection: nothing can be sent from them yet.
 //
 // Traces: facility "Pim::Linux". Threading: event-loop thread only.
 //

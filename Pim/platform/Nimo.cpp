@@ -37,6 +37,10 @@ std::optional<IpGenAddr> IpGenAddr::parse(std::string_view text) noexcept {
   return std::nullopt;
 }
 
+bool IpGenAddr::isLinkLocal() const noexcept {
+  return af_ == AddressFamily::ipv6 && bytes_[0] == 0xfe && (bytes_[1] & 0xc0) == 0x80;
+}
+
 bool IpGenAddr::isMulticast() const noexcept {
   switch (af_) {
     case AddressFamily::ipv4:
@@ -240,6 +244,14 @@ bool Pkt::sizeIs(std::uint32_t size) {
     std::memset(sharedBuffer_->bytes + tail_, 0, newTail - tail_);
   }
   tail_ = newTail;
+  updateSharedIovec();
+  return true;
+}
+
+bool Pkt::sizeIsUncleared(std::uint32_t size) {
+  if (isShared()) return sizeIs(size);
+  if (std::uint64_t{head_} + size > capacity()) return false;
+  tail_ = head_ + size;
   updateSharedIovec();
   return true;
 }

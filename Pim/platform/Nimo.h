@@ -91,8 +91,9 @@ class IpGenAddr {
   std::uint32_t v4Addr() const noexcept { return load32(bytes_.data()); }  // host order
 
   bool isMulticast() const noexcept;
-  bool isZero() const noexcept;  // set, and every byte zero
-  std::string str() const;       // "None" when unset
+  bool isLinkLocal() const noexcept;  // IPv6 fe80::/10
+  bool isZero() const noexcept;       // set, and every byte zero
+  std::string str() const;            // "None" when unset
   std::uint32_t hash() const noexcept;
 
   friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
@@ -233,6 +234,9 @@ class Pkt : public Kel::PtrInterface {
 
   // Grows or shrinks the packet at its tail (growth uses tail room, zero-filled).
   bool sizeIs(std::uint32_t size);
+  // As sizeIs, but growth does not clear the bytes grown over: for a reused buffer whose
+  // owner keeps them clear itself (a shared buffer is still copied first, and cleared).
+  bool sizeIsUncleared(std::uint32_t size);
   // Grows the packet at its head by n bytes of head room; false if there is too little.
   bool prepend(std::uint32_t n);
 

@@ -123,6 +123,85 @@ TEST_P(PimIONetnsTest, SocketVariantsTakeTheirOptions) {
   }
 }
 
+// A sending rig in A on its veth, whose PIM interface has primary address src.
+std::unique_ptr<IoRig> senderRig(const NetnsPair& pair, Nimo::AddressFamily af, bool buildHeader,
+                                 const Nimo::IpGenAddr& src) {
+  auto r =
+      std::make_unique<IoRig>(af, Kel::Ptr<Kel::SystemClock>::make(), pair.a, "txrig", buildHeader);
+  r->intf(pair.vethA.c_str(), pair.ifIndexA);
+  r->status->intfIs(Nimo::IntfId(pair.vethA), false, src);
+  r->start();
+  return r;
+}
+
+Kel::Ptr<Routing::Pim::Packet::HelloMessage> hello() {
+  auto h = Kel::Ptr<Routing::Pim::Packet::HelloMessage>::make();
+  h->holdTimeOptionIs(true);
+  h->holdTimeIs(105);
+  return h;
+}
+
+// A data Register too large for the link: the header says DF, so the kernel refuses it;
+// the refusal is traced and counted, and the next message goes out as usual.
+TEST_P(PimIONetnsTest, RegisterLargerThanTheMtuFailsAloneWithDontFragment) {
+  auto tx = senderRig(*pair, GetParam(), true, src);
+  const Nimo::IpGenAddr group(v6 ? "ff3e::9" : "232.9.9.9");
+  Bytes inner(1600);
+  if (v6) {
+    Nimo::Ipv6Hdr(inner.data()).build(0, 1560, 17, 64, src, group);
+  } else {
+    Nimo::Ipv4Hdr(inner.data()).build(0, 1600, 64, 17, src, group);
+  }
+  auto reg = Kel::Ptr<Routing::Pim::Packet::RegisterMessage>::make();
+  reg->rcvdPktIs(pkt(inner));
+  Routing::Pim::IO::ioTrace().levelIs(1);
+  Flicklog::CaptureSink capture;
+  tx->send(reg, pair->vethA.c_str(), Nimo::IpGenAddr(v6 ? "fd77::2" : "10.77.0.2"));
+  Routing::Pim::IO::ioTrace().levelIs(0);
+  const char* intf = pair->vethA.c_str();
+  EXPECT_EQ(tx->tx(1, intf, MessageCounterType::invalid), 1u);
+  EXPECT_EQ(tx->tx(1, intf, MessageCounterType::success), 0u);
+  EXPECT_EQ(tx->mgr->txPamCounter()->error(), 1u);
+  ASSERT_FALSE(capture.lines().empty());
+  EXPECT_THAT(capture.lines().back().text, ::testing::EndsWith(" failed to send."));
+
+  tx->send(hello(), intf);
+  EXPECT_EQ(tx->tx(0, intf, MessageCounterType::success), 1u);
+  ASSERT_TRUE(until([&] { return rig->mgr->rxMessageInfo(0)->count() == 1; }));
+  EXPECT_EQ(rig->mgr->rxMessageInfo(0)->neighborAddr(), src);
+}
+
+// Two link-local addresses on A's veth: whichever is the PIM interface's address is the
+// source the Hello leaves with, and its checksum (which covers the source) holds at B, with
+// the kernel building the header or the manager.
+TEST(PimIONetnsTest6, ChecksumCoversTheLinkLocalSourceThePacketLeavesWith) {
+  if (!isRoot()) GTEST_SKIP() << "needs root (network namespaces, raw sockets)";
+  DrobeRoot root;
+  NetnsPair pair("pll");
+  ASSERT_TRUE(pair.ok);
+  for (const char* a : {"fe80::a1", "fe80::a2"}) {
+    ASSERT_EQ(sh(fmt::format("ip -n {} addr add {}/64 dev {} nodad", pair.a, a, pair.vethA)), 0);
+  }
+  IoRig b(Nimo::AddressFamily::ipv6, Kel::Ptr<Kel::SystemClock>::make(), pair.b);
+  b.intf(pair.vethB.c_str(), pair.ifIndexB);
+  b.mgr->rxMessageInfoIs(0);
+  b.start();
+  const auto& info = b.mgr->rxMessageInfo(0);
+  std::uint32_t expected = 0;
+  for (bool buildHeader : {false, true}) {
+    for (const char* a : {"fe80::a2", "fe80::a1"}) {
+      SCOPED_TRACE(fmt::format("{} header built {}", a, buildHeader));
+      auto tx = senderRig(pair, Nimo::AddressFamily::ipv6, buildHeader, Nimo::IpGenAddr(a));
+      tx->send(hello(), pair.vethA.c_str());
+      ++expected;
+      for (int i = 0; i < 200 && info->count() < expected; ++i) b.loop.runOnce(0.01);
+      ASSERT_EQ(info->count(), expected);
+      EXPECT_EQ(info->neighborAddr(), Nimo::IpGenAddr(a));
+    }
+  }
+  EXPECT_EQ(b.rx(0, pair.vethB.c_str(), MessageCounterType::invalid), 0u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Families, PimIONetnsTest,
                          ::testing::Values(Nimo::AddressFamily::ipv4, Nimo::AddressFamily::ipv6),
                          [](const auto& i) {
