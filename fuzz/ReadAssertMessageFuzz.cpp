@@ -1,21 +1,13 @@
 // Fuzz target: AssertMessage::readAssertMessage; an accepted Assert must write back to the
 // same body bytes.
-#include <cstring>
-
 #include "Pim/PimMessage.h"
-#include "fuzz/FuzzInput.h"
+#include "fuzz/ReadRoundTrip.h"
 
 std::uint32_t PimFuzz::readAssertMessage(const std::uint8_t* data, std::size_t size) {
+  using Routing::Pim::Packet::AssertMessage;
   auto in = decode(data, size);
-  if (!in) return 0;
-  auto rx = Kel::Ptr<Routing::Pim::Packet::AssertMessage>::make();
-  rx->srcIpIs(in->srcIp), rx->dstIpIs(in->dstIp);
-  std::uint32_t n = rx->readAssertMessage(in->pkt, in->offset);
-  if (n == 0) return 0;
-  auto out = Nimo::Pkt::create(n);
-  check(rx->writeAssertMessage(out, 0) == n, "accepted Assert does not write");
-  check(std::memcmp(out->data(4, n - 4), in->pkt->data(in->offset + 4, n - 4), n - 4) == 0,
-        "rewritten Assert differs");
-  return n;
+  return in ? roundTrip<AssertMessage>(*in, {"Assert", &AssertMessage::readAssertMessage,
+                                             &AssertMessage::writeAssertMessage, true})
+            : 0;
 }
 PIM_FUZZ_ENTRY(PimFuzz::readAssertMessage)

@@ -1,20 +1,11 @@
 // Fuzz target: EncodedGroupAddress::readGroupAddress; what it reads, if the writer takes
 // it (a unicast group it refuses), must write back to the same bytes.
-#include <cstring>
-
 #include "Pim/PimMessage.h"
-#include "fuzz/FuzzInput.h"
+#include "fuzz/ReadRoundTrip.h"
 
 std::uint32_t PimFuzz::readGroupAddress(const std::uint8_t* data, std::size_t size) {
-  auto in = decode(data, size);
-  if (!in) return 0;
-  Routing::Pim::Packet::EncodedGroupAddress a;
-  std::uint32_t n = a.readGroupAddress(in->pkt, in->offset);
-  if (n == 0) return 0;
-  (void)a.valid();
-  auto out = Nimo::Pkt::create(n);
-  if (a.writeGroupAddress(out, 0) == 0) return n;
-  check(std::memcmp(out->data(0, n), in->pkt->data(in->offset, n), n) == 0, "rewrite differs");
-  return n;
+  using Routing::Pim::Packet::EncodedGroupAddress;
+  return addressRoundTrip<EncodedGroupAddress>(data, size, &EncodedGroupAddress::readGroupAddress,
+                                               &EncodedGroupAddress::writeGroupAddress);
 }
 PIM_FUZZ_ENTRY(PimFuzz::readGroupAddress)

@@ -1,20 +1,12 @@
 // Fuzz target: EncodedSourceAddress::readSourceAddress; what it reads, if the writer takes
 // it (a multicast source it refuses), must write back to the same bytes.
-#include <cstring>
-
 #include "Pim/PimMessage.h"
-#include "fuzz/FuzzInput.h"
+#include "fuzz/ReadRoundTrip.h"
 
 std::uint32_t PimFuzz::readSourceAddress(const std::uint8_t* data, std::size_t size) {
-  auto in = decode(data, size);
-  if (!in) return 0;
-  Routing::Pim::Packet::EncodedSourceAddress a;
-  std::uint32_t n = a.readSourceAddress(in->pkt, in->offset);
-  if (n == 0) return 0;
-  (void)a.valid();
-  auto out = Nimo::Pkt::create(n);
-  if (a.writeSourceAddress(out, 0) == 0) return n;
-  check(std::memcmp(out->data(0, n), in->pkt->data(in->offset, n), n) == 0, "rewrite differs");
-  return n;
+  using Routing::Pim::Packet::EncodedSourceAddress;
+  return addressRoundTrip<EncodedSourceAddress>(data, size,
+                                                &EncodedSourceAddress::readSourceAddress,
+                                                &EncodedSourceAddress::writeSourceAddress);
 }
 PIM_FUZZ_ENTRY(PimFuzz::readSourceAddress)

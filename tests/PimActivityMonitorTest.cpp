@@ -150,34 +150,16 @@ TEST_F(MonitorTest, KernelBranches) {
     const char* text;
   };
   const P::PimKernelStats s(10, 1000, 0);
+  const char* const kHas = "isActiveInKernel4(), route (10.0.0.1, 232.1.1.1) has kernel activity.";
+  // clang-format off
   const Row rows[] = {
-      {"unchanged", s, s, 0, false,
-       "isActiveInKernel4(), route (10.0.0.1, 232.1.1.1) has no kernel activity."},
-      {"grew",
-       s,
-       {12, 1200, 0},
-       0,
-       true,
-       "isActiveInKernel4(), route (10.0.0.1, 232.1.1.1) has kernel activity."},
-      {"restarted from zero",
-       s,
-       {3, 300, 0},
-       0,
-       true,
-       "isActiveInKernel4(), route (10.0.0.1, 232.1.1.1) has kernel activity."},
-      {"wrong interface only",
-       s,
-       {11, 1100, 1},
-       0,
-       true,
-       "isActiveInKernel4(), route (10.0.0.1, 232.1.1.1) has kernel activity."},
-      {"no entry",
-       s,
-       {},
-       99,
-       false,
-       "isActiveInKernel4(), Unable to get stats ( error = 99 ) for route (10.0.0.1, 232.1.1.1)"},
+      {"unchanged", s, s, 0, false, "isActiveInKernel4(), route (10.0.0.1, 232.1.1.1) has no kernel activity."},
+      {"grew", s, {12, 1200, 0}, 0, true, kHas},
+      {"restarted from zero", s, {3, 300, 0}, 0, true, kHas},
+      {"wrong interface only", s, {11, 1100, 1}, 0, true, kHas},
+      {"no entry", s, {}, 99, false, "isActiveInKernel4(), Unable to get stats ( error = 99 ) for route (10.0.0.1, 232.1.1.1)"},
   };
+  // clang-format on
   for (const Row& r : rows) {
     capture_.clear();
     stats_ = r.now;

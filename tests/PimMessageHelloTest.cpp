@@ -284,17 +284,12 @@ TEST_F(HelloReadTest, RealRouterHellos) {
 // Writer
 
 TEST(HelloRoundTrip, EveryCombinationOfOptions) {
-  for (bool v6 : {false, true}) {
+  for (const Family* f : {&kV4, &kV6}) {
     for (unsigned mask = 0; mask <= kAllOptions; ++mask) {
-      auto tx = hello(v6);
-      setOptions(*tx, mask, mask, v6);
-      auto p = Nimo::Pkt::create(600);
-      const std::uint32_t n = tx->writeHelloMessage(p, 0);
-      ASSERT_GT(n, 0u) << mask;
-      p->sizeIs(n);
-      auto rx = hello(v6);
-      ASSERT_EQ(rx->readHelloMessage(p, 0), n) << mask;
-      EXPECT_EQ(*rx, *tx) << "mask " << mask << (v6 ? " IPv6" : " IPv4");
+      auto tx = message<HelloMessage>(*f);
+      setOptions(*tx, mask, mask, f->v6);
+      roundTrip(*f, *tx, &HelloMessage::readHelloMessage, &HelloMessage::writeHelloMessage,
+                "mask " + std::to_string(mask));
     }
   }
 }
