@@ -99,3 +99,11 @@ class Status : public Kel::Entity {
 };
 
 }  // namespace Routing::McastBoundary
+
+// ---------------------------------------------------------------------------------------
+// Unicast RIBs: route and FEC records with their writers (routing/Fib.h), the prefix trie
+// (routing/Trie.h) and the readers' shadow of a RIB (routing/Shadow.h); the multicast
+// forwarding configuration (Routing::Multicast::Fib::Config, in routing/Fib.h).
+#include "Pim/platform/routing/Fib.h"
+#include "Pim/platform/routing/Shadow.h"
+#include "Pim/platform/routing/Trie.h"
