@@ -163,11 +163,14 @@ template <Nimo::AddressFamily F>
 struct FecPartGen {
   FecKey fecKey;
   std::uint32_t viaCount = 0;  // vias of the whole FEC
+  // Keeps the via array 8-aligned: g++ 12's __builtin_clear_padding (run by every Drobe
+  // commit) zeroes the first via's family byte when the array starts at offset 12.
+  std::uint32_t reserved = 0;
   ViaGen<F> via[kViasPerPart] = {};
 
-  static constexpr auto kFields = std::make_tuple(Kel::field("fecKey", &FecPartGen::fecKey),
-                                                  Kel::field("viaCount", &FecPartGen::viaCount),
-                                                  Kel::field("via", &FecPartGen::via));
+  static constexpr auto kFields = std::make_tuple(
+      Kel::field("fecKey", &FecPartGen::fecKey), Kel::field("viaCount", &FecPartGen::viaCount),
+      Kel::field("reserved", &FecPartGen::reserved), Kel::field("via", &FecPartGen::via));
   const FecKey& key() const noexcept { return fecKey; }
   friend bool operator==(const FecPartGen& a, const FecPartGen& b) noexcept {
     return std::memcmp(&a, &b, sizeof a) == 0;
