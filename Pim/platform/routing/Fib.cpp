@@ -53,8 +53,10 @@ std::optional<std::uint32_t> FecWriterGen<F>::acquire(std::span<const Via> vias)
     ++byId_[it->second].refs;
     return it->second;
   }
-  while (nextId_ == 0 || byId_.count(nextId_)) ++nextId_;
-  const std::uint32_t id = nextId_++;
+  // The id comes from the content, so that a restarted writer republishing the same routes
+  // gives them the same records (its readers resync without a notice per route).
+  auto id = static_cast<std::uint32_t>(ViasHash()(key));
+  while (id == 0 || byId_.count(id)) ++id;
   const auto count = static_cast<std::uint32_t>(vias.size());
   const std::uint32_t parts = (count + kViasPerPart - 1) / kViasPerPart;
   for (std::uint32_t p = 0; p < parts; ++p) {

@@ -31,7 +31,9 @@
 //   table first.
 // - A FEC never changes. A set of vias is a FEC id, found by content (the vias sorted and
 //   de-duplicated), so a million routes over a few next-hop sets share a few FECs, and a
-//   route whose next hops change gets a new record (another FEC id).
+//   route whose next hops change gets a new record (another FEC id). The id is a hash of
+//   the content (the next free one on a collision), so a restarted writer publishing the
+//   same routes publishes the same records.
 // - A FEC that no route names any more is deleted only grace seconds after it was last
 //   released (checked at each commit), so a reader between its route fetch and its FEC
 //   fetch never misses it.
@@ -226,7 +228,6 @@ class FecWriterGen : public Kel::PtrInterface {
   std::unordered_map<std::vector<Via>, std::uint32_t, ViasHash> byContent_;
   std::unordered_map<std::uint32_t, Fec> byId_;
   std::vector<std::uint32_t> unreferenced_;  // ids whose refs dropped to 0, oldest first
-  std::uint32_t nextId_ = 1;
   std::uint64_t refused_ = 0;
 };
 
