@@ -71,7 +71,8 @@ class TrieGen : public Kel::Entity {
 
   // Inserts or updates (the prefix is masked). The change made, or nullopt when the prefix
   // was present with an equal payload, or is of the other family.
-  std::optional<TrieChange> insert(const Nimo::IpGenPrefix& prefix, const Payload& payload);
+  std::optional<TrieChange> insert(const Nimo::IpGenPrefix& prefix, const Payload& payload,
+                                   const Entry** at = nullptr);
   bool remove(const Nimo::IpGenPrefix& prefix);
   void clear();
 
@@ -261,11 +262,13 @@ void TrieGen<P>::indexErase(std::uint32_t slot) {
 }
 
 template <typename P>
-std::optional<TrieChange> TrieGen<P>::insert(const Nimo::IpGenPrefix& prefix, const P& payload) {
+std::optional<TrieChange> TrieGen<P>::insert(const Nimo::IpGenPrefix& prefix, const P& payload,
+                                             const Entry** where) {
   if (prefix.af() != af_) return std::nullopt;
   const Nimo::IpGenPrefix p = prefix.masked();
   if (const std::uint32_t at = indexFind(p); at != ~0u) {
     Entry& e = entries_[index_[at] - 1];
+    if (where) *where = &e;
     if (e.payload == payload) return std::nullopt;
     e.payload = payload;
     notify(p, TrieChange::updated);
@@ -284,6 +287,7 @@ std::optional<TrieChange> TrieGen<P>::insert(const Nimo::IpGenPrefix& prefix, co
   }
   indexInsert(id);
   ++live_;
+  if (where) *where = &entries_[id];
   const std::uint32_t v = id + 1;
   const std::uint8_t len = p.maskLen();
   const std::uint8_t* b = p.address().bytes();
@@ -369,18 +373,22 @@ template <typename P>
 const typename TrieGen<P>::Entry* TrieGen<P>::longestMatch(const Nimo::IpGenAddr& addr) const {
   if (addr.af() != af_) return nullptr;
   const std::uint8_t* b = addr.bytes();
-  std::uint32_t best = 0, n = 0;
-  for (std::uint32_t d = 0; d < levels_; ++d) {
-    const std::uint32_t e = nodes_[n].slot[b[d]];
-    if (e & kChild) {
-      n = e & ~kChild;
-      if (nodes_[n].inherit) best = nodes_[n].inherit;
-      continue;
-    }
-    if (e) best = e;
-    break;
+  // One dependent read per level: a child's header (the parent slot's prefix, on another
+  // cache line) is read only when no deeper slot answers, walking back up.
+  std::uint32_t path[16];
+  std::uint32_t depth = 0, n = 0, e = 0;
+  while (depth < levels_) {
+    e = nodes_[n].slot[b[depth]];
+    if (!(e & kChild)) break;
+    n = e & ~kChild;
+    path[depth++] = n;
   }
-  return best ? &entries_[best - 1] : nullptr;
+  if (!(e & kChild) && e) return &entries_[e - 1];
+  while (depth > 0) {
+    const std::uint32_t inherit = nodes_[path[--depth]].inherit;
+    if (inherit) return &entries_[inherit - 1];
+  }
+  return nullptr;
 }
 
 template <typename P>
