@@ -84,9 +84,9 @@ class StatusGen : public Kel::Entity {
     Route r;
     switch (table_->findStatus(k, r)) {
       case Drobe::FindStatus::found: {
-        const typename Trie::Entry* e = nullptr;
-        trie_->insert(k, r, &e);
-        mark(e);
+        std::uint32_t id = 0;
+        trie_->insert(k, r, &id);
+        mark(id);
         break;
       }
       case Drobe::FindStatus::absent:
@@ -96,9 +96,7 @@ class StatusGen : public Kel::Entity {
         break;  // its commit's notice follows
     }
   }
-  void mark(const typename Trie::Entry* e) {
-    if (!e) return;
-    const std::uint32_t id = trie_->entryId(e);
+  void mark(std::uint32_t id) {
     if (id >= seen_.size()) seen_.resize(std::max<std::size_t>(id + 1, seen_.size() * 2), 0);
     seen_[id] = epoch_;
   }
@@ -131,9 +129,9 @@ class StatusGen : public Kel::Entity {
       }
       const Route r = *scan_;
       ++scan_;
-      const typename Trie::Entry* e = nullptr;
-      trie_->insert(r.prefix, r, &e);
-      mark(e);
+      std::uint32_t id = 0;
+      trie_->insert(r.prefix, r, &id);
+      mark(id);
       if (++done && full()) return yield(spent());
     }
     while (phase_ == Phase::sweep) {

@@ -37,6 +37,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -46,6 +47,32 @@
 namespace Routing {
 
 enum class TrieChange : std::uint8_t { added, updated, deleted };
+
+// A growable array in fixed chunks: growth never moves what is there, so a big table grows
+// without a long copy inside one event-loop callback, and holds at most one spare chunk.
+template <typename T, std::uint32_t kChunkBits>
+class ChunkVec {
+ public:
+  static constexpr std::uint32_t kChunk = 1u << kChunkBits;
+  T& operator[](std::uint32_t i) noexcept { return chunks_[i >> kChunkBits][i & (kChunk - 1)]; }
+  const T& operator[](std::uint32_t i) const noexcept {
+    return chunks_[i >> kChunkBits][i & (kChunk - 1)];
+  }
+  std::uint32_t size() const noexcept { return size_; }
+  std::size_t capacity() const noexcept { return chunks_.size() * std::size_t{kChunk}; }
+  void push_back(const T& v) {
+    if (size_ == capacity()) chunks_.emplace_back(new T[kChunk]());
+    (*this)[size_++] = v;
+  }
+  void clear() {
+    chunks_.clear();
+    size_ = 0;
+  }
+
+ private:
+  std::vector<std::unique_ptr<T[]>> chunks_;
+  std::uint32_t size_ = 0;
+};
 
 template <typename Payload>
 class TrieGen : public Kel::Entity {
@@ -71,8 +98,9 @@ class TrieGen : public Kel::Entity {
 
   // Inserts or updates (the prefix is masked). The change made, or nullopt when the prefix
   // was present with an equal payload, or is of the other family.
+  // *id (when given) receives the entry's id.
   std::optional<TrieChange> insert(const Nimo::IpGenPrefix& prefix, const Payload& payload,
-                                   const Entry** at = nullptr);
+                                   std::uint32_t* id = nullptr);
   bool remove(const Nimo::IpGenPrefix& prefix);
   void clear();
 
@@ -98,9 +126,6 @@ class TrieGen : public Kel::Entity {
   bool quiet() const noexcept { return quiet_; }
 
   // Entry ids are stable while the prefix is present, below entryIdEnd().
-  std::uint32_t entryId(const Entry* e) const noexcept {
-    return static_cast<std::uint32_t>(e - entries_.data());
-  }
   std::uint32_t entryIdEnd() const noexcept { return static_cast<std::uint32_t>(entries_.size()); }
   // The entry of that id, or null if free.
   const Entry* entry(std::uint32_t id) const noexcept {
@@ -137,9 +162,9 @@ class TrieGen : public Kel::Entity {
 
   Nimo::AddressFamily af_;
   std::uint32_t levels_;
-  std::vector<Node> nodes_;
+  ChunkVec<Node, 6> nodes_;
   std::vector<std::uint32_t> freeNodes_;
-  std::vector<Entry> entries_;
+  ChunkVec<Entry, 10> entries_;
   std::vector<std::uint8_t> used_;
   std::vector<std::uint32_t> freeEntries_;
   std::vector<std::uint32_t> index_;  // entry id + 1, 0 empty; size a power of two
@@ -159,7 +184,8 @@ TrieGen<P>::TrieGen(Kel::Name name, Nimo::AddressFamily af)
 
 template <typename P>
 void TrieGen<P>::clear() {
-  nodes_.assign(1, Node{});
+  nodes_.clear();
+  nodes_.push_back(Node{});
   freeNodes_.clear();
   entries_.clear();
   used_.clear();
@@ -263,12 +289,12 @@ void TrieGen<P>::indexErase(std::uint32_t slot) {
 
 template <typename P>
 std::optional<TrieChange> TrieGen<P>::insert(const Nimo::IpGenPrefix& prefix, const P& payload,
-                                             const Entry** where) {
+                                             std::uint32_t* idOut) {
   if (prefix.af() != af_) return std::nullopt;
   const Nimo::IpGenPrefix p = prefix.masked();
   if (const std::uint32_t at = indexFind(p); at != ~0u) {
     Entry& e = entries_[index_[at] - 1];
-    if (where) *where = &e;
+    if (idOut) *idOut = index_[at] - 1;
     if (e.payload == payload) return std::nullopt;
     e.payload = payload;
     notify(p, TrieChange::updated);
@@ -287,7 +313,7 @@ std::optional<TrieChange> TrieGen<P>::insert(const Nimo::IpGenPrefix& prefix, co
   }
   indexInsert(id);
   ++live_;
-  if (where) *where = &entries_[id];
+  if (idOut) *idOut = id;
   const std::uint32_t v = id + 1;
   const std::uint8_t len = p.maskLen();
   const std::uint8_t* b = p.address().bytes();
