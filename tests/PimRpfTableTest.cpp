@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "Pim/PimRpfTable.h"
+#include "tests/PimIOTestUtil.h"
 
 namespace {
 
@@ -39,8 +40,6 @@ namespace V6 = Routing6::Fib;
 class RpfTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_ = fmt::format("/dev/shm/rpftest.{}", ::getpid());
-    ::setenv("DROBE_ROOT", root_.c_str(), 1);
     const std::string p4 = Routing::ribMountPath(Nimo::AddressFamily::ipv4, "default");
     const std::string p6 = Routing::ribMountPath(Nimo::AddressFamily::ipv6, "default");
     fec_ = V4::FecWriter::create(p4, "fec", 1 << 12, clock_);
@@ -80,11 +79,7 @@ class RpfTest : public ::testing::Test {
     turn();
     trace().levelIs(8);
   }
-  void TearDown() override {
-    trace().levelIs(0);
-    std::error_code ec;
-    std::filesystem::remove_all(root_, ec);
-  }
+  void TearDown() override { trace().levelIs(0); }
   static Flicklog::Facility& trace() { return Flicklog::facility("PimRpfTable"); }
   void nbr(const char* intf, const char* addr) {
     status_->activeNeighborIs({IntfId(intf), IpGenAddr(addr)}, 105);
@@ -129,7 +124,7 @@ class RpfTest : public ::testing::Test {
     return false;
   }
 
-  std::string root_;
+  PimTest::DrobeRoot root_;
   Kel::Ptr<Kel::ManualClock> clock_ = Kel::Ptr<Kel::ManualClock>::make();
   Ulm::EventLoop loop_{clock_};
   Kel::Ptr<V4::FecWriter> fec_, mcFec_;

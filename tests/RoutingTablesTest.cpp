@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "Pim/platform/Routing.h"
+#include "tests/PimIOTestUtil.h"
 
 namespace {
 
@@ -26,15 +27,7 @@ constexpr const char* kPath = "routing/rib/test";
 
 class RoutingTablesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    root_ = fmt::format("/dev/shm/ribtest.{}", ::getpid());
-    ::setenv("DROBE_ROOT", root_.c_str(), 1);
-  }
-  void TearDown() override {
-    std::error_code ec;
-    std::filesystem::remove_all(root_, ec);
-  }
-  std::string root_;
+  PimTest::DrobeRoot root_;
   Kel::Ptr<Kel::ManualClock> clock_ = Kel::Ptr<Kel::ManualClock>::make();
   Ulm::EventLoop loop_{clock_};
 };

@@ -146,6 +146,17 @@ class TrieGen : public Kel::Entity {
   }
   void setLeaf(std::uint32_t n, std::uint32_t s, std::uint32_t v) noexcept;
   std::uint32_t allocNode(std::uint32_t inherit);
+  // The node that holds masked prefix p (or would), ~0u when its path stops above it.
+  std::uint32_t nodeOf(const Nimo::IpGenPrefix& p) const noexcept {
+    const std::uint8_t* b = p.address().bytes();
+    std::uint32_t n = 0;
+    for (std::uint32_t k = 0, d = depthOf(p.maskLen()); k < d; ++k) {
+      const std::uint32_t e = nodes_[n].slot[b[k]];
+      if (!(e & kChild)) return ~0u;
+      n = e & ~kChild;
+    }
+    return n;
+  }
   std::uint8_t lenOf(std::uint32_t v) const noexcept { return entries_[v - 1].prefix.maskLen(); }
   // The slot range of a prefix in its node.
   static void spanOf(const Nimo::IpGenPrefix& p, std::uint32_t& base, std::uint32_t& span);
@@ -456,14 +467,8 @@ template <typename P>
 bool TrieGen<P>::longerRoutePresent(const Nimo::IpGenPrefix& prefix) const {
   if (prefix.af() != af_) return false;
   const Nimo::IpGenPrefix p = prefix.masked();
-  const std::uint8_t* b = p.address().bytes();
-  const std::uint32_t d = depthOf(p.maskLen());
-  std::uint32_t n = 0;
-  for (std::uint32_t k = 0; k < d; ++k) {
-    const std::uint32_t e = nodes_[n].slot[b[k]];
-    if (!(e & kChild)) return false;
-    n = e & ~kChild;
-  }
+  const std::uint32_t n = nodeOf(p);
+  if (n == ~0u) return false;
   std::uint32_t base, span;
   spanOf(p, base, span);
   for (std::uint32_t s = base; s < base + span; ++s) {
@@ -540,17 +545,11 @@ template <typename Fn>
 void TrieGen<P>::preOrderWalk(const Nimo::IpGenPrefix& under, Fn&& fn) const {
   if (under.af() != af_) return;
   const Nimo::IpGenPrefix p = under.masked();
-  const std::uint8_t* b = p.address().bytes();
-  const std::uint32_t d = depthOf(p.maskLen());
-  std::uint32_t n = 0;
-  for (std::uint32_t k = 0; k < d; ++k) {
-    const std::uint32_t e = nodes_[n].slot[b[k]];
-    if (!(e & kChild)) return;
-    n = e & ~kChild;
-  }
+  const std::uint32_t n = nodeOf(p);
+  if (n == ~0u) return;
   std::uint32_t base, span;
   spanOf(p, base, span);
-  walkNode(n, d, base, base + span, fn);
+  walkNode(n, depthOf(p.maskLen()), base, base + span, fn);
 }
 
 template <typename P>
