@@ -71,7 +71,7 @@ Kel::Ptr<IntfBoundary> intfBoundaryFactory(
 
 IntfBoundary McastBoundary::intfBoundary(const Nimo::IntfId& intfId) const {
   Kel::Ptr<const Nimo::IntfBoundaryStatus> s;
-  if (boundaryStatus_) s = boundaryStatus_->softwareBoundaryStatus(std::string(intfId.name()));
+  if (boundaryStatus_) s = boundaryStatus_->softwareBoundaryStatus(intfId.name());
   return IntfBoundary(std::move(s));
 }
 

@@ -213,6 +213,10 @@ struct MountInfo {
 
 enum class LookupStatus { Absent, Found, Corrupt };
 
+// A reader's answer for one key: a slot being rewritten is neither present nor absent (a
+// caller that would treat absence as news waits for the commit's notice instead).
+enum class FindStatus { absent, found, changing };
+
 template <typename V>
 struct Lookup {
   LookupStatus status = LookupStatus::Absent;
@@ -377,6 +381,8 @@ class Reader : public Kel::PtrInterface {
   bool mounted() const noexcept { return core_.mounted(); }
   // A copy of k's record; nullopt if absent, unmounted, or being rewritten right now.
   std::optional<V> find(const K& k) const;
+  // As find(), telling a slot that is being rewritten apart from an absent key.
+  FindStatus findStatus(const K& k, V& out) const;
   // Calls fn(const V&) for each stable live record.
   template <typename F>
   void forEach(F&& fn) const;
@@ -921,17 +927,28 @@ requires TableKey<K> && TableValue<V, K> Reader<K, V>::~Reader() = default;
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K> std::optional<V> Reader<K, V>::find(const K& k)
 const {
-  if (!core_.mounted()) return std::nullopt;
+  V v;
+  if (findStatus(k, v) != FindStatus::found) return std::nullopt;
+  return v;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K> FindStatus Reader<K, V>::findStatus(const K& k, V& out)
+const {
+  if (!core_.mounted()) return FindStatus::absent;
   const std::uint32_t h = static_cast<std::uint32_t>(k.hash());
   const std::uint32_t slots = core_.layout().slotCount;
   std::uint32_t i = detail::homeSlot(h, slots);
   detail::SlotBody<V> b;
   for (std::uint32_t n = 0; n < slots; ++n, i = detail::nextSlot(i, slots)) {
-    if (!detail::readSlot(core_.slot(i), b)) return std::nullopt;  // changing: notice follows
-    if (b.state == detail::kSlotEmpty) return std::nullopt;
-    if (b.state == detail::kSlotLive && b.hash == h && b.value.key() == k) return b.value;
+    if (!detail::readSlot(core_.slot(i), b)) return FindStatus::changing;  // notice follows
+    if (b.state == detail::kSlotEmpty) return FindStatus::absent;
+    if (b.state == detail::kSlotLive && b.hash == h && b.value.key() == k) {
+      out = b.value;
+      return FindStatus::found;
+    }
   }
-  return std::nullopt;
+  return FindStatus::absent;
 }
 
 template <typename K, typename V>

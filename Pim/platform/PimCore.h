@@ -661,9 +661,21 @@ class Status : public Kel::Entity {
       notifiees_.forEach([&](NotifieeConst& n) { n.onActiveNeighbor(k); });
   }
 
+  // Neighbour secondary addresses (Hello Address List): (interface, secondary) -> the
+  // neighbour's primary address. Next hops learned from routing may name a secondary.
+  const Nimo::IpGenAddr* neighborSecondary(const ActiveNeighborKey& k) const {
+    auto it = secondary_.find(k);
+    return it == secondary_.end() ? nullptr : &it->second;
+  }
+  void neighborSecondaryIs(const ActiveNeighborKey& k, const Nimo::IpGenAddr& primary) {
+    secondary_[k] = primary;
+  }
+  void neighborSecondaryDel(const ActiveNeighborKey& k) { secondary_.erase(k); }
+
  private:
   std::map<Nimo::IntfId, Intf> intf_;
   std::map<ActiveNeighborKey, std::uint16_t> neighbor_;
+  std::map<ActiveNeighborKey, Nimo::IpGenAddr> secondary_;
   Kel::NotifieeList<NotifieeConst> notifiees_;
 };
 
@@ -718,6 +730,47 @@ inline std::ostream& operator<<(std::ostream& os, const RouteKey& k) {
     os << k.source();
   }
   return os << ", " << k.group() << ')';
+}
+
+}  // namespace Routing::Pim
+
+// RPF records exchanged between the RPF engines and the agents.
+//
+// - RpfRib: the RIB an answer came from (unicast U, multicast M; the multicast-specific
+//   RIB answers as M too).
+// - Rpf: interface, neighbour, matched prefix, metric, preference, target, RIB. An empty
+//   Rpf has preference 1.
+// Text form: Value('Routing::Pim::Rpf', ** {'rpfIntf': ..., ...}), parsed back by the
+// (begin, end) constructor.
+namespace Routing::Pim {
+
+enum class RpfRib : std::uint8_t { none = 0, U = 1, M = 2 };
+inline std::span<const std::string_view> enumNames(RpfRib) noexcept {
+  static constexpr std::string_view kNames[] = {"none", "U", "M"};
+  return kNames;
+}
+
+struct Rpf {
+  static constexpr std::string_view kTypeName = "Routing::Pim::Rpf";
+  Nimo::IntfId rpfIntf;
+  Nimo::IpGenAddr rpfNeighbor;
+  Nimo::IpGenPrefix prefix;
+  std::uint32_t metric = 0;
+  std::uint8_t preference = 1;
+  Nimo::IpGenAddr target;
+  RpfRib rib = RpfRib::none;
+
+  static constexpr auto kFields = std::make_tuple(
+      Kel::field("rpfIntf", &Rpf::rpfIntf), Kel::field("rpfNeighbor", &Rpf::rpfNeighbor),
+      Kel::field("prefix", &Rpf::prefix), Kel::field("metric", &Rpf::metric),
+      Kel::field("preference", &Rpf::preference), Kel::field("target", &Rpf::target),
+      Kel::field("rib", &Rpf::rib));
+  Rpf() = default;
+  Rpf(const char* begin, const char* end) { Kel::parseValue(begin, end, *this); }
+  friend bool operator==(const Rpf&, const Rpf&) = default;
+};
+inline std::ostream& operator<<(std::ostream& os, const Rpf& r) {
+  return os << Kel::valueToStrep(r);
 }
 
 }  // namespace Routing::Pim

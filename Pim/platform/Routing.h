@@ -74,15 +74,28 @@ class Status : public Kel::Entity {
 
   explicit Status(Kel::Name name) : Kel::Entity(std::move(name)) {}
 
+  // Ordered by name; also searchable by a string_view, so that a query per RPF via does not
+  // build a string.
+  struct NameLess {
+    using is_transparent = void;
+    static std::string_view view(const Kel::Name& n) noexcept { return n.str(); }
+    static std::string_view view(std::string_view s) noexcept { return s; }
+    template <typename A, typename B>
+    bool operator()(const A& a, const B& b) const noexcept {
+      return view(a) < view(b);
+    }
+  };
+  using BoundaryMap = std::map<Kel::Name, Kel::Ptr<Nimo::IntfBoundaryStatus>, NameLess>;
+
   // The interface's boundary, or null when it has none.
-  Kel::Ptr<Nimo::IntfBoundaryStatus> softwareBoundaryStatus(const Kel::Name& intf) const {
+  Kel::Ptr<Nimo::IntfBoundaryStatus> softwareBoundaryStatus(std::string_view intf) const {
     auto it = softwareBoundaryStatus_.find(intf);
     return it == softwareBoundaryStatus_.end() ? nullptr : it->second;
   }
-  const std::map<Kel::Name, Kel::Ptr<Nimo::IntfBoundaryStatus>>& softwareBoundaryStatus()
-      const noexcept {
-    return softwareBoundaryStatus_;
+  Kel::Ptr<Nimo::IntfBoundaryStatus> softwareBoundaryStatus(const Kel::Name& intf) const {
+    return softwareBoundaryStatus(std::string_view(intf.str()));
   }
+  const BoundaryMap& softwareBoundaryStatus() const noexcept { return softwareBoundaryStatus_; }
   void softwareBoundaryStatusIs(const Kel::Name& intf, Kel::Ptr<Nimo::IntfBoundaryStatus> s) {
     auto& slot = softwareBoundaryStatus_[intf];
     if (slot == s) return;
@@ -97,7 +110,7 @@ class Status : public Kel::Entity {
   void notify(const Kel::Name& intf) {
     notifiees_.forEach([&](NotifieeConst& n) { n.onSoftwareBoundaryStatus(intf); });
   }
-  std::map<Kel::Name, Kel::Ptr<Nimo::IntfBoundaryStatus>> softwareBoundaryStatus_;
+  BoundaryMap softwareBoundaryStatus_;
   Kel::NotifieeList<NotifieeConst> notifiees_;
 };
 
@@ -352,3 +365,10 @@ inline std::ostream& operator<<(std::ostream& os, const RouteKey& k) {
 }
 
 }  // namespace Routing::Multicast::Fib::Hardware
+
+// Unicast RIBs: route and FEC records with their writers (routing/Fib.h), the prefix trie
+// (routing/Trie.h) and the readers' shadow of a RIB (routing/Shadow.h); the multicast
+// forwarding configuration (Routing::Multicast::Fib::Config, in routing/Fib.h).
+#include "Pim/platform/routing/Fib.h"
+#include "Pim/platform/routing/Shadow.h"
+#include "Pim/platform/routing/Trie.h"
