@@ -507,6 +507,11 @@ class IpPam : public Kel::Entity {
   std::uint64_t readableCount() const noexcept { return readableCount_; }
   void readableCountInc();
 
+  // The largest packet rxPkt() takes (for IPv4 with its header, for IPv6 without the one
+  // rxPkt() adds); a longer one is dropped and counted in rxErrors().
+  std::uint32_t maxRxPktData() const noexcept { return maxRxPktData_; }
+  void maxRxPktDataIs(std::uint32_t n);
+
   // The next packet, or null when none is waiting (or on error, counted).
   virtual Kel::Ptr<Pkt> rxPkt();
   std::uint32_t rxIfIndex() const noexcept { return rxIfIndex_; }
@@ -548,6 +553,7 @@ class IpPam : public Kel::Entity {
   std::vector<BpfInsn> rxFilter_;
   Ulm::EventLoop* loop_ = nullptr;
   std::uint64_t readableCount_ = 0;
+  std::uint32_t maxRxPktData_ = kMaxRxPktData;
   std::vector<std::uint8_t> rxBuffer_;
   IpGenAddr txSrc_;
   IpGenAddr txDst_;
