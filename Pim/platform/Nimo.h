@@ -251,7 +251,9 @@ class Pkt : public Kel::PtrInterface {
 
  private:
   struct Buffer : Kel::PtrInterface {
-    explicit Buffer(std::uint32_t cap) : bytes(new std::uint8_t[cap]()), capacity(cap) {}
+    // Unzeroed for a caller that writes every byte at once (a copy).
+    Buffer(std::uint32_t cap, bool zeroed)
+        : bytes(zeroed ? new std::uint8_t[cap]() : new std::uint8_t[cap]), capacity(cap) {}
     ~Buffer() override { delete[] bytes; }
     Buffer(const Buffer&) = delete;
     Buffer& operator=(const Buffer&) = delete;
@@ -259,6 +261,8 @@ class Pkt : public Kel::PtrInterface {
     std::uint32_t capacity;
   };
   Pkt() = default;
+  static Kel::Ptr<Pkt> make(std::uint32_t size, std::uint32_t headroom, std::uint32_t tailroom,
+                            bool zeroed);
   std::uint32_t capacity() const noexcept { return sharedBuffer_ ? sharedBuffer_->capacity : 0; }
   void unshare();
 
