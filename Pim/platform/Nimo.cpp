@@ -295,53 +295,29 @@ void Pkt::updateSharedIovec() {
 }
 
 // ---------------------------------------------------------------------------------------
-// Checksums. Native-order 64-bit words summed with end-around carry into a 64-bit
-// accumulator, folded and byte-swapped once at the end (RFC 1071 section 2: byte-order
-// independence; 2^64 - 1 is a multiple of 0xffff, so the fold gives the 16-bit sum).
-
-namespace {
-
-std::uint64_t addCarry(std::uint64_t a, std::uint64_t b) noexcept {
-  a += b;
-  return a + (a < b);
-}
-
-}  // namespace
+// Checksums. Native-order 32-bit words summed into a 64-bit accumulator, folded and
+// byte-swapped once at the end (RFC 1071 section 2: byte-order independence).
 
 std::uint64_t checksumAdd(std::uint64_t acc, const void* data, std::size_t len) noexcept {
   auto p = static_cast<const std::uint8_t*>(data);
-  // Four independent sums and carry counts: the adds do not wait on one another.
-  std::uint64_t s[4] = {}, c[4] = {};
   while (len >= 32) {
     std::uint64_t w[4];
     std::memcpy(w, p, 32);
-    for (int i = 0; i < 4; ++i) {
-      s[i] += w[i];
-      c[i] += s[i] < w[i];
-    }
+    for (std::uint64_t x : w) acc += (x & 0xffffffffu) + (x >> 32);
     p += 32;
     len -= 32;
   }
-  while (len >= 8) {
-    std::uint64_t w;
-    std::memcpy(&w, p, 8);
-    s[0] += w;
-    c[0] += s[0] < w;
-    p += 8;
-    len -= 8;
-  }
-  std::uint64_t tail = 0;
-  if (len >= 4) {
+  while (len >= 4) {
     std::uint32_t w;
     std::memcpy(&w, p, 4);
-    tail += w;
+    acc += w;
     p += 4;
     len -= 4;
   }
   if (len >= 2) {
     std::uint16_t w;
     std::memcpy(&w, p, 2);
-    tail += w;
+    acc += w;
     p += 2;
     len -= 2;
   }
@@ -350,10 +326,9 @@ std::uint64_t checksumAdd(std::uint64_t acc, const void* data, std::size_t len) 
     // first byte in memory of that word.
     std::uint16_t w = 0;
     std::memcpy(&w, p, 1);
-    tail += w;
+    acc += w;
   }
-  for (int i = 0; i < 4; ++i) acc = addCarry(addCarry(acc, s[i]), c[i]);
-  return addCarry(acc, tail);
+  return acc;
 }
 
 std::uint16_t checksumFold(std::uint64_t acc) noexcept {
