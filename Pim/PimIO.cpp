@@ -275,6 +275,7 @@ void IOSm::initializedIs(bool i) {
 
 void IOSm::handleInitialized() {
   KEL_ASSERT(pimPamManager_);
+  if (pimPamManager_->pam()) pimPamManager_->pam()->maxRxPktDataIs(kMaxRxPktData);
   FLICK_TRACE(ioTrace(), 4, "{} Enabling Pam {}", prefix(), vrf_.name());
   handleInterface();
   mcastBoundaryStatusIs(mcastBoundaryStatus_);

@@ -232,6 +232,7 @@ class IOSm : public Kel::Entity {
   static constexpr double unresTimeoutDefault = 5.0;
   static constexpr std::uint64_t unresMaxBytesDefault = 64ull << 20;
   static constexpr double loopQuantumDefault = 0.010;
+  // The socket's maxRxPktData from the start: any IP packet.
   static constexpr std::uint32_t kMaxRxPktData = 65535;
   // Charges against unresMaxBytes beyond four bytes per wire byte.
   static constexpr std::uint64_t kQueuedMessageOverhead = 256;

@@ -3,6 +3,7 @@
 
 #include <fmt/ostream.h>
 
+#include <bit>
 #include <cstring>
 #include <sstream>
 
@@ -209,6 +210,35 @@ bool isZero(const std::uint8_t* p, std::uint8_t n) noexcept {
   return any == 0;
 }
 
+// The W and R bits shared by count sources from p when every one of them has the form
+// the reader takes straight from the bytes (this family, native encoding, host mask,
+// unicast, not zero); -1 otherwise. One pass without a branch per source; an IPv4 source
+// is one 8-byte word (read in the machine's order, as the source sets compare them).
+static_assert(std::endian::native == std::endian::little);
+template <std::size_t N>
+int commonKind(const std::uint8_t* p, std::size_t count, std::uint8_t family) noexcept {
+  constexpr unsigned kWcRpt = SourceFlags::kWildcard | SourceFlags::kRpt;
+  std::uint64_t bad = 0, any = 0, all = ~std::uint64_t{0};
+  for (std::size_t i = 0; i < count; ++i, p += 4 + N) {
+    // Low to high byte: family, encoding, flags, mask length, then the address.
+    std::uint64_t x;
+    std::memcpy(&x, p, 8);
+    bad |= (x & 0xff00ffffu) ^ (family | std::uint64_t{N * 8} << 24);
+    if constexpr (N == 4) {
+      bad |= std::uint64_t((x >> 32) == 0) | std::uint64_t(((x >> 36) & 0xf) == 0xe);
+    } else {
+      std::uint64_t a[2];
+      std::memcpy(a, p + 4, 16);
+      bad |= std::uint64_t((a[0] | a[1]) == 0) | std::uint64_t(p[4] == 0xff);
+    }
+    any |= x;
+    all &= x;
+  }
+  const unsigned anyKind = static_cast<unsigned>(any >> 16) & kWcRpt;
+  if (bad != 0 || anyKind != (static_cast<unsigned>(all >> 16) & kWcRpt)) return -1;
+  return static_cast<int>(anyKind);
+}
+
 std::string printed(const JoinPruneMessage& m) {
   std::ostringstream os;
   m.print(os);
@@ -281,13 +311,11 @@ std::uint32_t JoinPruneMessage::readJoinPruneMessage(
                        SourceFlags& flags) noexcept -> SourceRead {
     const std::uint8_t* p = base + pos;
     if (end - pos >= sourceSize && p[0] == family && p[1] == 0 && p[3] == addrLen * 8 &&
-        !isZero(p + 4, addrLen)) {
+        !isZero(p + 4, addrLen) && !(addrLen == 4 ? (p[4] & 0xf0) == 0xe0 : p[4] == 0xff)) {
       s = Nimo::IpGenAddr(af, p + 4);
       flags = SourceFlags(p[2]);
-      if (!s.isMulticast()) {
-        pos += sourceSize;
-        return checkedFlags(flags);
-      }
+      pos += sourceSize;
+      return checkedFlags(flags);
     }
     EncodedSourceAddress es;
     const std::uint32_t sn = es.readSourceAddress(pkt, pos);
@@ -360,11 +388,33 @@ std::uint32_t JoinPruneMessage::readJoinPruneMessage(
       auto& joinedRpt = gd.sourceSet(SourceCollection::JoinedRpt);
       auto& pruned = gd.sourceSet(SourceCollection::Pruned);
       auto& prunedRpt = gd.sourceSet(SourceCollection::PrunedRpt);
-      joined.reserve(joined.size() + numJoined);
       bool starGJoinPruned = false;
+      // A list of one kind in the common form that no entry of the group contradicts is
+      // appended whole: the outcome of the per-source rules, at a fraction of their cost.
+      auto appendedWhole = [&](std::uint16_t count, bool joinedList) {
+        if (count == 0 || end - pos < count * sourceSize) return false;
+        const std::uint8_t* first = base + pos;
+        const int kind = addrLen == 4 ? commonKind<4>(first, count, family)
+                                      : commonKind<16>(first, count, family);
+        SourceSet* to = nullptr;
+        if (kind == 0) {
+          if (joinedList && pruned.empty() && prunedRpt.empty()) to = &joined;
+          if (!joinedList && joined.empty()) to = &pruned;
+        } else if (kind == SourceFlags::kRpt) {
+          if (joinedList && prunedRpt.empty()) to = &joinedRpt;
+          if (!joinedList && joined.empty() && joinedRpt.empty()) to = &prunedRpt;
+        }
+        if (!to) return false;
+        to->insertWire(af, first + 4, count, sourceSize);
+        report_.processed += count;
+        pos += count * sourceSize;
+        return true;
+      };
       Nimo::IpGenAddr s;
       SourceFlags flags;
-      for (unsigned i = 0; i < numJoined; ++i) {
+      const unsigned joinsLeft = appendedWhole(numJoined, true) ? 0 : numJoined;
+      if (joinsLeft != 0) joined.reserve(joined.size() + joinsLeft);
+      for (unsigned i = 0; i < joinsLeft; ++i) {
         const SourceRead r = readEntry(true, s, flags);
         if (r == SourceRead::Fatal) return 0;
         if (r == SourceRead::Skip) continue;
@@ -394,7 +444,8 @@ std::uint32_t JoinPruneMessage::readJoinPruneMessage(
       if (gd.wcSourceData() && gd.wcSourceData()->join()) joinedRpt.clear();
 
       // Pruned sources, resolving contradictions with the joins
-      for (unsigned i = 0; i < numPruned; ++i) {
+      const unsigned prunesLeft = appendedWhole(numPruned, false) ? 0 : numPruned;
+      for (unsigned i = 0; i < prunesLeft; ++i) {
         const SourceRead r = readEntry(false, s, flags);
         if (r == SourceRead::Fatal) return 0;
         if (r == SourceRead::Skip) continue;

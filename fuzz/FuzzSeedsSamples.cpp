@@ -20,6 +20,12 @@ std::vector<std::vector<std::uint8_t>> sampleSeeds(std::string_view target) {
         out.push_back(ip);
         continue;
       }
+      if (target == "processPkt") {
+        // The family's socket, the PIM interface.
+        out.push_back(ip);
+        out.back().insert(out.back().begin(), v6 ? 1 : 0);
+        continue;
+      }
       const std::size_t at = v6 ? Nimo::Ipv6Hdr::kSize : Nimo::Ipv4Hdr::kMinSize;
       const auto reader = kReaderOfType.find(ip[at] & 0x0fu);
       if (target == "readHeader" || (reader != kReaderOfType.end() && reader->second == target)) {

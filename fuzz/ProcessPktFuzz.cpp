@@ -4,12 +4,15 @@
 //   bit 0     family of the socket: 0 IPv4, 1 IPv6
 //   bits 1-2  receiving interface: 0-1 a PIM interface, 2 a non-PIM one, 3 an unknown index
 //   bit 3     tracing on at level 9 into a discarding sink
-// The sources 10.0.0.2 and fe80::2 are neighbours on the PIM interface, so that messages
-// that need one are decoded and posted; others go to the (bounded) unresolved queue.
+// The sources 10.0.0.2 and fe80::2, and the two routers of the sample captures (whose
+// packets are the seeds), are neighbours on the PIM interface, so that messages that
+// need one are decoded and posted; others go to the (bounded) unresolved queue. The
+// result is 1 when the path accepted the packet, else 0.
 #include <cstddef>
 #include <cstdint>
 
 #include "Pim/PimIO.h"
+#include "fuzz/FuzzInput.h"
 
 namespace {
 
@@ -34,8 +37,9 @@ struct Rig {
       s.deviceName = name;
     }
     status->intfIs(Nimo::IntfId("eth1"));
-    status->activeNeighborIs({Nimo::IntfId("eth1"), Nimo::IpGenAddr("10.0.0.2")}, 105);
-    status->activeNeighborIs({Nimo::IntfId("eth1"), Nimo::IpGenAddr("fe80::2")}, 105);
+    for (const char* n : {"10.0.0.2", "10.1.0.1", "10.1.0.2", "fe80::1", "fe80::2"}) {
+      status->activeNeighborIs({Nimo::IntfId("eth1"), Nimo::IpGenAddr(n)}, 105);
+    }
     io->pimPamManagerIs(mgr);
     io->pimStatusIs(status);
     io->pimConfigCollIs(Kel::Ptr<Routing::Pim::ConfigColl>::make("cfg"));
@@ -59,7 +63,7 @@ struct Rig {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+std::uint32_t PimFuzz::processPkt(const std::uint8_t* data, std::size_t size) {
   if (size < 1 || size > 65535) return 0;
   static Rig v4(Nimo::AddressFamily::ipv4), v6(Nimo::AddressFamily::ipv6);
   static Discard discard;
@@ -72,10 +76,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Flicklog::allLevelsIs(9);
   }
   auto pkt = Nimo::Pkt::copyOf(data + 1, static_cast<std::uint32_t>(size - 1));
-  (void)rig.io->processPkt(Routing::Pim::IO::rxPktContextFactory(pkt, ifIndex));
+  const bool accepted = rig.io->processPkt(Routing::Pim::IO::rxPktContextFactory(pkt, ifIndex));
   if (trace) {
     Flicklog::allLevelsIs(0);
     Flicklog::sinkIs(previous);
   }
-  return 0;
+  return accepted ? 1 : 0;
 }
+PIM_FUZZ_ENTRY(PimFuzz::processPkt)

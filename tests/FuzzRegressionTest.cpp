@@ -36,6 +36,7 @@ constexpr NamedTarget kTargets[] = {
     {"readCrpAdvMessage", &PimFuzz::readCrpAdvMessage},
     {"readDfElectionMessage", &PimFuzz::readDfElectionMessage},
     {"pimdumpFrame", &PimFuzz::pimdumpFrame},
+    {"processPkt", &PimFuzz::processPkt},
 };
 static_assert(std::size(kTargets) == std::size(PimFuzz::kTargetNames));
 

@@ -32,13 +32,19 @@ using Bookmark = JoinPruneData::Bookmark;
 // RFC 7761 layout, independently of the codec, entries in the order given; there "W"
 // (WC without RPT) and a "/len" after the address make the malformed kinds.
 
+std::string describeSet(const Routing::Pim::SourceSet& set, const char* tag = "") {
+  std::string out;
+  for (const auto& e : set)
+    out += fmt::format(" {}{}{}", tag, e.address(), e.suppressed() ? "~" : "");
+  return out;
+}
+
 std::string describe(const JoinPruneData& d) {
   std::string out;
   for (const auto& [g, gd] : d.joinPruneGroupData()) {
     out += (out.empty() ? "" : "; ") + g.str() + (gd.groupFlags() & 0x80 ? "b" : "");
     auto list = [&](const char* tag, const Routing::Pim::SourceSet& set) {
-      for (const auto& e : set)
-        out += fmt::format(" {}{}{}", tag, e.address(), e.suppressed() ? "~" : "");
+      out += describeSet(set, tag);
     };
     list("+R", gd.joinedRptSource());
     list("+S", gd.joinedSource());
@@ -278,6 +284,13 @@ const ReadCase kReadCases[] = {
      "239.1.1.1/32 -S10.0.0.1 -R10.0.0.2 -R10.0.0.3; 239.1.1.1/32 +S10.0.0.1 +S10.0.0.2 +R10.0.0.3",
      "239.1.1.1/32 +S10.0.0.2 -R10.0.0.3 -S10.0.0.1",
      {bothSg("10.0.0.1"), sgAndRpt("10.0.0.2"), bothRpt("10.0.0.3")}},
+    {"GroupListedTwiceJoinsOfOneKindMeetPrunes",
+     "239.1.1.1/32 -S10.0.0.1 -S10.0.0.4; 239.1.1.1/32 +S10.0.0.1 +S10.0.0.2; "
+     "239.1.1.2/32 -R10.0.0.3 -R10.0.0.6; 239.1.1.2/32 +R10.0.0.3 +R10.0.0.5; "
+     "239.1.1.3/32 -R10.0.0.7 -R10.0.0.8; 239.1.1.3/32 +S10.0.0.7 +S10.0.0.9",
+     "239.1.1.1/32 +S10.0.0.2 -S10.0.0.1 -S10.0.0.4; 239.1.1.2/32 +R10.0.0.5 -R10.0.0.3 "
+     "-R10.0.0.6; 239.1.1.3/32 +S10.0.0.7 +S10.0.0.9 -R10.0.0.8",
+     {bothSg("10.0.0.1"), bothRpt("10.0.0.3"), sgAndRpt("10.0.0.7")}},
     {"GroupListedTwiceStarGJoinThenRptJoin",
      "239.1.1.1/32 +*10.9.9.1; 239.1.1.1/32 +R10.0.0.1 -*10.9.9.2",
      "239.1.1.1/32 -*10.9.9.2",
@@ -562,6 +575,44 @@ TEST_F(TraceTest, JoinPruneWriteTracesTheMessageReadBack) {
             "\tgroup=( address=239.1.1.1/32, flags=0 )\n\t\tjoin=10.0.0.1, (S,G)\n"
             "\t\tprune= 10.9.9.9, (*,G)\n\tGroup 239.1.1.1/32 has 1 joined sources and 1 pruned "
             "sources. ]>");
+}
+
+// insertWire leaves a set as inserting the same addresses one by one does: repeats, any
+// order, a set already holding entries (one marked), both families, sources padded apart.
+TEST(SourceSet, InsertWireMatchesInsertingOneByOne) {
+  for (unsigned seed = 1; seed <= 600; ++seed) {
+    SCOPED_TRACE(seed);
+    std::mt19937 gen(seed);
+    auto rng = [&](unsigned n) { return static_cast<unsigned>(gen() % n); };
+    const bool v6 = seed % 2 == 0;
+    const auto af = v6 ? Nimo::AddressFamily::ipv6 : Nimo::AddressFamily::ipv4;
+    const std::size_t len = v6 ? 16 : 4, stride = len + 4 + seed % 5;
+    auto address = [&](unsigned v, std::uint8_t* out) {  // in both words of an IPv6 one
+      std::fill(out, out + len, 0);
+      out[v6 ? 7 : 2] = static_cast<std::uint8_t>(v >> 3);
+      out[len - 1] = static_cast<std::uint8_t>(v & 7);
+    };
+    Routing::Pim::SourceSet one, whole;
+    std::uint8_t a[16];
+    for (unsigned i = rng(3); i > 0; --i) {
+      address(rng(24), a);
+      one.insert(Nimo::IpGenAddr(af, a));
+      whole.insert(Nimo::IpGenAddr(af, a));
+    }
+    if (!one.empty()) one.suppressedIs(one[0].address(), true);
+    if (!whole.empty()) whole.suppressedIs(whole[0].address(), true);
+    std::vector<unsigned> values(rng(12));
+    for (unsigned& v : values) v = rng(24);
+    if (seed % 3 == 1) std::sort(values.begin(), values.end());
+    if (seed % 3 == 2) std::sort(values.rbegin(), values.rend());
+    Bytes wire(values.size() * stride + 1);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      address(values[i], wire.data() + i * stride);
+      one.insert(Nimo::IpGenAddr(af, wire.data() + i * stride));
+    }
+    whole.insertWire(af, wire.data(), values.size(), stride);
+    EXPECT_EQ(whole, one) << describeSet(whole) << " /" << describeSet(one);
+  }
 }
 
 // ---------------------------------------------------------------------------------------

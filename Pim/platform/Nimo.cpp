@@ -185,13 +185,18 @@ std::ostream& operator<<(std::ostream& os, const IntfId& i) { return os << i.nam
 // Pkt
 
 Kel::Ptr<Pkt> Pkt::create(std::uint32_t size, std::uint32_t headroom, std::uint32_t tailroom) {
+  return make(size, headroom, tailroom, true);
+}
+
+Kel::Ptr<Pkt> Pkt::make(std::uint32_t size, std::uint32_t headroom, std::uint32_t tailroom,
+                        bool zeroed) {
   // In 64 bits: three 32-bit parts can overflow 32.
   const std::uint64_t total = std::uint64_t{headroom} + size + tailroom;
   if (total > std::numeric_limits<std::uint32_t>::max()) {
     throw Kel::RangeError("Pkt::size + headroom + tailroom > 4 GiB not allowed");
   }
   Kel::Ptr<Pkt> p(new Pkt());
-  p->sharedBuffer_ = Kel::Ptr<Buffer>::make(static_cast<std::uint32_t>(total));
+  p->sharedBuffer_ = Kel::Ptr<Buffer>::make(static_cast<std::uint32_t>(total), zeroed);
   p->head_ = headroom;
   p->tail_ = headroom + size;
   p->updateSharedIovec();
@@ -200,8 +205,12 @@ Kel::Ptr<Pkt> Pkt::create(std::uint32_t size, std::uint32_t headroom, std::uint3
 
 Kel::Ptr<Pkt> Pkt::copyOf(const void* bytes, std::uint32_t size, std::uint32_t headroom,
                           std::uint32_t tailroom) {
-  auto p = create(size, headroom, tailroom);
-  if (size) std::memcpy(p->sharedBuffer_->bytes + headroom, bytes, size);
+  // Zero only the room around the copy: a received packet is copied once per packet.
+  auto p = make(size, headroom, tailroom, false);
+  std::uint8_t* b = p->sharedBuffer_->bytes;
+  std::memset(b, 0, headroom);
+  if (size) std::memcpy(b + headroom, bytes, size);
+  std::memset(b + headroom + size, 0, tailroom);
   return p;
 }
 
@@ -230,7 +239,7 @@ std::uint8_t* Pkt::writableData(std::uint32_t offset, std::uint32_t len) {
 
 void Pkt::unshare() {
   if (!isShared()) return;
-  auto copy = Kel::Ptr<Buffer>::make(sharedBuffer_->capacity);
+  auto copy = Kel::Ptr<Buffer>::make(sharedBuffer_->capacity, false);
   std::memcpy(copy->bytes, sharedBuffer_->bytes, sharedBuffer_->capacity);
   sharedBuffer_ = copy;
   updateSharedIovec();

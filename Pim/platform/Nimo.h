@@ -255,7 +255,9 @@ class Pkt : public Kel::PtrInterface {
 
  private:
   struct Buffer : Kel::PtrInterface {
-    explicit Buffer(std::uint32_t cap) : bytes(new std::uint8_t[cap]()), capacity(cap) {}
+    // Unzeroed for a caller that writes every byte at once (a copy).
+    Buffer(std::uint32_t cap, bool zeroed)
+        : bytes(zeroed ? new std::uint8_t[cap]() : new std::uint8_t[cap]), capacity(cap) {}
     ~Buffer() override { delete[] bytes; }
     Buffer(const Buffer&) = delete;
     Buffer& operator=(const Buffer&) = delete;
@@ -263,6 +265,8 @@ class Pkt : public Kel::PtrInterface {
     std::uint32_t capacity;
   };
   Pkt() = default;
+  static Kel::Ptr<Pkt> make(std::uint32_t size, std::uint32_t headroom, std::uint32_t tailroom,
+                            bool zeroed);
   std::uint32_t capacity() const noexcept { return sharedBuffer_ ? sharedBuffer_->capacity : 0; }
   void unshare();
 
@@ -511,6 +515,11 @@ class IpPam : public Kel::Entity {
   std::uint64_t readableCount() const noexcept { return readableCount_; }
   void readableCountInc();
 
+  // The largest packet rxPkt() takes (for IPv4 with its header, for IPv6 without the one
+  // rxPkt() adds); a longer one is dropped and counted in rxErrors().
+  std::uint32_t maxRxPktData() const noexcept { return maxRxPktData_; }
+  void maxRxPktDataIs(std::uint32_t n);
+
   // The next packet, or null when none is waiting (or on error, counted).
   virtual Kel::Ptr<Pkt> rxPkt();
   std::uint32_t rxIfIndex() const noexcept { return rxIfIndex_; }
@@ -552,6 +561,7 @@ class IpPam : public Kel::Entity {
   std::vector<BpfInsn> rxFilter_;
   Ulm::EventLoop* loop_ = nullptr;
   std::uint64_t readableCount_ = 0;
+  std::uint32_t maxRxPktData_ = kMaxRxPktData;
   std::vector<std::uint8_t> rxBuffer_;
   IpGenAddr txSrc_;
   IpGenAddr txDst_;

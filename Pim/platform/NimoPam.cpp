@@ -212,6 +212,12 @@ void IpPam::readableCountInc() {
   notifiees_.forEach([](NotifieeConst& n) { n.onReadableCount(); });
 }
 
+void IpPam::maxRxPktDataIs(std::uint32_t n) {
+  if (n == maxRxPktData_) return;
+  maxRxPktData_ = n;
+  rxBuffer_.resize(n + Ipv6Hdr::kSize);
+}
+
 Kel::Ptr<Pkt> IpPam::rxPkt() {
   if (fd_ < 0) return nullptr;
   const bool v6 = af_ == AddressFamily::ipv6;
@@ -219,7 +225,7 @@ Kel::Ptr<Pkt> IpPam::rxPkt() {
   const std::uint32_t at = v6 ? Ipv6Hdr::kSize : 0;
   sockaddr_in6 from{};
   alignas(cmsghdr) char control[256];
-  iovec iov{rxBuffer_.data() + at, kMaxRxPktData};
+  iovec iov{rxBuffer_.data() + at, maxRxPktData_};
   msghdr msg{};
   msg.msg_name = &from;
   msg.msg_namelen = sizeof from;

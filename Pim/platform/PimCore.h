@@ -39,6 +39,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "Pim/platform/Kel.h"
@@ -232,9 +233,28 @@ class SourceFlags {
 // would put the bytes at an odd offset, and reading them back stalls on every source).
 class SourceEntry {
  public:
+  // A slot for insertWire to fill, left unwritten: zeroing it first would cost as much
+  // again as filling it.
+  SourceEntry() noexcept {}
   SourceEntry(const Nimo::IpGenAddr& a, bool suppressed) noexcept
       : af_(a.af()), suppressed_(suppressed) {
     std::memcpy(bytes_, a.bytes(), sizeof bytes_);
+  }
+  // From N address bytes in network order, unmarked.
+  template <std::size_t N>
+  SourceEntry(Nimo::AddressFamily af, const std::uint8_t* wire,
+              std::integral_constant<std::size_t, N>) noexcept
+      : af_(af), suppressed_(false) {
+    // Whole words, so that no narrower store overlaps a wider one.
+    std::uint64_t w[2] = {0, 0};
+    if constexpr (N == 4) {
+      std::uint32_t v;
+      std::memcpy(&v, wire, 4);
+      w[0] = v;
+    } else {
+      std::memcpy(w, wire, 16);
+    }
+    std::memcpy(bytes_, w, 16);
   }
   Nimo::IpGenAddr address() const noexcept { return Nimo::IpGenAddr(af_, bytes_); }
   bool suppressed() const noexcept { return suppressed_; }
@@ -293,7 +313,20 @@ class SourceSet {
     }
     v_.push_back(SourceEntry(a, false));
   }
+  // Appends count addresses of family af that lie every stride bytes from first, in
+  // network order, with the outcome of as many insert() calls: the receive path's form,
+  // which compares each address with the one before it on the wire rather than with the
+  // entry just stored (reading that back would wait on the store).
+  void insertWire(Nimo::AddressFamily af, const std::uint8_t* first, std::size_t count,
+                  std::size_t stride) {
+    if (af == Nimo::AddressFamily::ipv4) {
+      insertWire<4>(af, first, count, stride);
+    } else {
+      insertWire<16>(af, first, count, stride);
+    }
+  }
   bool erase(const Nimo::IpGenAddr& a) noexcept {
+    if (v_.empty()) return false;
     auto it = lower(a);
     if (it == v_.end() || !it->is(a)) return false;
     v_.erase(it);
@@ -311,6 +344,7 @@ class SourceSet {
   }
   bool contains(const Nimo::IpGenAddr& a) const noexcept { return find(a) != nullptr; }
   const SourceEntry* find(const Nimo::IpGenAddr& a) const noexcept {
+    if (v_.empty()) return nullptr;
     auto it = const_cast<SourceSet*>(this)->lower(a);
     return it != v_.end() && it->is(a) ? &*it : nullptr;
   }
@@ -344,6 +378,46 @@ class SourceSet {
       sorted_ = true;
     }
     return v_;
+  }
+  // A wire address as a number that orders like its bytes.
+  template <std::size_t N>
+  static std::pair<std::uint64_t, std::uint64_t> wireKey(const std::uint8_t* p) noexcept {
+    if constexpr (N == 4) {
+      return {Nimo::load32(p), 0};
+    } else {
+      std::uint64_t x[2];
+      std::memcpy(x, p, 16);
+      return {__builtin_bswap64(x[0]), __builtin_bswap64(x[1])};
+    }
+  }
+  // Written through a pointer into slots made beforehand: a vector's own append would
+  // reload its end after every byte store, which may alias it.
+  template <std::size_t N>
+  void insertWire(Nimo::AddressFamily af, const std::uint8_t* p, std::size_t count,
+                  std::size_t stride) {
+    if (count == 0) return;
+    const std::size_t old = v_.size();
+    v_.resize(old + count);
+    SourceEntry* out = v_.data() + old;
+    // The first meets the entry stored last; after it, an address dropped as a repeat
+    // equals the one before it, so the wire address before stands for the last entry.
+    const SourceEntry first(af, p, std::integral_constant<std::size_t, N>());
+    bool sorted = sorted_;
+    if (old == 0 || !out[-1].is(first)) {
+      if (old != 0 && !out[-1].less(first)) sorted = false;
+      *out++ = first;
+    }
+    auto prev = wireKey<N>(p);
+    for (std::size_t i = 1; i < count; ++i) {
+      p += stride;
+      const auto key = wireKey<N>(p);
+      if (key == prev) continue;
+      sorted &= prev < key;
+      *out++ = SourceEntry(af, p, std::integral_constant<std::size_t, N>());
+      prev = key;
+    }
+    v_.resize(static_cast<std::size_t>(out - v_.data()));
+    sorted_ = sorted;
   }
   std::vector<SourceEntry>::iterator lower(const Nimo::IpGenAddr& a) noexcept {
     settled();

@@ -26,6 +26,6 @@ execute_process(COMMAND ${CMAKE_COMMAND} -S ${CONSUMER_SOURCE_DIR} -B ${build} -
                 COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${CMAKE_COMMAND} --build ${build} COMMAND_ERROR_IS_FATAL ANY)
 
-foreach(program consumer_cmake consumer_pkgconfig)
+foreach(program consumer_cmake consumer_pkgconfig consumer_linux_cmake consumer_linux_pkgconfig)
   execute_process(COMMAND ${build}/${program} COMMAND_ERROR_IS_FATAL ANY)
 endforeach()

@@ -62,6 +62,14 @@ TEST_P(PimIONetnsTest, HelloArrivesWithInterfaceAndNeighbourAndIsCounted) {
   EXPECT_EQ(info->helloMessage()->holdTime(), 105);
   EXPECT_EQ(rig->rx(0, intf, MessageCounterType::success), 1u);
   EXPECT_EQ(rig->rx(0, "", MessageCounterType::success), 1u);
+
+  // Told to take less than a Hello, the socket drops the next one as an error.
+  auto& pam = *rig->mgr->pam();
+  EXPECT_EQ(pam.maxRxPktData(), 65535u);
+  pam.maxRxPktDataIs(8);
+  ASSERT_TRUE(sender->send(all.str(), helloBytes(src, all)));
+  ASSERT_TRUE(until([&] { return pam.rxErrors() == 1; }));
+  EXPECT_EQ(info->count(), 1u);
 }
 
 TEST_P(PimIONetnsTest, UnregisteredTypesNeverReachUserSpace) {
