@@ -29,24 +29,24 @@ std::optional<Join> join(std::string_view text) {
   const auto at = text.rfind('@');
   if (at == std::string_view::npos) return std::nullopt;
   const auto up = address(text.substr(at + 1));
-  std::string_view spec = text.substr(0, at);
-  const auto comma = spec.find(',');
+  std::string_view route = text.substr(0, at);
+  const auto comma = route.find(',');
   if (!up || comma == std::string_view::npos) return std::nullopt;
   Join j;
   j.upstream = *up;
-  const std::string_view first = spec.substr(0, comma);
-  spec = spec.substr(comma + 1);
+  const std::string_view first = route.substr(0, comma);
+  route = route.substr(comma + 1);
   if (first == "*") {
-    const auto comma2 = spec.find(',');
+    const auto comma2 = route.find(',');
     if (comma2 == std::string_view::npos) return std::nullopt;
-    const auto g = address(spec.substr(0, comma2));
-    const auto rp = address(spec.substr(comma2 + 1));
+    const auto g = address(route.substr(0, comma2));
+    const auto rp = address(route.substr(comma2 + 1));
     if (!g || !rp) return std::nullopt;
     j.group = *g;
     j.rp = *rp;
   } else {
     const auto s = address(first);
-    const auto g = address(spec);
+    const auto g = address(route);
     if (!s || !g) return std::nullopt;
     j.source = *s;
     j.group = *g;
