@@ -25,6 +25,7 @@
 #include "Pim/PimDrobeIntf.h"
 #include "Pim/platform/Drobe.h"
 #include "Pim/platform/Ledra.h"
+#include "tests/PimTestUtil.h"
 
 namespace {
 
@@ -634,15 +635,7 @@ class DrobeCrossProcessTest : public DrobeTest {
     std::erase(children_, std::pair{fd, pid});
     if (killNow) ::kill(pid, SIGKILL);  // before its end of file could let it exit
     ::close(fd);
-    int status = 0;
-    for (int i = 0; i < seconds * 100; ++i) {
-      if (::waitpid(pid, &status, WNOHANG) == pid)
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-      ::usleep(10000);
-    }
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, &status, 0);
-    return -1;
+    return PimTest::waitChild(pid, seconds);
   }
   void startReaders() {
     for (int& fd : readers_) fd = spawn(readerChild);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Pim/PimActivityMonitor.h"
+#include "tests/PimTestUtil.h"
 
 namespace {
 
@@ -23,15 +24,8 @@ using Nimo::IpGenAddr;
 namespace P = Routing::Pim;
 namespace Hw = Routing::Multicast::Fib::Hardware;
 
-struct PrivateRoot : ::testing::Environment {
-  const std::string root = "/dev/shm/actmon-test-" + std::to_string(::getpid());
-  void SetUp() override {
-    std::filesystem::create_directories(root);
-    ::setenv("DROBE_ROOT", root.c_str(), 1);
-  }
-  void TearDown() override { std::filesystem::remove_all(root); }
-};
-const auto* const kEnv = ::testing::AddGlobalTestEnvironment(new PrivateRoot);
+const auto* const kEnv =
+    ::testing::AddGlobalTestEnvironment(new PimTest::PrivateDrobeRoot("actmon"));
 
 const L3::VrfName kVrf("red");
 const P::RouteKey kSg(IpGenAddr("10.0.0.1"), IpGenAddr("232.1.1.1"));

@@ -20,6 +20,7 @@
 
 #include "Pim/PimDrobe.h"
 #include "Pim/PimDrobeIntf.h"
+#include "tests/PimTestUtil.h"
 
 namespace {
 
@@ -33,16 +34,8 @@ namespace P = Routing::Pim;
 using enum P::IO::MessageCounterDirection;  // rx, tx
 using enum P::IO::MessageCounterType;       // invalid, filtered, success
 
-// Every test runs on a private table root named with the pid, removed at the end.
-struct PrivateRoot : ::testing::Environment {
-  const std::string root = "/dev/shm/pimdrobe-test-" + std::to_string(::getpid());
-  void SetUp() override {
-    std::filesystem::create_directories(root);
-    ::setenv("DROBE_ROOT", root.c_str(), 1);
-  }
-  void TearDown() override { std::filesystem::remove_all(root); }
-};
-const auto* const kEnv = ::testing::AddGlobalTestEnvironment(new PrivateRoot);
+const auto* const kEnv =
+    ::testing::AddGlobalTestEnvironment(new PimTest::PrivateDrobeRoot("pimdrobe"));
 
 // A fresh path per use, so that tests never meet each other's tables.
 std::string uniquePath(std::string_view what) {

@@ -28,16 +28,8 @@ using P::RpHash;
 using P::RpHashStatus;
 using ::testing::HasSubstr;
 
-// Tests run on a private table root named with the pid, removed at the end.
-struct PrivateRoot : ::testing::Environment {
-  const std::string root = "/dev/shm/rphash-test-" + std::to_string(::getpid());
-  void SetUp() override {
-    std::filesystem::create_directories(root);
-    ::setenv("DROBE_ROOT", root.c_str(), 1);
-  }
-  void TearDown() override { std::filesystem::remove_all(root); }
-};
-const auto* const kEnv = ::testing::AddGlobalTestEnvironment(new PrivateRoot);
+const auto* const kEnv =
+    ::testing::AddGlobalTestEnvironment(new PimTest::PrivateDrobeRoot("rphash"));
 
 std::string uniquePath() {
   static int n = 0;
@@ -290,19 +282,6 @@ TEST(RpHashStatusPaths, NamesThatWouldLeaveTheRootMakeNoFile) {
 // ---------------------------------------------------------------------------------------
 // Other processes.
 
-// The exit code of our child pid within `seconds`; -1 if a signal ended it or we had to.
-int waitChild(pid_t pid, int seconds) {
-  int status = 0;
-  for (int i = 0; i < seconds * 100; ++i) {
-    if (::waitpid(pid, &status, WNOHANG) == pid)
-      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    ::usleep(10000);
-  }
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, &status, 0);
-  return -1;
-}
-
 bool waitByte(int fd, int seconds) {
   pollfd p{fd, POLLIN, 0};
   char c;
@@ -422,7 +401,7 @@ TEST(RpHashCrossProcess, PimshowPrintsEveryTableAndWatchesPerKeyDeletions) {
     EXPECT_THAT(seen, HasSubstr("\"event\": \"del\", \"key\": \"" + e.key().str() + "\""));
   }
   ::kill(child, SIGTERM);
-  EXPECT_EQ(waitChild(child, 10), 0);
+  EXPECT_EQ(PimTest::waitChild(child, 10), 0);
   ::close(out[0]);
 }
 
@@ -456,7 +435,7 @@ TEST(RpHashCrossProcess, ReaderRpForGroupAgreesWithBruteForce) {
     }
     ::_exit(0);
   }
-  EXPECT_EQ(waitChild(child, 120), 0);
+  EXPECT_EQ(PimTest::waitChild(child, 120), 0);
 }
 
 TEST(RpHashCrossProcess, AKilledWriterLeavesTheReaderUnmountedUntilANewOneComes) {
@@ -498,7 +477,7 @@ TEST(RpHashCrossProcess, AKilledWriterLeavesTheReaderUnmountedUntilANewOneComes)
   const IpGenAddr g("239.5.1.1");
   EXPECT_TRUE(runUntil(loop, 10, [&] { return r->rpForGroup(g) == e; }));
   ::kill(first, SIGKILL);
-  EXPECT_EQ(waitChild(first, 10), -1);
+  EXPECT_EQ(PimTest::waitChild(first, 10), -1);
   EXPECT_TRUE(runUntil(loop, 5, [&] { return !r->mounted(); }));
   EXPECT_TRUE(!r->rpForGroup(g));
   EXPECT_TRUE(r->maskLengths(AddressFamily::ipv4).empty());
@@ -508,7 +487,7 @@ TEST(RpHashCrossProcess, AKilledWriterLeavesTheReaderUnmountedUntilANewOneComes)
   ASSERT_TRUE(waitByte(tell[0], 30));
   EXPECT_TRUE(runUntil(loop, 10, [&] { return r->mounted() && r->rpForGroup(g) == e; }));
   ::kill(second, SIGKILL);
-  waitChild(second, 10);
+  PimTest::waitChild(second, 10);
   ::close(tell[0]);
   ::close(tell[1]);
 }

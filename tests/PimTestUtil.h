@@ -3,13 +3,16 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -22,6 +25,33 @@
 namespace PimTest {
 
 using Bytes = std::vector<std::uint8_t>;
+
+// The whole test program on a private shared-memory root named with the pid, removed at
+// the end. Register once per program: AddGlobalTestEnvironment(new PrivateDrobeRoot("x")).
+struct PrivateDrobeRoot : ::testing::Environment {
+  explicit PrivateDrobeRoot(std::string_view tag)
+      : root(fmt::format("/dev/shm/{}-test-{}", tag, ::getpid())) {}
+  const std::string root;
+  void SetUp() override {
+    std::filesystem::create_directories(root);
+    ::setenv("DROBE_ROOT", root.c_str(), 1);
+  }
+  void TearDown() override { std::filesystem::remove_all(root); }
+};
+
+// The exit code of our child pid within `seconds`; -1 if a signal ended it or it had to be
+// killed when the time ran out.
+inline int waitChild(pid_t pid, int seconds) {
+  int status = 0;
+  for (int i = 0; i < seconds * 100; ++i) {
+    if (::waitpid(pid, &status, WNOHANG) == pid)
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    ::usleep(10000);
+  }
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, &status, 0);
+  return -1;
+}
 
 // A shell command run to completion: its exit status and its output (stderr too, unless
 // withStderr is false). Tools under test run as separate processes through this.

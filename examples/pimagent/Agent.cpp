@@ -316,20 +316,22 @@ void FamilyAgent::handleJoinPrune() {
     forUs = forUs || i.primary.address() == data.upstreamNeighbor();
   const double expires = loop_.clock()->now() + data.holdTime();
   for (const auto& [prefix, g] : data.joinPruneGroupData()) {
+    // A named copy: clang 14 cannot capture a structured binding.
+    const Nimo::IpGenAddr group = prefix.address();
     auto record = [&](const Nimo::IpGenAddr& source, const Nimo::IpGenAddr& rp, bool join) {
-      const DownstreamKey key{info->intfId(), prefix.address(), source};
+      const DownstreamKey key{info->intfId(), group, source};
       const char* what = join ? "join" : "prune";
       const std::string name = source.isSet() ? source.str() : "*";
       if (!join || data.holdTime() == 0) {
         if (downstream_.erase(key))
-          say("downstream {} ({},{}) on {}", what, name, prefix.address(), info->intfId());
+          say("downstream {} ({},{}) on {}", what, name, group, info->intfId());
         return;
       }
       const bool fresh = !downstream_.count(key);
       downstream_[key] = Downstream{info->neighborAddr(), data.upstreamNeighbor(), rp, expires};
       if (fresh) {
-        say("downstream {} ({},{}) on {} from {}, upstream {}{}", what, name, prefix.address(),
-            info->intfId(), info->neighborAddr(), data.upstreamNeighbor(), forUs ? " (us)" : "");
+        say("downstream {} ({},{}) on {} from {}, upstream {}{}", what, name, group, info->intfId(),
+            info->neighborAddr(), data.upstreamNeighbor(), forUs ? " (us)" : "");
       }
     };
     if (g.wcSourceData()) record({}, g.wcSourceData()->rp(), g.wcSourceData()->join());
