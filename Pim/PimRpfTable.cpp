@@ -46,11 +46,22 @@ Flicklog::Facility& trace() {
   return f;
 }
 
+// The route-type rules both families share; only the host mask length differs.
+template <typename RouteType, int kHostLen>
+struct FamRules {
+  static bool direct(RouteType t) noexcept {
+    return t == RouteType::receive || t == RouteType::connected || t == RouteType::attached;
+  }
+  static bool host(RouteType t, const Nimo::IpGenPrefix& p) noexcept {
+    return t == RouteType::host && p.maskLen() == kHostLen;
+  }
+};
+
 template <Nimo::AddressFamily F>
 struct Fam;
 
 template <>
-struct Fam<Nimo::AddressFamily::ipv4> {
+struct Fam<Nimo::AddressFamily::ipv4> : FamRules<Routing::Fib::RouteType, 32> {
   using Via = Routing::Fib::Via;
   using Route = Routing::Fib::Route;
   using RouteType = Routing::Fib::RouteType;
@@ -60,17 +71,11 @@ struct Fam<Nimo::AddressFamily::ipv4> {
   using FecPart = Routing::Fib::FecPart;
   static constexpr std::string_view kReceive = kReceive4;
   static constexpr std::string_view kVv = kVv4;
-  static bool direct(RouteType t) noexcept {
-    return t == RouteType::receive || t == RouteType::connected || t == RouteType::attached;
-  }
-  static bool host(RouteType t, const Nimo::IpGenPrefix& p) noexcept {
-    return t == RouteType::host && p.maskLen() == 32;
-  }
   static PimRpfTable::ViaSet& viaSet(PimRpfTable& t) noexcept { return t.viaSet(); }
 };
 
 template <>
-struct Fam<Nimo::AddressFamily::ipv6> {
+struct Fam<Nimo::AddressFamily::ipv6> : FamRules<Routing6::Fib::RouteType, 128> {
   using Via = Routing6::Fib::Via;
   using Route = Routing6::Fib::Route;
   using RouteType = Routing6::Fib::RouteType;
@@ -80,12 +85,6 @@ struct Fam<Nimo::AddressFamily::ipv6> {
   using FecPart = Routing6::Fib::FecPart;
   static constexpr std::string_view kReceive = kReceive6;
   static constexpr std::string_view kVv = kVv6;
-  static bool direct(RouteType t) noexcept {
-    return t == RouteType::receive || t == RouteType::connected || t == RouteType::attached;
-  }
-  static bool host(RouteType t, const Nimo::IpGenPrefix& p) noexcept {
-    return t == RouteType::host && p.maskLen() == 128;
-  }
   static PimRpfTable::ViaSet6& viaSet(PimRpfTable& t) noexcept { return t.viaSet6(); }
 };
 
