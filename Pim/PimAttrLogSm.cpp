@@ -4,9 +4,11 @@
 
 namespace Routing::Pim {
 
-Kel::Ptr<Kel::PtrInterface> PimAttrLogSm::attribute(std::string_view name) const noexcept {
-  if (name == "nboAttrLogOutSm") return nboAttrLogOutSm_;
-  return nullptr;
+const Kel::Reflection* PimAttrLogSm::reflection() const noexcept {
+  static constexpr Kel::AttributeInfo kAttrs[] = {
+      Kel::objectAttribute<&PimAttrLogSm::nboAttrLogOutSm>("nboAttrLogOutSm")};
+  static constexpr Kel::Reflection kRefl{kTypeName, kAttrs, {}};
+  return &kRefl;
 }
 
 Kel::Ptr<PimAttrLogSm> pimAttrLogSmFactory(Kel::Ptr<Kel::NboAttrLog::SocketOutSm> nboAttrLogOutSm) {

@@ -12,7 +12,7 @@
 //   auto out = Kel::NboAttrLog::socketOutSmFactory("attrlog", fd, 64 * 1024);
 //   auto sm = Routing::Pim::pimAttrLogSmFactory(out);
 //   sm->nboAttrLogOutSm()->clogged();
-//   sm->attribute("nboAttrLogOutSm");      // the same output, found by name
+//   Kel::attributeObject(*sm, "nboAttrLogOutSm");   // the same output, found by name
 #pragma once
 
 #include <string_view>
@@ -33,8 +33,8 @@ class PimAttrLogSm : public Kel::Entity {
     return nboAttrLogOutSm_;
   }
 
-  // Reflection: the attribute of that name, null for a name this class does not have.
-  Kel::Ptr<Kel::PtrInterface> attribute(std::string_view name) const noexcept;
+  // Reflection (Kel.h): "nboAttrLogOutSm", read-only, reached by Kel::attributeObject.
+  const Kel::Reflection* reflection() const noexcept override;
 
  private:
   Kel::Ptr<Kel::NboAttrLog::SocketOutSm> nboAttrLogOutSm_;

@@ -16,6 +16,10 @@
 // --rphash prints one RP hash table instead (group prefix to RP; --table picks which of
 // the five, --name the writer's name, "pim" by default), as collection "rpHash".
 //
+// --nsf prints the graceful-restart status of every VRF of the family, as collection
+// "vrfStatus"; exit 2 with "no writer" when no live agent publishes it (an agent killed
+// mid-restart included: its last state is not shown as current).
+//
 // Exit status: 0 done, 1 bad usage, 2 the tables asked for are not mounted (no agent
 // writes them, or DROBE_ROOT points elsewhere).
 #include <fmt/format.h>
@@ -29,6 +33,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "Pim/NsfStatus.h"
 #include "Pim/PimDrobe.h"
 #include "Pim/PimRpHashStatus.h"
 #include "Pim/PimTypesDrobe.h"
@@ -49,12 +54,14 @@ struct Options {
   bool rpHash = false;
   std::string rpHashTable = "plain";
   std::string rpHashName = "pim";
+  bool nsf = false;
 };
 
 constexpr std::string_view kUsage =
     "usage: pimshow [--af 4|6] [--vrf NAME] [--counters-name NAME] [--json] [--watch]\n"
     "       pimshow --rphash [--table plain|static|bsr|prefix|bsr-prefix] [--name NAME]\n"
-    "               [--af 4|6] [--vrf NAME] [--json] [--watch]\n";
+    "               [--af 4|6] [--vrf NAME] [--json] [--watch]\n"
+    "       pimshow --nsf [--af 4|6] [--json] [--watch]\n";
 
 // The mount path of the RP hash table named by --table; empty for an unknown table.
 std::string rpHashPath(const Options& o, const L3::VrfName& vrf) {
@@ -90,6 +97,8 @@ bool parseArgs(int argc, char** argv, Options& o) {
       o.vrf = v;
     } else if (a == "--rphash") {
       o.rpHash = true;
+    } else if (a == "--nsf") {
+      o.nsf = true;
     } else if (a == "--table" || a == "--name") {
       const char* v = value();
       if (!v || !*v) return false;
@@ -377,6 +386,45 @@ int showRpHash(const Options& o, const L3::VrfName& vrf) {
   return 0;
 }
 
+// ---------------------------------------------------------------------------------------
+// --nsf: the raw records, so that a dead writer shows as such rather than as its last state.
+
+int showNsf(const Options& o) {
+  using Routing::Pim::Nsf::NsfStatusTable;
+  const std::string path = Routing::Pim::Nsf::nsfStatusMountPath(o.af);
+  const char af = o.af == Nimo::AddressFamily::ipv4 ? '4' : '6';
+  Ulm::EventLoop loop(Kel::Ptr<Kel::Clock>(new Kel::SystemClock));
+  NsfStatusTable* t = nullptr;
+  NsfStatusTable table(Routing::Pim::Nsf::kNsfStatusCollection,
+                       {[&](const L3::VrfName& k) {
+                          if (t) printChange(*t, k, o);
+                        },
+                        [&] {
+                          if (t) printEvent(t->name(), "resync", t->size(), o);
+                        },
+                        [&](bool m) {
+                          if (t) printEvent(t->name(), m ? "mounted" : "no writer", 0, o);
+                        }});
+  table.mountReader(loop, ::Drobe::TableSet(path));
+  if (!table.mounted()) {
+    std::fprintf(stderr,
+                 "pimshow: no writer: no live agent publishes the NSF status (IPv%c) at %s\n", af,
+                 ::Drobe::mountDir(path).c_str());
+    return 2;
+  }
+  std::string out = o.json ? "{\n" : "";
+  bool first = true;
+  printCollection(out, table, o, first);
+  if (o.json) out += "\n}\n";
+  std::fputs(out.c_str(), stdout);
+  std::fflush(stdout);
+  if (!o.watch) return 0;
+  loop.runOnce(0.0);  // the initial notices describe what was just printed
+  t = &table;
+  watchUntilSignalled(loop);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -387,6 +435,7 @@ int main(int argc, char** argv) {
   }
   const L3::VrfName vrf(o.vrf);
   if (o.rpHash) return showRpHash(o, vrf);
+  if (o.nsf) return showNsf(o);
   const std::string statusPath = D::Status::mountPath(o.af, vrf);
   const std::string countersPath = D::MessageCounters::mountPath(o.af, vrf, o.countersName);
 

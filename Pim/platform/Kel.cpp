@@ -84,4 +84,55 @@ void throwParseError(std::string_view typeName, std::string_view attribute) {
   throw RangeError(fmt::format("{}::{} has no parsable value", typeName, attribute));
 }
 
+// ---------------------------------------------------------------------------------------
+// Reflection by name.
+
+namespace {
+
+std::string_view typeNameOf(const Entity& e) {
+  const Reflection* r = e.reflection();
+  return r ? r->typeName : std::string_view(e.name().str());
+}
+
+const AttributeInfo& findAttribute(const Entity& e, std::string_view name) {
+  if (const Reflection* r = e.reflection()) {
+    for (const AttributeInfo& a : r->attributes)
+      if (a.name == name) return a;
+  }
+  throw AttributeError(fmt::format("{} has no attribute '{}'", typeNameOf(e), name));
+}
+
+const CollectionRefl& findCollection(const Entity& e, std::string_view name) {
+  if (const Reflection* r = e.reflection()) {
+    for (const CollectionRefl& c : r->collections)
+      if (c.name == name) return c;
+  }
+  throw AttributeError(fmt::format("{} has no collection '{}'", typeNameOf(e), name));
+}
+
+}  // namespace
+
+std::string attributeText(const Entity& e, std::string_view name) {
+  return findAttribute(e, name).get(e);
+}
+
+void attributeTextIs(Entity& e, std::string_view name, std::string_view text) {
+  const AttributeInfo& a = findAttribute(e, name);
+  if (!a.set) throw AttributeError(fmt::format("{}::{} is read-only", typeNameOf(e), name));
+  if (!a.set(e, text)) throwParseError(typeNameOf(e), name);
+}
+
+Ptr<PtrInterface> attributeObject(const Entity& e, std::string_view name) {
+  const AttributeInfo& a = findAttribute(e, name);
+  return a.object ? a.object(e) : nullptr;
+}
+
+std::vector<std::string> collectionKeys(const Entity& e, std::string_view collection) {
+  return findCollection(e, collection).keys(e);
+}
+
+Ptr<Entity> collectionMember(const Entity& e, std::string_view collection, std::string_view key) {
+  return findCollection(e, collection).member(e, key);
+}
+
 }  // namespace Kel

@@ -29,6 +29,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -201,6 +202,8 @@ class NotifieeList {
 // handlers reading through the entity see it consistent. Per-key changes have no
 // immediate variant.
 
+struct Reflection;  // see "Reflection by name" below
+
 // Base of state-database entities: a name and reference counting. Each entity class
 // declares its own NotifieeConst with one virtual handler per attribute and keeps a
 // NotifieeList of them; the generated-style setters call the handlers synchronously.
@@ -208,6 +211,8 @@ class Entity : public PtrInterface {
  public:
   explicit Entity(Name name) : name_(std::move(name)) {}
   const Name& name() const noexcept { return name_; }
+  // The entity type's attribute table; null for a type that offers none.
+  virtual const Reflection* reflection() const noexcept { return nullptr; }
 
  private:
   Name name_;
@@ -514,6 +519,118 @@ void parseValue(const char* begin, const char* end, T& v) {
   ValueParser in(begin, end);
   parseValueInto(in, v);
   if (!in.atEnd()) throwParseError(T::kTypeName, "Value");
+}
+
+// ---------------------------------------------------------------------------------------
+// Reflection by name: an entity's attributes read as text and set from text, and its
+// collections listed and reached by key, for tools and tests that know only names.
+//
+// An entity type lists its attributes once, in a static Reflection returned by its
+// reflection() override:
+//   static const Kel::AttributeInfo kAttrs[] = {
+//       Kel::valueAttribute<&NsfStatus::restarting, &NsfStatus::restartingIs>("restarting")};
+//   static const Kel::Reflection kRefl{NsfStatus::kTypeName, kAttrs, {}};
+// Texts are the value text forms above ("True", "'red'", a record's Value(...) form).
+// - attributeTextIs parses the whole text first and then calls the attribute's own setter,
+//   so a malformed value raises the RangeError naming the attribute and changes nothing,
+//   and writing the current value notifies nothing, as with the setter.
+// - An unknown attribute or collection name, or a set of a read-only attribute, raises
+//   AttributeError. Nothing here asserts: names come from outside.
+// - Collection keys are in their value text form; collectionMember of an absent key is null.
+
+class AttributeError : public std::invalid_argument {
+ public:
+  explicit AttributeError(const std::string& text) : std::invalid_argument(text) {}
+};
+
+struct AttributeInfo {
+  std::string_view name;
+  std::string (*get)(const Entity&);
+  bool (*set)(Entity&, std::string_view text);  // false: malformed; null: read-only
+  Ptr<PtrInterface> (*object)(const Entity&);   // the object an attribute holds, or null
+};
+
+struct CollectionRefl {
+  std::string_view name;
+  std::vector<std::string> (*keys)(const Entity&);
+  Ptr<Entity> (*member)(const Entity&, std::string_view key);  // null if absent or malformed
+};
+
+struct Reflection {
+  std::string_view typeName;
+  std::span<const AttributeInfo> attributes;
+  std::span<const CollectionRefl> collections;
+};
+
+std::string attributeText(const Entity& e, std::string_view name);
+void attributeTextIs(Entity& e, std::string_view name, std::string_view text);
+// The object held by an attribute that holds one (a pointer attribute), else null.
+Ptr<PtrInterface> attributeObject(const Entity& e, std::string_view name);
+std::vector<std::string> collectionKeys(const Entity& e, std::string_view collection);
+Ptr<Entity> collectionMember(const Entity& e, std::string_view collection, std::string_view key);
+
+// Parses text as one whole value of type T; false if anything does not fit.
+template <typename T>
+bool parseWhole(std::string_view text, T& out) {
+  ValueParser in(text);
+  T v{};
+  ValueText<T>::parse(in, v);
+  if (!in.ok() || !in.atEnd()) return false;
+  out = v;
+  return true;
+}
+
+template <typename M>
+struct MemberFn;
+template <typename C, typename R>
+struct MemberFn<R (C::*)() const noexcept> {
+  using Class = C;
+  using Value = std::remove_cvref_t<R>;
+};
+template <typename C, typename R>
+struct MemberFn<R (C::*)() const> : MemberFn<R (C::*)() const noexcept> {};
+
+// An attribute with a getter and, unless Set is nullptr, a setter taking its value.
+template <auto Get, auto Set = nullptr>
+constexpr AttributeInfo valueAttribute(std::string_view name) {
+  using C = typename MemberFn<decltype(Get)>::Class;
+  using V = typename MemberFn<decltype(Get)>::Value;
+  AttributeInfo a{name,
+                  [](const Entity& e) {
+                    std::string out;
+                    ValueText<V>::print(out, (static_cast<const C&>(e).*Get)());
+                    return out;
+                  },
+                  nullptr, nullptr};
+  if constexpr (!std::is_same_v<decltype(Set), std::nullptr_t>) {
+    a.set = [](Entity& e, std::string_view text) {
+      V v{};
+      if (!parseWhole(text, v)) return false;
+      (static_cast<C&>(e).*Set)(v);
+      return true;
+    };
+  }
+  return a;
+}
+
+// A read-only attribute holding an object by Ptr; its text is "<type name>('<name>')" for
+// an entity, "None" when null.
+template <auto Get>
+constexpr AttributeInfo objectAttribute(std::string_view name) {
+  using C = typename MemberFn<decltype(Get)>::Class;
+  using P = typename MemberFn<decltype(Get)>::Value;
+  return {name,
+          [](const Entity& e) {
+            const P& p = (static_cast<const C&>(e).*Get)();
+            if (!p) return std::string("None");
+            std::string out(std::remove_cvref_t<decltype(*p)>::kTypeName);
+            out += '(';
+            appendQuoted(out, p->name().str());
+            out += ')';
+            return out;
+          },
+          nullptr,
+          [](const Entity& e) -> Ptr<PtrInterface> { return (static_cast<const C&>(e).*Get)(); }};
 }
 
 // ---------------------------------------------------------------------------------------

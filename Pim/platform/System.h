@@ -90,6 +90,12 @@ class VrfName {
   std::string_view name() const noexcept { return std::string_view(name_.data()); }
   std::string str() const { return std::string(name()); }
   bool empty() const noexcept { return name_[0] == 0; }
+  // FNV-1a over the name's bytes, for shared-memory tables keyed by VRF.
+  std::uint32_t hash() const noexcept {
+    std::uint32_t h = 2166136261u;
+    for (char c : name()) h = (h ^ static_cast<unsigned char>(c)) * 16777619u;
+    return h;
+  }
 
   friend bool operator==(const VrfName&, const VrfName&) = default;
   friend std::strong_ordering operator<=>(const VrfName& a, const VrfName& b) noexcept {
