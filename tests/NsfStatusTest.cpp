@@ -245,6 +245,51 @@ pid_t startWriter(int& fd) {
   ::_exit(0);
 }
 
+// Two flags that change in one wake-up of the mirror: every transition between the four
+// states gives one notice per changed flag, and no notice meets a "recovery complete" the
+// writer never published (routeRecoveryComplete is cleared first and set last).
+TEST(NsfMirror, BothFlagsInOneWakeUpNeverShowAnUnpublishedRecovery) {
+  Ulm::EventLoop loop(Kel::Ptr<Kel::Clock>(new Kel::SystemClock));
+  auto coll = nsfStatusCollFactory("nsf");
+  auto pub = nsfStatusPublisherFactory(coll, Nimo::AddressFamily::ipv6);
+  ASSERT_TRUE(pub->mounted());
+  auto mirror = nsfStatusMirrorFactory(loop, Nimo::AddressFamily::ipv6);
+  Kel::Ptr<NsfStatus> red = coll->vrfStatusIs(kRed);
+  for (int i = 0; i < 100 && !mirror->nsfStatusColl()->vrfStatus(kRed); ++i) loop.runOnce(0.01);
+  ASSERT_TRUE(mirror->nsfStatusColl()->vrfStatus(kRed));
+  struct Seen : NsfStatus::NotifieeConst {
+    std::vector<std::pair<bool, bool>> states;
+    void onRestarting() override { add(); }
+    void onRouteRecoveryComplete() override { add(); }
+    void add() {
+      states.emplace_back(notifier()->restarting(), notifier()->routeRecoveryComplete());
+    }
+  } seen;
+  seen.notifierIs(mirror->nsfStatusColl()->vrfStatus(kRed));
+  for (int from = 0; from < 4; ++from) {
+    for (int to = 0; to < 4; ++to) {
+      const std::pair<bool, bool> a{from & 1, from & 2}, b{to & 1, to & 2};
+      for (const auto& st : {a, b}) {
+        red->restartingIs(st.first);
+        red->routeRecoveryCompleteIs(st.second);
+        for (int i = 0; i < 100 && seen.notifier()->restarting() != st.first; ++i) {
+          loop.runOnce(0.01);
+        }
+        for (int i = 0; i < 100 && seen.notifier()->routeRecoveryComplete() != st.second; ++i) {
+          loop.runOnce(0.01);
+        }
+        if (st == a) seen.states.clear();
+      }
+      const std::size_t changed =
+          std::size_t{a.first != b.first} + std::size_t{a.second != b.second};
+      ASSERT_EQ(seen.states.size(), changed) << from << " -> " << to;
+      for (const auto& s : seen.states) {
+        EXPECT_TRUE(!s.second || s == a || s == b) << from << " -> " << to;
+      }
+    }
+  }
+}
+
 class NsfAcrossProcesses : public ::testing::Test {
  protected:
   void TearDown() override {
