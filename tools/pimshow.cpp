@@ -151,8 +151,8 @@ void jsonValue(std::string& out, const T& v) {
     Kel::ValueText<T>::print(out, v);
   } else if constexpr (requires { requires std::is_arithmetic_v<decltype(v.value())>; }) {
     jsonValue(out, v.value());  // number wrappers (RpPriority, RpHashMaskLen)
-  } else if constexpr (std::is_same_v<T, Nimo::IntfId>) {
-    jsonString(out, v.name());
+  } else if constexpr (std::is_same_v<T, Nimo::IntfId> || std::is_same_v<T, L3::VrfName>) {
+    jsonString(out, v.name());  // the bare name: JSON quotes it already
   } else {
     std::string t;
     Kel::ValueText<T>::print(t, v);
