@@ -36,6 +36,8 @@ constexpr std::size_t kRecvBuffer = 1 << 20;
 // Event-socket reads per loop turn: the loop stays responsive under a burst, and the
 // level-triggered watch brings us back for the rest.
 constexpr int kReadsPerTurn = 256;
+// Bounds the discarding read before a re-dump (a socket buffer's worth and more).
+constexpr int kDrainReads = 1 << 16;
 
 template <Nimo::AddressFamily F>
 Nimo::IpGenAddr zeroAddr() {
@@ -210,7 +212,7 @@ void NetlinkRibSm::handleNetlink() {
       if (errno == ENOBUFS) {
         // Notices were lost: only a full re-read can tell what changed.
         ++overflows_;
-        resyncWanted_ = true;
+        resyncWanted_ = recovering_ = true;
         FLICK_TRACE(linuxTrace(), 2, "{}", kOverflowText);
         continue;
       }
@@ -488,15 +490,23 @@ void NetlinkRibSm::publish(Family<F>& fam, const Nimo::IpGenPrefix& p) {
 }
 
 template <Nimo::AddressFamily F>
-void NetlinkRibSm::publishAll(Family<F>& fam, const Kernel& before) {
+std::size_t NetlinkRibSm::publishAll(Family<F>& fam, const Kernel& before) {
   const bool all = renameWanted_ || &before == &fam.kernel;
+  std::size_t differ = 0;
   for (const auto& [p, slot] : fam.kernel) {
     auto old = before.find(p);
-    if (all || old == before.end() || old->second != slot) publish(fam, p);
+    const bool differs = old == before.end() || old->second != slot;
+    differ += differs;
+    if (all || differs) publish(fam, p);
   }
-  if (&before == &fam.kernel) return;
-  for (const auto& [p, slot] : before)
-    if (!fam.kernel.count(p)) publish(fam, p);
+  if (&before == &fam.kernel) return 0;
+  for (const auto& [p, slot] : before) {
+    if (!fam.kernel.count(p)) {
+      ++differ;
+      publish(fam, p);
+    }
+  }
+  return differ;
 }
 
 template <Nimo::AddressFamily F>
@@ -522,6 +532,14 @@ void NetlinkRibSm::resync() {
   before6.swap(v6_.kernel);
   v4_.withNhId.clear();
   v6_.withNhId.clear();
+  // What the event socket holds now predates the dump, which covers it; and after lost
+  // notices, an old "added" applied after the dump could outlive its lost "deleted".
+  // What arrives from here on is applied after the dump, in order, which converges.
+  const int events = nl_socket_get_fd(events_);
+  for (int i = 0; i < kDrainReads; ++i) {
+    const ssize_t n = ::recv(events, buf_.data(), buf_.size(), MSG_DONTWAIT);
+    if (n < 0 && errno != ENOBUFS && errno != EINTR) break;
+  }
   const auto each = [this](nlmsghdr* h) { dispatch(h, true); };
   // A kernel without next-hop objects refuses their dump: there are none to resolve.
   (void)dump(RTM_GETNEXTHOP, AF_UNSPEC, each);
@@ -539,9 +557,17 @@ void NetlinkRibSm::resync() {
   }
   nhChanged_ = false;  // every route is resolved against the fresh objects below
   if (objects != nhObjects_) renameWanted_ = true;
-  publishAll(v4_, before4);
-  publishAll(v6_, before6);
+  const std::size_t differ = publishAll(v4_, before4) + publishAll(v6_, before6);
   renameWanted_ = false;
+  // After lost notices the kernel may drop more without a second ENOBUFS while the socket
+  // stays congested (seen under a 10-second add/delete storm): a re-dump that still finds
+  // a difference is followed by another, until one finds none.
+  if (recovering_ && differ != 0) {
+    resyncWanted_ = true;
+    deferred_.delayIs(1.0);
+  } else {
+    recovering_ = false;
+  }
   finishBatch();
   notifiees_.forEach([](NotifieeConst& n) { n.onResync(); });
 }
@@ -568,7 +594,8 @@ void NetlinkRibSm::finishBatch() {
     if (w) w->commit();
   for (auto& w : v6_.rib)
     if (w) w->commit();
-  if (resyncWanted_ || renameWanted_) deferred_.deadlineIs(loop_.clock()->now());
+  if ((resyncWanted_ || renameWanted_) && !deferred_.armed())
+    deferred_.deadlineIs(loop_.clock()->now());
   if (changed_.empty()) return;
   std::vector<Changed> changed;
   changed.swap(changed_);

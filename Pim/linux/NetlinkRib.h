@@ -37,6 +37,10 @@
 //   with nexthop_compat_mode 0 a group change notifies no route.
 // - ENOBUFS on the event socket (notices lost): counted in overflows(), then a full re-dump
 //   applied as a difference. The event socket's buffer is rcvBuf (SO_RCVBUFFORCE as root).
+//   Every re-dump first discards what the event socket holds (the dump covers it, and a
+//   stale notice whose successor was lost would outlive it). Since the kernel may drop more
+//   notices silently while the socket stays congested, a re-dump after an overflow that
+//   still finds a difference is followed by another a second later, until one finds none.
 // - A next hop on an interface index the directory does not name yet waits (the route is
 //   not usable, counted in waiting()) until the interface appears; renames are followed.
 //   Interface names come from the IntfStatusDir (e.g. filled by NetlinkIntfStatusSm), so
@@ -188,7 +192,7 @@ class NetlinkRibSm : public Kel::Entity {
   template <Nimo::AddressFamily F>
   void publish(Family<F>& fam, const Nimo::IpGenPrefix& p);
   template <Nimo::AddressFamily F>
-  void publishAll(Family<F>& fam, const Kernel& before);
+  std::size_t publishAll(Family<F>& fam, const Kernel& before);
   template <Nimo::AddressFamily F>
   void republishNhRoutes(Family<F>& fam);
   template <Nimo::AddressFamily F>
@@ -214,6 +218,7 @@ class NetlinkRibSm : public Kel::Entity {
   bool resyncWanted_ = false;
   bool renameWanted_ = false;
   bool nhChanged_ = false;
+  bool recovering_ = false;  // since an overflow, until a re-dump finds no difference
   struct Changed {
     Nimo::AddressFamily af;
     RibKind rib;
