@@ -15,8 +15,9 @@
 #include <cerrno>
 #include <vector>
 
-#include "Pim/linux/NsGuard.h"
+#include "Pim/linux/LinuxTrace.h"
 #include "Pim/platform/Flicklog.h"
+#include "Pim/platform/NetNs.h"
 
 namespace Interface {
 
@@ -34,7 +35,7 @@ bool sameStatus(const IntfStatus& a, const IntfStatus& b) {
 NetlinkIntfStatusSm::NetlinkIntfStatusSm(Kel::Ptr<IntfStatusDir> dir, Ulm::EventLoop& loop,
                                          const Nimo::NamespaceName& netNs)
     : Kel::Entity(Kel::Name("NetlinkIntfStatusSm")), dir_(std::move(dir)), loop_(loop) {
-  PimLinux::NsGuard ns(netNs);
+  Nimo::NetNsGuard ns(netNs, linuxTrace());
   if (!ns.ok()) return;
   int err = nl_cache_mngr_alloc(nullptr, NETLINK_ROUTE, NL_AUTO_PROVIDE, &mngr_);
   if (err == 0) err = nl_cache_mngr_add(mngr_, "route/link", nullptr, nullptr, &links_);

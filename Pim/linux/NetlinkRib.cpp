@@ -17,7 +17,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "Pim/linux/NsGuard.h"
+#include "Pim/linux/LinuxTrace.h"
+#include "Pim/platform/NetNs.h"
 
 namespace Routing {
 
@@ -81,7 +82,7 @@ NetlinkRibSm::NetlinkRibSm(const NetlinkRibConfig& config, Kel::Ptr<Interface::I
       }) {
   buf_.resize(kRecvBuffer);
   {
-    PimLinux::NsGuard ns(config_.netNs);
+    Nimo::NetNsGuard ns(config_.netNs, linuxTrace());
     if (!ns.ok() || !openSockets()) return;
   }
   const auto mount = [&](auto& fam, Nimo::AddressFamily af) {

@@ -391,6 +391,25 @@ TEST_F(NetlinkRibNetnsTest, TablesFollowTheKernelStepByStep) {
   EXPECT_EQ(rib->waiting(), 0u);
 }
 
+// Interface names come from the directory: with none known every route waits, and each
+// is published once its interface is named (also the path a rename takes).
+TEST_F(NetlinkRibNetnsTest, RoutesWaitForTheirInterfaceName) {
+  ASSERT_EQ(sh(fmt::format("ip -n {} route add 10.1.0.0/16 via 10.9.0.2", ns)), 0);
+  Routing::NetlinkRibConfig config;
+  config.vrf = ns;
+  config.netNs = ns;
+  rib = Routing::netlinkRibSmFactory(config, dir, loop);
+  ASSERT_TRUE(rib->ok());
+  run(0.2);
+  EXPECT_GT(rib->waiting(), 0u);
+  EXPECT_FALSE(route(rib->urib(), "10.1.0.0/16"));
+  intfs = Interface::netlinkIntfStatusSmFactory(dir, loop, ns);
+  ASSERT_TRUE(intfs->ok());
+  EXPECT_EQ(converge(), "");
+  EXPECT_EQ(rib->waiting(), 0u);
+  EXPECT_EQ(route(rib->urib(), "10.1.0.0/16")->vias, std::set<std::string>{"10.9.0.2@" + a});
+}
+
 // Lost notices: a small event buffer, the adapter not reading while 10,000 routes arrive.
 TEST_F(NetlinkRibNetnsTest, OverflowIsCountedAndResynchronised) {
   start(4096);
@@ -515,7 +534,9 @@ TEST_F(NetlinkRibNetnsTest, StormEndsInEqualityWithMemoryBack) {
   std::printf("storm: resident %ld kB before, %ld kB after, resyncs %llu, overflows %llu\n", before,
               after, static_cast<unsigned long long>(rib->resyncs()),
               static_cast<unsigned long long>(rib->overflows()));
+#ifndef __SANITIZE_ADDRESS__  // AddressSanitizer's quarantine keeps freed memory by design
   EXPECT_LT(after - before, 4096);
+#endif
 }
 
 // The published unicast RIB against the kernel's own lookup: for 1,000 random targets in a
