@@ -203,6 +203,21 @@ class NetlinkRibNetnsTest : public ::testing::Test {
     rib = nullptr;
     intfs = nullptr;
     if (created) sh("ip netns del " + ns);
+    for (const auto& f : files) std::remove(f.c_str());
+  }
+  // An `ip -batch` file of these lines, removed at the end of the test.
+  std::string batchFile(const std::string& lines) {
+    files.push_back(fmt::format("/tmp/ribn-{}-{}", ::getpid(), files.size()));
+    std::ofstream(files.back()) << lines;
+    return files.back();
+  }
+  // n /24 routes from 10.<second>.0.0 on, over `gateways` gateways from 10.9.0.2.
+  static std::string routeLines(int n, int second, int gateways) {
+    std::string out;
+    for (int i = 0; i < n; ++i)
+      out += fmt::format("route add 10.{}.{}.0/24 via 10.9.0.{}\n", second + i / 256, i % 256,
+                         2 + i % gateways);
+    return out;
   }
   void start(int rcvBuf = 64 << 20) {
     intfs = Interface::netlinkIntfStatusSmFactory(dir, loop, ns);
@@ -257,6 +272,7 @@ class NetlinkRibNetnsTest : public ::testing::Test {
   }
 
   std::string ns, a, c;
+  std::vector<std::string> files;
   bool created = false;
   Ulm::EventLoop loop{Kel::Ptr<Kel::SystemClock>::make()};
   Kel::Ptr<Interface::IntfStatusDir> dir = Kel::Ptr<Interface::IntfStatusDir>::make("intf");
@@ -415,16 +431,8 @@ TEST_F(NetlinkRibNetnsTest, OverflowIsCountedAndResynchronised) {
   start(4096);
   ASSERT_EQ(converge(), "");
   const std::uint64_t resyncs = rib->resyncs();
-  const std::string batch = fmt::format("/tmp/ribn-batch-{}", ::getpid());
-  {
-    std::ofstream f(batch);
-    for (int i = 0; i < 10000; ++i)
-      f << fmt::format("route add 10.{}.{}.0/24 via 10.9.0.{}\n", 100 + i / 256, i % 256,
-                       2 + i % 2);
-  }
-  const int rc = sh(fmt::format("ip -n {} -force -batch {}", ns, batch));
-  std::remove(batch.c_str());
-  ASSERT_EQ(rc, 0);
+  ASSERT_EQ(sh(fmt::format("ip -n {} -force -batch {}", ns, batchFile(routeLines(10000, 100, 2)))),
+            0);
   EXPECT_EQ(converge(), "");
   EXPECT_GE(rib->overflows(), 1u);
   EXPECT_GT(rib->resyncs(), resyncs);
@@ -452,41 +460,31 @@ long residentKb(pid_t pid) {
 // ribd as its own process, started while a script is still adding routes; the test reads
 // its tables as any agent would, through readers of the shared tables.
 TEST_F(NetlinkRibNetnsTest, RibdStartedWhileRoutesAreAddedPublishesTheKernelsTables) {
-  const std::string batch = fmt::format("/tmp/ribd-batch-{}", ::getpid());
-  {
-    std::ofstream f(batch);
-    for (int i = 0; i < 3000; ++i)
-      f << fmt::format("route add 10.{}.{}.0/24 via 10.9.0.{}\n", 100 + i / 256, i % 256,
-                       2 + i % 3);
-  }
-  const pid_t adder = spawn(fmt::format("ip -n {} -batch {}", ns, batch));
+  const pid_t adder =
+      spawn(fmt::format("ip -n {} -batch {}", ns, batchFile(routeLines(3000, 100, 3))));
   const pid_t ribd = spawn(fmt::format("exec {} --netns {} --vrf {} --mrib-table {} >/dev/null",
                                        RIBD_PATH, ns, ns, kMribTable));
   EXPECT_EQ(waitChild(adder, 60), 0);
-  std::remove(batch.c_str());
-  struct Readers {
-    Kel::Ptr<Drobe::Reader<Nimo::IpGenPrefix, Routing::Fib::Route>> urib, mrib;
-    Kel::Ptr<Drobe::Reader<Routing::FecKey, Routing::Fib::FecPart>> fec;
-    Kel::Ptr<Drobe::Reader<Nimo::IpGenPrefix, Routing6::Fib::Route>> urib6, mrib6;
-    Kel::Ptr<Drobe::Reader<Routing::FecKey, Routing6::Fib::FecPart>> fec6;
-  } r;
-  const std::string p4 = Routing::ribMountPath(Nimo::AddressFamily::ipv4, ns);
-  const std::string p6 = Routing::ribMountPath(Nimo::AddressFamily::ipv6, ns);
-  r.urib = Drobe::Reader<Nimo::IpGenPrefix, Routing::Fib::Route>::create(loop, p4, "urib");
-  r.mrib = Drobe::Reader<Nimo::IpGenPrefix, Routing::Fib::Route>::create(loop, p4, "mrib");
-  r.fec = Drobe::Reader<Routing::FecKey, Routing::Fib::FecPart>::create(loop, p4, "fec");
-  r.urib6 = Drobe::Reader<Nimo::IpGenPrefix, Routing6::Fib::Route>::create(loop, p6, "urib");
-  r.mrib6 = Drobe::Reader<Nimo::IpGenPrefix, Routing6::Fib::Route>::create(loop, p6, "mrib");
-  r.fec6 = Drobe::Reader<Routing::FecKey, Routing6::Fib::FecPart>::create(loop, p6, "fec");
+  // Readers of one family's tables, mounted as an agent would.
+  const auto readers = [&]<typename Route, typename Part>(Nimo::AddressFamily af) {
+    const std::string path = Routing::ribMountPath(af, ns);
+    using Routes = Drobe::Reader<Nimo::IpGenPrefix, Route>;
+    return std::tuple{Routes::create(loop, path, "urib"), Routes::create(loop, path, "mrib"),
+                      Drobe::Reader<Routing::FecKey, Part>::create(loop, path, "fec")};
+  };
+  auto [urib, mrib, fec] =
+      readers.operator()<Routing::Fib::Route, Routing::Fib::FecPart>(Nimo::AddressFamily::ipv4);
+  auto [urib6, mrib6, fec6] =
+      readers.operator()<Routing6::Fib::Route, Routing6::Fib::FecPart>(Nimo::AddressFamily::ipv6);
   const auto view = [](auto& routes, auto& fecs) {
     return toView([&](const auto& fn) { routes->forEach(fn); },
                   [&](const Routing::FecKey& k) { return fecs->find(k); });
   };
   EXPECT_EQ(converge([&](bool v6, bool m) {
-              return v6 ? view(m ? r.mrib6 : r.urib6, r.fec6) : view(m ? r.mrib : r.urib, r.fec);
+              return v6 ? view(m ? mrib6 : urib6, fec6) : view(m ? mrib : urib, fec);
             }),
             "");
-  EXPECT_GE(r.urib->size(), 3000u);
+  EXPECT_GE(urib->size(), 3000u);
   ::kill(ribd, SIGTERM);
   EXPECT_EQ(waitChild(ribd, 10), 0);
 }
@@ -498,16 +496,13 @@ TEST_F(NetlinkRibNetnsTest, StormEndsInEqualityWithMemoryBack) {
   ASSERT_EQ(converge(), "");
   const std::size_t held = rib->kernelRoutes();
   const long before = residentKb(::getpid());
-  const std::string add = fmt::format("/tmp/ribn-add-{}", ::getpid());
-  const std::string del = fmt::format("/tmp/ribn-del-{}", ::getpid());
-  {
-    std::ofstream fa(add), fd(del);
-    for (int i = 0; i < 1000; ++i) {
-      const std::string p = fmt::format("10.{}.{}.0/24", 200 + i / 256, i % 256);
-      fa << fmt::format("route add {} nexthop via 10.9.0.2 nexthop via 10.8.0.{}\n", p, 2 + i % 4);
-      fd << "route del " << p << "\n";
-    }
+  std::string adds, dels;
+  for (int i = 0; i < 1000; ++i) {
+    const std::string p = fmt::format("10.{}.{}.0/24", 200 + i / 256, i % 256);
+    adds += fmt::format("route add {} nexthop via 10.9.0.2 nexthop via 10.8.0.{}\n", p, 2 + i % 4);
+    dels += "route del " + p + "\n";
   }
+  const std::string add = batchFile(adds), del = batchFile(dels);
   const pid_t storm = spawn(
       fmt::format("end=$(( $(date +%s) + 10 )); while [ $(date +%s) -lt $end ]; do "
                   "ip -n {0} -force -batch {1}; ip -n {0} -force -batch {2}; done 2>/dev/null",
@@ -519,8 +514,6 @@ TEST_F(NetlinkRibNetnsTest, StormEndsInEqualityWithMemoryBack) {
     EXPECT_EQ(waitChild(storm, 30), 0);  // not reaped yet: reap it
   else
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  std::remove(add.c_str());
-  std::remove(del.c_str());
   EXPECT_EQ(converge(), "");
   // What the adapter holds is what a fresh dump gives, and the storm's routes are gone
   // (the namespace's own few may have grown by an IPv6 link-local route or two).
@@ -545,31 +538,26 @@ TEST_F(NetlinkRibNetnsTest, StormEndsInEqualityWithMemoryBack) {
 // unrouted targets, which the kernel refuses, match a drop route or nothing.
 TEST_F(NetlinkRibNetnsTest, LongestMatchAgreesWithTheKernelsFibMatch) {
   std::mt19937 rng(12);  // 32-bit results: the casts below lose nothing
-  const std::string routes = fmt::format("/tmp/ribn-routes-{}", ::getpid());
-  const std::string gets = fmt::format("/tmp/ribn-gets-{}", ::getpid());
   std::vector<Nimo::IpGenPrefix> stored;
-  {
-    std::ofstream f(routes);
-    for (int i = 0; i < 20; ++i) f << fmt::format("address add 10.250.0.{}/32 dev lo\n", i + 1);
-    for (int i = 0; i < 5000; ++i) {
-      const auto len = static_cast<std::uint8_t>(8 + rng() % 23);
-      // Nothing inside the gateways' subnets (10.8/16, 10.9/16) or the local addresses.
-      auto addr = static_cast<std::uint32_t>(0x0a000000u | (rng() & 0x00ffffffu));
-      if (const auto second = (addr >> 16) & 0xff; second == 8 || second == 9 || second == 250)
-        addr = (addr & 0xff00ffffu) | 0x00070000u;
-      const Nimo::IpGenPrefix p = Nimo::IpGenPrefix(Nimo::IpGenAddr::v4(addr), len).masked();
-      stored.push_back(p);
-      const auto kind = static_cast<unsigned>(rng() % 10);
-      f << (kind == 0   ? fmt::format("route replace blackhole {}\n", p)
-            : kind == 1 ? fmt::format("route replace unreachable {}\n", p)
-            : kind < 5  ? fmt::format("route replace {} nexthop via 10.9.0.2 nexthop via "
-                                       "10.8.0.{}\n",
-                                      p, 2 + rng() % 3)
-                        : fmt::format("route replace {} via 10.9.0.{}\n", p, 2 + rng() % 5));
-    }
+  std::string lines;
+  for (int i = 0; i < 20; ++i) lines += fmt::format("address add 10.250.0.{}/32 dev lo\n", i + 1);
+  for (int i = 0; i < 5000; ++i) {
+    const auto len = static_cast<std::uint8_t>(8 + rng() % 23);
+    // Nothing inside the gateways' subnets (10.8/16, 10.9/16) or the local addresses.
+    auto addr = static_cast<std::uint32_t>(0x0a000000u | (rng() & 0x00ffffffu));
+    if (const auto second = (addr >> 16) & 0xff; second == 8 || second == 9 || second == 250)
+      addr = (addr & 0xff00ffffu) | 0x00070000u;
+    const Nimo::IpGenPrefix p = Nimo::IpGenPrefix(Nimo::IpGenAddr::v4(addr), len).masked();
+    stored.push_back(p);
+    const auto kind = static_cast<unsigned>(rng() % 10);
+    lines += (kind == 0   ? fmt::format("route replace blackhole {}\n", p)
+              : kind == 1 ? fmt::format("route replace unreachable {}\n", p)
+              : kind < 5  ? fmt::format("route replace {} nexthop via 10.9.0.2 nexthop via "
+                                         "10.8.0.{}\n",
+                                        p, 2 + rng() % 3)
+                          : fmt::format("route replace {} via 10.9.0.{}\n", p, 2 + rng() % 5));
   }
-  ASSERT_EQ(sh(fmt::format("ip -n {} -force -batch {}", ns, routes)), 0);
-  std::remove(routes.c_str());
+  ASSERT_EQ(sh(fmt::format("ip -n {} -force -batch {}", ns, batchFile(lines))), 0);
   start();
   ASSERT_EQ(converge(), "");
   const RibView published = readTables(rib->urib());
@@ -577,19 +565,16 @@ TEST_F(NetlinkRibNetnsTest, LongestMatchAgreesWithTheKernelsFibMatch) {
   // Each target's answer is followed by a marker answer (127.0.0.1's local route), since a
   // refused target prints nothing.
   std::vector<Nimo::IpGenAddr> targets;
-  {
-    std::ofstream f(gets);
-    for (int i = 0; i < 1000; ++i) {
-      const std::uint32_t base =
-          i % 2 ? stored[rng() % stored.size()].address().v4Addr() : 0x0a000000u;
-      const auto low = static_cast<std::uint32_t>(rng() & (i % 2 ? 0xffu : 0x00ffffffu));
-      targets.push_back(Nimo::IpGenAddr::v4(base | low));
-      f << fmt::format("route get fibmatch {}\nroute get fibmatch 127.0.0.1\n", targets.back());
-    }
+  lines.clear();
+  for (int i = 0; i < 1000; ++i) {
+    const std::uint32_t base =
+        i % 2 ? stored[rng() % stored.size()].address().v4Addr() : 0x0a000000u;
+    const auto low = static_cast<std::uint32_t>(rng() & (i % 2 ? 0xffu : 0x00ffffffu));
+    targets.push_back(Nimo::IpGenAddr::v4(base | low));
+    lines += fmt::format("route get fibmatch {}\nroute get fibmatch 127.0.0.1\n", targets.back());
   }
   std::istringstream out(
-      runCommand(fmt::format("ip -n {} -j -force -batch {}", ns, gets), false).out);
-  std::remove(gets.c_str());
+      runCommand(fmt::format("ip -n {} -j -force -batch {}", ns, batchFile(lines)), false).out);
   const auto longest = [&](const Nimo::IpGenAddr& t) -> std::optional<std::string> {
     for (int len = 32; len >= 0; --len) {
       std::ostringstream key;
