@@ -18,7 +18,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -27,23 +26,10 @@
 
 #include "Pim/linux/NetlinkIntfStatus.h"
 #include "Pim/linux/NetlinkRib.h"
+#include "bench/BenchClock.h"
 #include "tests/netns/NetnsUtil.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double secondsSince(Clock::time_point t) {
-  return std::chrono::duration<double>(Clock::now() - t).count();
-}
-
-struct Stat {
-  double median, lo, hi;
-};
-Stat summary(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return {v[v.size() / 2], v.front(), v.back()};
-}
 
 long residentKb() {
   std::ifstream f("/proc/self/status");
@@ -120,9 +106,9 @@ int main(int argc, char** argv) {
     std::size_t seen = 0, published = 0;
     double bytesPerRoute = 0;
     for (int run = 0; run < runs; ++run) {
-      auto t = Clock::now();
+      double t = BenchClock::wall();
       seen = bareDrain(ns);
-      drain.push_back(secondsSince(t));
+      drain.push_back(BenchClock::wall() - t);
 
       Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
       auto dir = Kel::Ptr<Interface::IntfStatusDir>::make("intf");
@@ -131,13 +117,13 @@ int main(int argc, char** argv) {
       config.netNs = ns;
       config.vrf = fmt::format("bench{}", run);  // a fresh table set each run
       const long before = residentKb();
-      t = Clock::now();
+      t = BenchClock::wall();
       auto rib = Routing::netlinkRibSmFactory(config, dir, loop);
-      ingest.push_back(secondsSince(t));
+      ingest.push_back(BenchClock::wall() - t);
       if (run == 0) bytesPerRoute = static_cast<double>(residentKb() - before) * 1024.0 / routes;
       published = rib->urib()->table().size();
     }
-    const Stat d = summary(drain), a = summary(ingest);
+    const BenchClock::Spread d = BenchClock::spread(drain), a = BenchClock::spread(ingest);
     std::printf("%d ECMP routes (2 next hops): bare drain saw %zu, the adapter published %zu\n",
                 routes, seen, published);
     std::printf("\n%-32s %12s %22s %12s %7s  %s\n", "figure", "routes/s", "(range)", "baseline",
