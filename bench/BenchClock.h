@@ -23,5 +23,13 @@ inline double median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
   return v[v.size() / 2];
 }
+// The median of some runs with their range.
+struct Spread {
+  double median, lo, hi;
+};
+inline Spread spread(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return {v[v.size() / 2], v.front(), v.back()};
+}
 
 }  // namespace BenchClock

@@ -21,6 +21,7 @@
 #include <set>
 
 #include "Pim/PimRpfTable.h"
+#include "bench/BenchClock.h"
 
 namespace {
 
@@ -34,13 +35,8 @@ double secondsSince(Clock::time_point t) {
   return std::chrono::duration<double>(Clock::now() - t).count();
 }
 
-struct Stat {
-  double median, lo, hi;
-};
-Stat stat(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return {v[v.size() / 2], v.front(), v.back()};
-}
+using Stat = BenchClock::Spread;
+using BenchClock::spread;
 
 // The baseline: one bit per level, nodes in a vector.
 class BinaryTrie {
@@ -175,7 +171,7 @@ Stat timeNs(int runs, std::size_t ops, F&& fn) {
     fn();
     v.push_back(secondsSince(t) * 1e9 / static_cast<double>(ops));
   }
-  return stat(v);
+  return spread(v);
 }
 
 template <AddressFamily F>
@@ -317,8 +313,8 @@ void runFamily(std::size_t n, Ulm::EventLoop& loop, const char* label) {
   auto perSec = [](Stat ns) { return Stat{1e9 / ns.median, 1e9 / ns.hi, 1e9 / ns.lo}; };
   gRows.push_back({l + " doLookup/s", perSec(lookupNs), "/s", perSec(binNs), ">= 0.5x (aim 0.8x)"});
   gRows.push_back({l + " match/s", perSec(matchNs), "/s", perSec(binNs), "-"});
-  gRows.push_back({l + " catch-up routes/s", stat(catchUp), "/s", stat(binInsert), ">= 0.25x"});
-  gRows.push_back({l + " update routes/s", stat(updates), "/s", stat(binInsert), ">= 0.25x"});
+  gRows.push_back({l + " catch-up routes/s", spread(catchUp), "/s", spread(binInsert), ">= 0.25x"});
+  gRows.push_back({l + " update routes/s", spread(updates), "/s", spread(binInsert), ">= 0.25x"});
   const double longest = std::max(longestCatchUp, std::max(longestChange, longestResync));
   // One figure over all runs: no range. The baseline column holds the limit.
   gRows.push_back(
