@@ -783,31 +783,27 @@ namespace Routing::Pim {
 class RouteKey {
  public:
   RouteKey() noexcept = default;
+  // A zero source is stored as none: one (*,G) key, however it was written.
   RouteKey(const Nimo::IpGenAddr& source, const Nimo::IpGenAddr& group) noexcept
-      : source_(source), group_(group) {}
+      : group_(group), source_(source.isSet() && !source.isZero() ? source : Nimo::IpGenAddr()) {}
   // (*,G)
   explicit RouteKey(const Nimo::IpGenAddr& group) noexcept : group_(group) {}
   const Nimo::IpGenAddr& source() const noexcept { return source_; }
   const Nimo::IpGenAddr& group() const noexcept { return group_; }
-  bool isStarG() const noexcept { return !source_.isSet() || source_.isZero(); }
+  bool isStarG() const noexcept { return !source_.isSet(); }
   Nimo::AddressFamily af() const noexcept { return group_.af(); }
   // The fixed order, which sliced reviews resume by: family, group, (*,G) before (S,G),
-  // source. A (*,G) written with the zero source is the same key as one without.
-  friend std::strong_ordering operator<=>(const RouteKey& a, const RouteKey& b) noexcept {
-    if (auto c = a.group_.af() <=> b.group_.af(); c != 0) return c;
-    if (auto c = a.group_ <=> b.group_; c != 0) return c;
-    const bool sa = a.isStarG(), sb = b.isStarG();
-    if (sa || sb) return sb <=> sa;  // (*,G) first; two (*,G) are equal
-    return a.source_ <=> b.source_;
-  }
-  friend bool operator==(const RouteKey& a, const RouteKey& b) noexcept { return (a <=> b) == 0; }
+  // source. Member order gives it: the group first, and an unset source (family unknown)
+  // sorts before every set one.
+  friend bool operator==(const RouteKey&, const RouteKey&) = default;
+  friend std::strong_ordering operator<=>(const RouteKey&, const RouteKey&) = default;
   std::uint32_t hash() const noexcept {
     return group_.hash() * 0x9e3779b1u ^ (isStarG() ? 0u : source_.hash());
   }
 
  private:
-  Nimo::IpGenAddr source_;
   Nimo::IpGenAddr group_;
+  Nimo::IpGenAddr source_;
 };
 
 inline std::ostream& operator<<(std::ostream& os, const RouteKey& k) {
