@@ -211,48 +211,49 @@ void unrelatedChange() {
   Ulm::EventLoop loop(clock);
   auto urib = Kel::Ptr<Trie4>::make("urib", Nimo::AddressFamily::ipv4);
   auto status = Kel::Ptr<RpfStatus>::make("status");
-  for (std::uint32_t i = 0; i < 100000; ++i)
-    status->unresolvedRouteIs(
-        RouteKey(IpGenAddr::v4(0x0b000001u + (i << 8)), IpGenAddr("232.1.1.1")),
-        IpGenAddr::v4(0x0b000001u + (i << 8)));
+  for (std::uint32_t i = 0; i < 100000; ++i) {
+    const IpGenAddr src = IpGenAddr::v4(0x0b000001u + (i << 8));  // 11.0.0.1 to 12.134.159.1
+    status->unresolvedRouteIs(RouteKey(src, IpGenAddr("232.1.1.1")), src);
+  }
   auto un = unresolvedSmFactory(status, urib, nullptr, clock, loop.timers());
   while (loop.timers().nextDeadline()) {
     clock->nowIs(*loop.timers().nextDeadline());
     loop.runOnce(0.0);
   }
   constexpr int kOps = 200000;
-  std::vector<IpGenPrefix> ps;
-  for (int i = 0; i < 1024; ++i)
-    ps.emplace_back(IpGenAddr::v4(0x0c000000u + (static_cast<std::uint32_t>(i) << 10)), 22);
+  std::vector<IpGenPrefix> ps;  // /22s in 13.0.0.0/12: no unresolved source under any
+  for (std::uint32_t i = 0; i < 1024; ++i)
+    ps.emplace_back(IpGenAddr::v4(0x0d000000u + (i << 10)), 22);
   const auto& trie = un->index().trie();
+  const std::uint64_t asked0 = un->stats().reviewsAsked;
+  auto plain = Kel::Ptr<Trie4>::make("plain", Nimo::AddressFamily::ipv4);
+  volatile bool sink = false;
   double best = 1e9, bestBare = 1e9;
   for (int rep = 0; rep < 5; ++rep) {
-    volatile bool sink = false;
+    // The RIB change through the machine (one query, nothing more), beside the same change
+    // on a trie nobody watches plus the bare query by hand.
     auto t0 = Mono::now();
-    for (int i = 0; i < kOps; ++i)
-      sink = sink ^ trie.longerRoutePresent(ps[static_cast<std::size_t>(i) & 1023]);
+    for (int i = 0; i < kOps / 2; ++i) {
+      const IpGenPrefix& p = ps[static_cast<std::size_t>(i) & 1023];
+      urib->insert(p, Routing::Fib::Route());
+      urib->remove(p);
+    }
+    best = std::min(best, since(t0) / kOps);
+    t0 = Mono::now();
+    for (int i = 0; i < kOps / 2; ++i) {
+      const IpGenPrefix& p = ps[static_cast<std::size_t>(i) & 1023];
+      plain->insert(p, Routing::Fib::Route());
+      sink = sink ^ trie.longerRoutePresent(p);
+      plain->remove(p);
+      sink = sink ^ trie.longerRoutePresent(p);
+    }
     bestBare = std::min(bestBare, since(t0) / kOps);
-    // The machine's handler, reached through the RIB trie's notice; the trie's own work is
-    // taken out by timing the same insert and remove with the machine's reactor detached.
-    t0 = Mono::now();
-    for (int i = 0; i < kOps / 2; ++i) {
-      urib->insert(ps[static_cast<std::size_t>(i) & 1023], Routing::Fib::Route());
-      urib->remove(ps[static_cast<std::size_t>(i) & 1023]);
-    }
-    const double with = since(t0) / kOps;
-    auto plain = Kel::Ptr<Trie4>::make("plain", Nimo::AddressFamily::ipv4);
-    t0 = Mono::now();
-    for (int i = 0; i < kOps / 2; ++i) {
-      plain->insert(ps[static_cast<std::size_t>(i) & 1023], Routing::Fib::Route());
-      plain->remove(ps[static_cast<std::size_t>(i) & 1023]);
-    }
-    best = std::min(best, with - since(t0) / kOps);
   }
   std::printf(
-      "unrelated change: machine %.1f ns per notice, bare longerRoutePresent %.1f ns, "
-      "review scheduled: %s, reviews asked %llu\n",
+      "unrelated change: %.1f ns per RIB change with the machine, %.1f ns for the change "
+      "and a bare longerRoutePresent; review scheduled: %s, reviews asked %llu\n",
       best * 1e9, bestBare * 1e9, un->reviewScheduled() ? "yes" : "no",
-      static_cast<unsigned long long>(un->stats().reviewsAsked));
+      static_cast<unsigned long long>(un->stats().reviewsAsked - asked0));
   row("unrelated RIB change, ns", best * 1e9, bestBare * 1e9, "<= 1.5x");
 }
 
@@ -326,8 +327,8 @@ void steadyChurn() {
                       nullptr, f.rig.mfib_, f.rig.clock_, f.rig.loop_.timers());
   f.un = unresolvedSmFactory(f.status, urib, nullptr, f.rig.clock_, f.rig.loop_.timers());
   f.settle();
-  const std::size_t heap0 = heapBytes();
   f.agent.published.clear();
+  const std::size_t heap0 = heapBytes();
   f.longestCallback = 0;
   std::mt19937 rng(1);
   for (int ms = 0; ms < 10000; ++ms) {
