@@ -10,6 +10,7 @@
 #include <string>
 
 #include "Pim/PimIO.h"
+#include "tests/DrobeRootUtil.h"
 #include "tests/PimTestUtil.h"
 
 namespace PimTest {
@@ -69,21 +70,6 @@ inline Bytes joinPruneBytes(const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& d
   const std::uint32_t n = m.writeJoinPruneMessage(p, 0, nullptr);
   return bytesOf(*p, n);
 }
-
-// Private shared-memory root for the counter table, removed at the end.
-class DrobeRoot {
- public:
-  DrobeRoot() : root_(fmt::format("/dev/shm/pimiotest.{}", ::getpid())) {
-    ::setenv("DROBE_ROOT", root_.c_str(), 1);
-  }
-  ~DrobeRoot() {
-    std::error_code ec;
-    std::filesystem::remove_all(root_, ec);
-  }
-
- private:
-  std::string root_;
-};
 
 // The platform status and the I/O machine of one VRF and family.
 struct IoRig {

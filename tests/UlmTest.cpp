@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Pim/platform/Ulm.h"
 
@@ -117,6 +118,50 @@ TEST_F(UlmTest, FdCallbacksRunOnReadabilityNotAfterUnwatchAndRunStops) {
   p.put();
   loop_.run();  // would block forever if stop() were ignored
   EXPECT_EQ(reads, 3);
+}
+
+// The review timer: a machine asking again at the end of every run gets its runs minDelay
+// apart while credits last, then maxDelay apart; an idle second buys a short delay back.
+TEST_F(UlmTest, ReviewTimerSpacesRunsByCredits) {
+  std::vector<double> runs;
+  auto timer = std::make_unique<Ulm::ReviewTimer>(wheel_, clock_, 1.0, 4, 0.01, 0.05,
+                                                  [&] { runs.push_back(clock_->now()); });
+  // Steps the clock to the next deadline and runs the wheel, as the event loop would.
+  auto pass = [&] {
+    ASSERT_TRUE(timer->scheduled());
+    clock_->nowIs(timer->deadline());
+    loop_.runOnce(0.0);
+  };
+  timer->request();
+  for (int i = 0; i < 7; ++i) {
+    pass();
+    timer->request();
+    timer->request();  // joins the run already scheduled
+  }
+  const double gaps[] = {0.01, 0.01, 0.01, 0.01, 0.05, 0.05, 0.05};
+  ASSERT_EQ(runs.size(), 7u);
+  double t = 100.0;
+  for (std::size_t i = 0; i < runs.size(); ++i) {
+    t += gaps[i];
+    EXPECT_NEAR(runs[i], t, 1e-9) << "run " << i;
+  }
+  // Idle: one credit per second comes back, so the next request is short again.
+  pass();
+  clock_->advance(1.0);
+  timer->request();
+  EXPECT_NEAR(timer->deadline() - clock_->now(), 0.01, 1e-9);
+  // An immediate run fires on the next pass of the wheel, never inside the call.
+  runs.clear();
+  timer->requestImmediate();
+  EXPECT_TRUE(runs.empty());
+  loop_.runOnce(0.0);
+  EXPECT_EQ(runs.size(), 1u);
+  // Destroying the owner's timer cancels its run.
+  timer->request();
+  timer.reset();
+  clock_->advance(1.0);
+  EXPECT_EQ(loop_.runOnce(0.0), 0u);
+  EXPECT_EQ(runs.size(), 1u);
 }
 
 }  // namespace

@@ -39,6 +39,8 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -781,19 +783,27 @@ namespace Routing::Pim {
 class RouteKey {
  public:
   RouteKey() noexcept = default;
+  // A zero source is stored as none: one (*,G) key, however it was written.
   RouteKey(const Nimo::IpGenAddr& source, const Nimo::IpGenAddr& group) noexcept
-      : source_(source), group_(group) {}
+      : group_(group), source_(source.isSet() && !source.isZero() ? source : Nimo::IpGenAddr()) {}
   // (*,G)
   explicit RouteKey(const Nimo::IpGenAddr& group) noexcept : group_(group) {}
   const Nimo::IpGenAddr& source() const noexcept { return source_; }
   const Nimo::IpGenAddr& group() const noexcept { return group_; }
-  bool isStarG() const noexcept { return !source_.isSet() || source_.isZero(); }
+  bool isStarG() const noexcept { return !source_.isSet(); }
+  Nimo::AddressFamily af() const noexcept { return group_.af(); }
+  // The fixed order, which sliced reviews resume by: family, group, (*,G) before (S,G),
+  // source. Member order gives it: the group first, and an unset source (family unknown)
+  // sorts before every set one.
   friend bool operator==(const RouteKey&, const RouteKey&) = default;
-  friend auto operator<=>(const RouteKey&, const RouteKey&) = default;
+  friend std::strong_ordering operator<=>(const RouteKey&, const RouteKey&) = default;
+  std::uint32_t hash() const noexcept {
+    return group_.hash() * 0x9e3779b1u ^ (isStarG() ? 0u : source_.hash());
+  }
 
  private:
-  Nimo::IpGenAddr source_;
   Nimo::IpGenAddr group_;
+  Nimo::IpGenAddr source_;
 };
 
 inline std::ostream& operator<<(std::ostream& os, const RouteKey& k) {
@@ -846,5 +856,150 @@ struct Rpf {
 inline std::ostream& operator<<(std::ostream& os, const Rpf& r) {
   return os << Kel::valueToStrep(r);
 }
+
+}  // namespace Routing::Pim
+
+// ---------------------------------------------------------------------------------------
+// RPF records of the agent and what the RPF state machines publish to it.
+//
+// - RouteKeyHash: RouteKey's hash for unordered containers.
+// - RpfConfig: the agent's Rpf per multicast route, `rpfConfigInfo` (RouteKey to
+//   RpfConfigInfo). The agent records the target it looked up (the source, or the RP of a
+//   (*,G)) in the Rpf even when the lookup found nothing; an Rpf without an interface is the
+//   empty Rpf: the route has no RPF. Notices: onRpfConfigInfo(key) per key written or
+//   deleted (a write of the value already there notifies nothing), onRpfConfigInfo() after
+//   rpfConfigInfoDelAll.
+// - RpfStatus: what the machines publish.
+//   - unresolvedRoute / unresolvedWcRoute: the (S,G) / (*,G) routes without an RPF, each
+//     mapped to the address it needs (source or RP). A map, not a set: the unresolved-route
+//     machine indexes a (*,G) by its RP, which the key does not hold, and a new RP for a
+//     route that stays unresolved is a change that notifies.
+//   - rpfRouteChanged: the routes whose RPF the agent must look up again. Publishing a key
+//     already in the set notifies nothing: the agent drains the set with rpfRouteChangedDel
+//     after recomputing, and a key it has not drained yet is not announced twice.
+//   - rpfRouteChangedCount: every publication counted, drained or not.
+//   Handlers (NotifieeConst, and Notifiee for watchers that write back): onX(key) for a
+//   change of one key (written, changed, deleted: read the collection to tell which),
+//   onX() for a change of the whole collection (DelAll, or a count set outright).
+//   rpfRouteChangedCountInc(key) counts the publication of that key and calls the keyed
+//   onRpfRouteChangedCount(key); rpfRouteChangedCountIs(n) calls the plain one.
+//   The two unresolved collections also have onUnresolvedRouteImmediate() and
+//   onUnresolvedWcRouteImmediate(): every notice is synchronous, and "immediate" means
+//   order (Kel.h): for one whole-collection change, every notifiee's immediate handler runs
+//   before any notifiee's plain one, so an index kept beside the collection is rebuilt
+//   before ordinary watchers read through it.
+namespace Routing::Pim {
+
+struct RouteKeyHash {
+  std::size_t operator()(const RouteKey& k) const noexcept { return k.hash(); }
+};
+
+struct RpfConfigInfo {
+  static constexpr std::string_view kTypeName = "Routing::Pim::RpfConfigInfo";
+  Rpf rpf;
+  static constexpr auto kFields = std::make_tuple(Kel::field("rpf", &RpfConfigInfo::rpf));
+  RpfConfigInfo() = default;
+  explicit RpfConfigInfo(const Rpf& r) : rpf(r) {}
+  RpfConfigInfo(const char* begin, const char* end) { Kel::parseValue(begin, end, *this); }
+  friend bool operator==(const RpfConfigInfo&, const RpfConfigInfo&) = default;
+};
+inline std::ostream& operator<<(std::ostream& os, const RpfConfigInfo& r) {
+  return os << Kel::valueToStrep(r);
+}
+
+class RpfConfig : public Kel::Entity {
+ public:
+  using Map = std::unordered_map<RouteKey, RpfConfigInfo, RouteKeyHash>;
+  class NotifieeConst : public Kel::BaseNotifiee<const RpfConfig, NotifieeConst> {
+   public:
+    virtual void onRpfConfigInfo(const RouteKey&) {}
+    virtual void onRpfConfigInfo() {}
+  };
+  void notifieeAdd(NotifieeConst* n) const { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) const { notifiees_.remove(n); }
+
+  explicit RpfConfig(Kel::Name name) : Kel::Entity(std::move(name)) {}
+  const Map& rpfConfigInfo() const noexcept { return info_; }
+  // The record of key, or null.
+  const RpfConfigInfo* rpfConfigInfo(const RouteKey& k) const {
+    auto it = info_.find(k);
+    return it == info_.end() ? nullptr : &it->second;
+  }
+  void rpfConfigInfoIs(const RouteKey& k, const RpfConfigInfo& v);
+  void rpfConfigInfoDel(const RouteKey& k);
+  void rpfConfigInfoDelAll();
+  void rpfConfigInfoNotify(const RouteKey& k) const {
+    notifiees_.forEach([&](NotifieeConst& n) { n.onRpfConfigInfo(k); });
+  }
+
+ private:
+  Map info_;
+  mutable Kel::NotifieeList<NotifieeConst> notifiees_;
+};
+
+class RpfStatus : public Kel::Entity {
+ public:
+  using AddrMap = std::map<RouteKey, Nimo::IpGenAddr>;  // ordered: reviews resume by key
+  using KeySet = std::unordered_set<RouteKey, RouteKeyHash>;
+  class NotifieeConst : public Kel::BaseNotifiee<const RpfStatus, NotifieeConst> {
+   public:
+    virtual void onUnresolvedRoute(const RouteKey&) {}
+    virtual void onUnresolvedRoute() {}
+    virtual void onUnresolvedRouteImmediate() {}
+    virtual void onUnresolvedWcRoute(const RouteKey&) {}
+    virtual void onUnresolvedWcRoute() {}
+    virtual void onUnresolvedWcRouteImmediate() {}
+    virtual void onRpfRouteChanged(const RouteKey&) {}
+    virtual void onRpfRouteChanged() {}
+    virtual void onRpfRouteChangedCount(const RouteKey&) {}
+    virtual void onRpfRouteChangedCount() {}
+  };
+  // The writable form: the same handlers, for watchers holding the status to write it
+  // (an agent draining rpfRouteChanged from its handler).
+  class Notifiee : public NotifieeConst {
+   public:
+    const Kel::Ptr<RpfStatus>& notifierWritable() const noexcept { return writable_; }
+    void notifierIs(const Kel::Ptr<RpfStatus>& s) {
+      writable_ = s;
+      NotifieeConst::notifierIs(s);
+    }
+
+   private:
+    Kel::Ptr<RpfStatus> writable_;
+  };
+  void notifieeAdd(NotifieeConst* n) const { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) const { notifiees_.remove(n); }
+
+  explicit RpfStatus(Kel::Name name) : Kel::Entity(std::move(name)) {}
+
+  const AddrMap& unresolvedRoute() const noexcept { return unresolved_; }
+  void unresolvedRouteIs(const RouteKey& k, const Nimo::IpGenAddr& target);
+  void unresolvedRouteDel(const RouteKey& k);
+  void unresolvedRouteDelAll();
+  const AddrMap& unresolvedWcRoute() const noexcept { return unresolvedWc_; }
+  void unresolvedWcRouteIs(const RouteKey& k, const Nimo::IpGenAddr& rp);
+  void unresolvedWcRouteDel(const RouteKey& k);
+  void unresolvedWcRouteDelAll();
+
+  const KeySet& rpfRouteChanged() const noexcept { return changed_; }
+  bool rpfRouteChangedHas(const RouteKey& k) const { return changed_.count(k) != 0; }
+  void rpfRouteChangedIs(const RouteKey& k);
+  void rpfRouteChangedDel(const RouteKey& k);
+  void rpfRouteChangedDelAll();
+
+  std::uint64_t rpfRouteChangedCount() const noexcept { return count_; }
+  void rpfRouteChangedCountInc(const RouteKey& k, std::uint64_t n = 1);
+  void rpfRouteChangedCountIs(std::uint64_t n);
+
+ private:
+  void addrIs(AddrMap& m, const RouteKey& k, const Nimo::IpGenAddr& a, bool wc);
+  void addrDel(AddrMap& m, const RouteKey& k, bool wc);
+  void addrDelAll(AddrMap& m, bool wc);
+  AddrMap unresolved_;
+  AddrMap unresolvedWc_;
+  KeySet changed_;
+  std::uint64_t count_ = 0;
+  mutable Kel::NotifieeList<NotifieeConst> notifiees_;
+};
 
 }  // namespace Routing::Pim

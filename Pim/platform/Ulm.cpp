@@ -157,4 +157,65 @@ void EventLoop::run() {
   while (!stopped_) runOnce(3600.0);
 }
 
+// ---------------------------------------------------------------------------------------
+// ReviewTimer
+
+ReviewTimer::ReviewTimer(TimerWheel& wheel, Kel::Ptr<const Kel::Clock> clock, double fillInterval,
+                         std::uint32_t maxCredits, double minDelay, double maxDelay, Callback cb)
+    : clock_(std::move(clock)),
+      fillInterval_(fillInterval),
+      maxCredits_(maxCredits),
+      minDelay_(minDelay),
+      maxDelay_(maxDelay),
+      credits_(maxCredits),
+      lastFill_(clock_->now()),
+      cb_(std::move(cb)),
+      timer_(wheel, [this] { fire(); }) {}
+
+void ReviewTimer::refill() {
+  const Kel::Time now = clock_->now();
+  if (credits_ >= maxCredits_) {
+    lastFill_ = now;  // a full bucket does not bank time
+    return;
+  }
+  if (fillInterval_ <= 0) {
+    credits_ = maxCredits_;
+    lastFill_ = now;
+    return;
+  }
+  const double earned = std::floor((now - lastFill_) / fillInterval_);
+  if (earned < 1) return;
+  const double room = maxCredits_ - credits_;
+  if (earned >= room) {
+    credits_ = maxCredits_;
+    lastFill_ = now;
+  } else {
+    credits_ += static_cast<std::uint32_t>(earned);
+    lastFill_ += earned * fillInterval_;
+  }
+}
+
+std::uint32_t ReviewTimer::credits() {
+  refill();
+  return credits_;
+}
+
+void ReviewTimer::request() {
+  if (timer_.armed()) return;
+  refill();
+  timer_.deadlineIs(clock_->now() + (credits_ > 0 ? minDelay_ : maxDelay_));
+}
+
+void ReviewTimer::requestImmediate() {
+  const Kel::Time now = clock_->now();
+  if (timer_.armed() && timer_.deadline() <= now) return;
+  timer_.deadlineIs(now);
+}
+
+void ReviewTimer::fire() {
+  refill();
+  if (credits_ > 0) --credits_;
+  if (cb_) cb_();
+}
+
 }  // namespace Ulm

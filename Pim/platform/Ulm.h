@@ -162,4 +162,49 @@ class FdWatch {
   int fd_;
 };
 
+// ---------------------------------------------------------------------------------------
+// ReviewTimer: the credit-based scheduler of sliced reviews (the RPF machines). The owner
+// calls request() when it has work and at the end of a slice that left work over; the
+// timer calls back on the wheel. Its rules:
+// - a request while a run is scheduled joins that run (nothing moves);
+// - otherwise the run is scheduled minDelay ahead when a credit is available, maxDelay
+//   ahead when not, so no request waits longer than maxDelay;
+// - a run that starts uses a credit if there is one;
+// - credits come back one per fill interval, up to maxCredits (full at construction);
+// - requestImmediate() moves the run to the next pass of the wheel (now, never inside the
+//   caller's stack: the wheel fences timers armed during a pass to the next one).
+// So a long review runs its slices minDelay apart maxCredits times, then maxDelay apart,
+// and after an idle fill interval a request gets minDelay again. Credits and deadlines are
+// read from `clock`, which must be the wheel's clock (or run in step with it). The timer is
+// a member of its machine: destroying it cancels the run.
+class ReviewTimer {
+ public:
+  using Callback = std::function<void()>;
+  ReviewTimer(TimerWheel& wheel, Kel::Ptr<const Kel::Clock> clock, double fillInterval,
+              std::uint32_t maxCredits, double minDelay, double maxDelay, Callback cb);
+
+  void request();
+  void requestImmediate();
+  void cancel() { timer_.cancel(); }
+  bool scheduled() const noexcept { return timer_.armed(); }
+  Kel::Time deadline() const noexcept { return timer_.deadline(); }
+  // Credits now (refilled up to the clock's time).
+  std::uint32_t credits();
+  double minDelay() const noexcept { return minDelay_; }
+  double maxDelay() const noexcept { return maxDelay_; }
+
+ private:
+  void refill();
+  void fire();
+  Kel::Ptr<const Kel::Clock> clock_;
+  double fillInterval_;
+  std::uint32_t maxCredits_;
+  double minDelay_;
+  double maxDelay_;
+  std::uint32_t credits_;
+  Kel::Time lastFill_;
+  Callback cb_;
+  Timer timer_;
+};
+
 }  // namespace Ulm

@@ -1,0 +1,115 @@
+// RouteKeyReview and TargetIndex: the pending set with its sliced review, and the index of
+// route keys by the address they need.
+#include "Pim/RpfReview.h"
+
+#include <algorithm>
+
+namespace Routing::Pim {
+
+RouteKeyReview::RouteKeyReview(Ulm::TimerWheel& wheel, Kel::Ptr<const Kel::Clock> clock,
+                               Flicklog::Facility& trace, std::string prefix, Publish publish)
+    : trace_(trace),
+      prefix_(std::move(prefix)),
+      publish_(std::move(publish)),
+      deadlineClock_(Kel::Ptr<Kel::SystemClock>::make()),
+      timer_(wheel, std::move(clock), kReviewFillInterval, kReviewCredits, kReviewMinDelay,
+             kReviewMaxDelay, [this] { doReview(); }) {}
+
+void RouteKeyReview::mark(const RouteKey& k) {
+  pending_.insert(k);
+  timer_.request();
+}
+
+void RouteKeyReview::clear() {
+  pending_.clear();
+  bookmark_.reset();
+  timer_.cancel();
+}
+
+void RouteKeyReview::doReview() {
+  if (pending_.empty()) {
+    bookmark_.reset();
+    return;
+  }
+  FLICK_TRACE(trace_, 4, "{}: Starting new review", prefix_);
+  ++stats_.runs;
+  const Kel::Time start = deadlineClock_->now();
+  const Kel::Time deadline = start + quantum_;
+  Kel::Time last = start;
+  std::uint64_t done = 0;
+  auto it = bookmark_ ? pending_.lower_bound(*bookmark_) : pending_.begin();
+  while (it != pending_.end()) {
+    if (done > 0 && (last = deadlineClock_->now()) >= deadline) break;
+    const RouteKey k = *it;
+    pending_.erase(it);
+    publish_(k);
+    ++done;
+    // The publication may have changed the set: look the next key up afresh.
+    it = pending_.upper_bound(k);
+  }
+  stats_.published += done;
+  if (it != pending_.end()) {
+    stats_.longestSlice = std::max(stats_.longestSlice, last - start);
+    bookmark_ = *it;
+    FLICK_TRACE(trace_, 4, "{}: Suspending review {} published, {} pending", prefix_, done,
+                pending_.size());
+    timer_.request();
+    return;
+  }
+  stats_.longestSlice = std::max(stats_.longestSlice, deadlineClock_->now() - start);
+  bookmark_.reset();
+  FLICK_TRACE(trace_, 4, "{}: Finished review", prefix_);
+  // Keys marked behind the bookmark while the review was suspended.
+  if (!pending_.empty()) timer_.request();
+}
+
+void TargetIndex::keyIs(const RouteKey& k, const Nimo::IpGenAddr& addr) {
+  auto it = addr_.find(k);
+  if (it != addr_.end()) {
+    if (it->second == addr) return;
+    keyDel(k);
+  }
+  if (!addr.isSet() || addr.af() != trie_.af()) return;
+  addr_.emplace(k, addr);
+  if (users_[addr]++ == 0) trie_.insert(hostOf(addr), 1);
+}
+
+void TargetIndex::keyDel(const RouteKey& k) {
+  auto it = addr_.find(k);
+  if (it == addr_.end()) return;
+  const Nimo::IpGenAddr a = it->second;
+  addr_.erase(it);
+  auto u = users_.find(a);
+  if (--u->second == 0) {
+    users_.erase(u);
+    trie_.remove(hostOf(a));
+  }
+}
+
+void TargetIndex::clear() {
+  trie_.clear();
+  users_.clear();
+  addr_.clear();
+}
+
+std::string TargetIndex::checkForTest() const {
+  if (trie_.size() != users_.size()) return "trie and users differ in size";
+  std::unordered_map<Nimo::IpGenAddr, std::uint32_t, AddrHash> count;
+  for (const auto& [k, a] : addr_) ++count[a];
+  if (count != users_) return "user counts differ from the keys";
+  for (const auto& [a, n] : users_)
+    if (!trie_.find(hostOf(a))) return "target missing from the trie: " + a.str();
+  return "";
+}
+
+std::size_t TargetIndex::memoryBytes() const noexcept {
+  // Hash nodes: the value, a next pointer and the cached hash; buckets one pointer each.
+  constexpr std::size_t kNode = 2 * sizeof(void*);
+  return trie_.memoryBytes() +
+         users_.size() * (sizeof(Nimo::IpGenAddr) + sizeof(std::uint32_t) + kNode) +
+         users_.bucket_count() * sizeof(void*) +
+         addr_.size() * (sizeof(RouteKey) + sizeof(Nimo::IpGenAddr) + kNode) +
+         addr_.bucket_count() * sizeof(void*);
+}
+
+}  // namespace Routing::Pim

@@ -1,0 +1,131 @@
+// The two pieces the RPF state machines share (and the next-hop-tracking machine reuses):
+//
+// - RouteKeyReview: a pending set of route keys and its sliced review. mark(key) adds a key
+//   and asks the review timer for a run; each run walks the set in RouteKey order from a
+//   bookmark, hands every key to the owner's publish callback and removes it, and stops
+//   when the quantum is spent (at least one key per run), keeping the next key as the
+//   bookmark. After "Finished review" the bookmark returns to the start, and keys marked
+//   behind it while the review was suspended are published by the next run. The walk goes
+//   from key to key (never an iterator across a publication): the owner's callback may
+//   publish to an agent that writes or deletes routes synchronously, which unmarks keys
+//   under the walk. A key is removed before it is published, so a key marked again from
+//   inside its own publication waits for a later run rather than being lost.
+//   The quantum's deadline is read from the deadline clock (the monotonic system clock by
+//   default; tests hand in one that steps on every read); the review timer keeps the
+//   machine's clock.
+// - TargetIndex: route keys indexed by the address each one needs, in a trie of host
+//   prefixes, so that a RIB change can ask with one trie query whether any key lies under
+//   it. A key moves when its address changes; a prefix lives while it has users.
+//
+// Threading: event-loop thread only; no locks.
+//
+// Usage:
+//   Routing::Pim::RouteKeyReview review(wheel, clock, "RpfSm",
+//                                       [&](const RouteKey& k) { status->rpfRouteChangedIs(k); });
+//   review.mark(key);          // published on a later pass of the wheel
+//   Routing::Pim::TargetIndex idx("UnresolvedTrie", Nimo::AddressFamily::ipv4);
+//   idx.keyIs(key, Nimo::IpGenAddr("10.1.1.1"));
+//   idx.anyUnder(Nimo::IpGenPrefix("10.0.0.0/8"));  // true
+#pragma once
+
+#include <fmt/ostream.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Pim/platform/Flicklog.h"
+#include "Pim/platform/Kel.h"
+#include "Pim/platform/PimCore.h"
+#include "Pim/platform/Ulm.h"
+#include "Pim/platform/routing/Trie.h"
+
+namespace Routing::Pim {
+
+// The review timer's parameters, shared by the RPF machines.
+inline constexpr double kReviewFillInterval = 1.0;
+inline constexpr std::uint32_t kReviewCredits = 4;
+inline constexpr double kReviewMinDelay = 0.01;
+inline constexpr double kReviewMaxDelay = 0.05;
+inline constexpr double kReviewQuantum = 0.1;
+
+// Slice figures for tests and benches.
+struct ReviewStats {
+  std::uint64_t runs = 0;       // slices run
+  std::uint64_t published = 0;  // keys handed to the callback
+  double longestSlice = 0;      // seconds, by the deadline clock
+};
+
+class RouteKeyReview {
+ public:
+  using Publish = std::function<void(const RouteKey&)>;
+  RouteKeyReview(Ulm::TimerWheel& wheel, Kel::Ptr<const Kel::Clock> clock,
+                 Flicklog::Facility& trace, std::string prefix, Publish publish);
+
+  void mark(const RouteKey& k);
+  void unmark(const RouteKey& k) { pending_.erase(k); }
+  bool marked(const RouteKey& k) const { return pending_.count(k) != 0; }
+  const std::set<RouteKey>& pending() const noexcept { return pending_; }
+  const std::optional<RouteKey>& bookmark() const noexcept { return bookmark_; }
+  // Drops every pending key (the owner is being reset).
+  void clear();
+
+  double reviewQuantum() const noexcept { return quantum_; }
+  void reviewQuantumIs(double q) noexcept { quantum_ = q; }
+  void deadlineClockIs(Kel::Ptr<const Kel::Clock> c) { deadlineClock_ = std::move(c); }
+  const ReviewStats& stats() const noexcept { return stats_; }
+  bool scheduled() const noexcept { return timer_.scheduled(); }
+
+  // One run; the timer calls it.
+  void doReview();
+
+ private:
+  Flicklog::Facility& trace_;
+  std::string prefix_;
+  Publish publish_;
+  std::set<RouteKey> pending_;
+  std::optional<RouteKey> bookmark_;
+  double quantum_ = kReviewQuantum;
+  Kel::Ptr<const Kel::Clock> deadlineClock_;
+  ReviewStats stats_;
+  Ulm::ReviewTimer timer_;
+};
+
+class TargetIndex {
+ public:
+  TargetIndex(Kel::Name name, Nimo::AddressFamily af) : trie_(std::move(name), af) {}
+
+  // Enters or moves key under addr (an unset addr only removes it).
+  void keyIs(const RouteKey& k, const Nimo::IpGenAddr& addr);
+  void keyDel(const RouteKey& k);
+  void clear();
+  // Some key's address lies inside p: one trie query.
+  bool anyUnder(const Nimo::IpGenPrefix& p) const { return trie_.longerRoutePresent(p); }
+  std::size_t keys() const noexcept { return addr_.size(); }
+  std::size_t targets() const noexcept { return users_.size(); }
+  const Nimo::IpGenAddr* addressOf(const RouteKey& k) const {
+    auto it = addr_.find(k);
+    return it == addr_.end() ? nullptr : &it->second;
+  }
+  const Routing::TrieGen<std::uint8_t>& trie() const noexcept { return trie_; }
+  // Trie, users and key map agree; "" when they do, else what is wrong.
+  std::string checkForTest() const;
+  std::size_t memoryBytes() const noexcept;
+
+ private:
+  struct AddrHash {
+    std::size_t operator()(const Nimo::IpGenAddr& a) const noexcept { return a.hash(); }
+  };
+  static Nimo::IpGenPrefix hostOf(const Nimo::IpGenAddr& a) {
+    return Nimo::IpGenPrefix(a, static_cast<std::uint8_t>(a.byteLength() * 8));
+  }
+  Routing::TrieGen<std::uint8_t> trie_;
+  std::unordered_map<Nimo::IpGenAddr, std::uint32_t, AddrHash> users_;
+  std::unordered_map<RouteKey, Nimo::IpGenAddr, RouteKeyHash> addr_;
+};
+
+}  // namespace Routing::Pim

@@ -1,0 +1,499 @@
+// RpfSm. Inputs:
+// - config (RpfConfig): onRpfConfigInfo(key) -> handleRpfConfigInfo; onRpfConfigInfo() ->
+//   reconciled key by key;
+// - uribTrie, mribTrie: onChangedRoute -> routeAdded / routeUpdated / routeDeleted;
+//   onChangedAll -> every linked route marked;
+// - mfibConfig: onMultipathControl -> every linked route marked;
+// - the review timer (inside RouteKeyReview) -> doReview.
+#include "Pim/RpfSm.h"
+
+#include <unordered_map>
+
+namespace Routing::Pim {
+
+namespace {
+
+Flicklog::Facility& rpfSmTrace() {
+  static Flicklog::Facility& f = Flicklog::facility("RpfSm");
+  return f;
+}
+
+constexpr std::string_view kBadPrefix = "Prefix::validAsPrefix != true not allowed";
+
+struct PrefixHash {
+  std::size_t operator()(const Nimo::IpGenPrefix& p) const noexcept { return p.hash(); }
+};
+
+// One user of a linked prefix; ordered by target so that the users under a more specific
+// prefix are one range.
+struct User {
+  Nimo::IpGenAddr target;
+  RouteKey key;
+  RpfRib rib;  // the RIB of the user's own Rpf; not part of the order
+  bool operator<(const User& o) const noexcept {
+    if (auto c = target <=> o.target; c != 0) return c < 0;
+    return key < o.key;
+  }
+};
+
+template <Nimo::AddressFamily F>
+class RpfSmGen final : public RpfSm {
+ public:
+  using RibTrie = Routing::TrieGen<Routing::RouteGen<F>>;
+
+  RpfSmGen(Kel::Ptr<const RpfConfig> config, Kel::Ptr<RpfStatus> status,
+           Kel::Ptr<const RibTrie> uribTrie, Kel::Ptr<const RibTrie> mribTrie,
+           Kel::Ptr<PimRpfTable> pimRpfTable, Kel::Ptr<RpHashStatus> rpHashStatus,
+           Kel::Ptr<const Routing::Multicast::Fib::Config> mfibConfig,
+           Kel::Ptr<const Kel::Clock> clock, Ulm::TimerWheel& wheel)
+      : RpfSm(F == Nimo::AddressFamily::ipv4 ? "RpfSm" : "RpfSm6"),
+        config_(std::move(config)),
+        status_(std::move(status)),
+        uribTrie_(std::move(uribTrie)),
+        mribTrie_(std::move(mribTrie)),
+        pimRpfTable_(std::move(pimRpfTable)),
+        rpHashStatus_(std::move(rpHashStatus)),
+        mfibConfig_(std::move(mfibConfig)),
+        clock_(std::move(clock)),
+        trie_("RpfTrie", F),
+        review_(wheel, clock_, rpfSmTrace(), "RpfSm", [this](const RouteKey& k) { publish(k); }),
+        configReactor_(this),
+        uribReactor_(this, RpfRib::U),
+        mribReactor_(this, RpfRib::M),
+        mfibReactor_(this) {
+    KEL_ASSERT(config_ && status_);
+    handleInitialized();
+  }
+
+  Nimo::AddressFamily af() const noexcept override { return F; }
+  const std::set<RouteKey>& changeRpf() const noexcept override { return review_.pending(); }
+  const std::optional<RouteKey>& reviewBookmark() const noexcept override {
+    return review_.bookmark();
+  }
+  double reviewQuantum() const noexcept override { return review_.reviewQuantum(); }
+  void reviewQuantumIs(double q) override { review_.reviewQuantumIs(q); }
+  void reviewDeadlineClockIs(Kel::Ptr<const Kel::Clock> c) override {
+    review_.deadlineClockIs(std::move(c));
+  }
+  bool reviewScheduled() const noexcept override { return review_.scheduled(); }
+  void doReview() override { review_.doReview(); }
+  std::size_t trieSize() const noexcept override { return trie_.size(); }
+  std::size_t userCount(const Nimo::IpGenPrefix& p) const override {
+    auto it = entries_.find(p);
+    return it == entries_.end() ? 0 : it->second.user.size();
+  }
+  const Stats& stats() const noexcept override { return stats_; }
+  const ReviewStats& reviewStats() const noexcept override { return review_.stats(); }
+  std::string checkInvariantsForTest(bool quiescent) const override;
+
+ private:
+  struct TrieEntryInfo {
+    RpfRib rib = RpfRib::none;
+    std::set<User> user;
+  };
+  // What a key was linked to, or that it is unresolved.
+  struct Link {
+    Nimo::IpGenPrefix prefix;
+    Nimo::IpGenAddr target;
+    RpfRib rib = RpfRib::none;
+    bool unresolved = false;
+  };
+
+  struct ConfigReactor : RpfConfig::NotifieeConst {
+    explicit ConfigReactor(RpfSmGen* o) : owner(o) {}
+    void onRpfConfigInfo(const RouteKey& k) override { owner->handleRpfConfigInfo(k); }
+    void onRpfConfigInfo() override { owner->handleRpfConfigInfoAll(); }
+    RpfSmGen* owner;
+  };
+  struct RibReactor : RibTrie::NotifieeConst {
+    RibReactor(RpfSmGen* o, RpfRib r) : owner(o), rib(r) {}
+    void onChangedRoute(const Nimo::IpGenPrefix& p, Routing::TrieChange c) override {
+      owner->handleRibChange(p, c, rib);
+    }
+    void onChangedAll() override { owner->markAllLinked(); }
+    RpfSmGen* owner;
+    RpfRib rib;
+  };
+  struct MfibReactor : Routing::Multicast::Fib::Config::NotifieeConst {
+    explicit MfibReactor(RpfSmGen* o) : owner(o) {}
+    void onMultipathControl() override { owner->handleMultipathControl(); }
+    RpfSmGen* owner;
+  };
+
+  // Registration needs the watched entity writable; watching changes nothing in it.
+  template <typename T>
+  static Kel::Ptr<T> watchable(const Kel::Ptr<const T>& p) {
+    return Kel::Ptr<T>(const_cast<T*>(p.ptr()));
+  }
+
+  void handleInitialized() {
+    configReactor_.notifierIs(config_);
+    if (uribTrie_) uribReactor_.notifierIs(watchable(uribTrie_));
+    if (mribTrie_) mribReactor_.notifierIs(watchable(mribTrie_));
+    if (mfibConfig_) mfibReactor_.notifierIs(watchable(mfibConfig_));
+    // A machine started after the agent wrote routes treats them all as changed.
+    for (const auto& [k, info] : config_->rpfConfigInfo()) {
+      if (k.af() != F) continue;
+      handleRpf(k);
+      if (!links_.at(k).unresolved) mark(k);
+    }
+  }
+
+  void handleRpfConfigInfo(const RouteKey& k) {
+    if (k.af() != F) return;
+    if (config_->rpfConfigInfo(k)) {
+      handleRpf(k);
+    } else {
+      handleDelete(k);
+    }
+  }
+
+  void handleRpfConfigInfoAll() {
+    std::vector<RouteKey> gone;
+    for (const auto& [k, l] : links_)
+      if (!config_->rpfConfigInfo(k)) gone.push_back(k);
+    for (const RouteKey& k : gone) handleDelete(k);
+    for (const auto& [k, info] : config_->rpfConfigInfo())
+      if (k.af() == F) handleRpf(k);
+  }
+
+  static Nimo::IpGenAddr targetOf(const RouteKey& k, const Rpf& rpf) {
+    if (rpf.target.isSet()) return rpf.target;
+    if (!k.isStarG()) return k.source();
+    return rpf.prefix.address();  // a (*,G) Rpf without its RP: the prefix stands in
+  }
+
+  void handleRpf(const RouteKey& k) {
+    auto& tr = rpfSmTrace();
+    const Rpf& rpf = config_->rpfConfigInfo(k)->rpf;
+    const bool empty = rpf.rpfIntf.empty();
+    if (!empty) {
+      // Both checks come before any change of state: a throw leaves the machine as it was.
+      if (rpf.rib != RpfRib::U && rpf.rib != RpfRib::M) {
+        Kel::assertionFailed("rpf.rpfRib() == U() || rpf.rpfRib() == M()", __FILE__, __LINE__);
+      }
+      if (rpf.prefix.af() != F || !(rpf.prefix.masked() == rpf.prefix)) {
+        throw Kel::RangeError(std::string(kBadPrefix));
+      }
+    }
+    const Nimo::IpGenAddr target = targetOf(k, rpf);
+    auto it = links_.find(k);
+    const Link* old = it == links_.end() ? nullptr : &it->second;
+    const bool wc = k.isStarG();
+    if (empty) {
+      if (old && old->unresolved && old->target == target) return;
+      FLICK_TRACE(tr, 4, "RpfSm: RPF changed, adding {} to unresolved {}", fmt::streamed(k),
+                  wc ? "(*,G) routes" : "routes");
+      if (old && !old->unresolved) unlink(k, old->prefix, old->target);
+      links_[k] = Link{Nimo::IpGenPrefix(), target, RpfRib::none, true};
+      FLICK_TRACE(tr, 4, " Adding to {} key {}", wc ? "unresolvedWcRoute" : "unresolvedRoute",
+                  fmt::streamed(k));
+      if (wc) {
+        status_->unresolvedWcRouteIs(k, target);
+      } else {
+        status_->unresolvedRouteIs(k, target);
+      }
+      return;
+    }
+    if (old && !old->unresolved && old->prefix == rpf.prefix && old->rib == rpf.rib &&
+        old->target == target) {
+      return;  // the same link: a rewrite of an equal route, or a new neighbour only
+    }
+    int prevLen = -1;
+    if (old && old->unresolved) {
+      FLICK_TRACE(tr, 4, "RpfSm: RPF changed, removing {} from unresolved {}", fmt::streamed(k),
+                  wc ? "(*,G) routes" : "routes");
+      if (wc) {
+        status_->unresolvedWcRouteDel(k);
+      } else {
+        status_->unresolvedRouteDel(k);
+      }
+    } else if (old) {
+      prevLen = old->prefix.maskLen();
+      unlink(k, old->prefix, old->target);
+    }
+    link(k, rpf.prefix, rpf.rib, target);
+    links_[k] = Link{rpf.prefix, target, rpf.rib, false};
+    if (prevLen >= 0 && prevLen != rpf.prefix.maskLen()) {
+      FLICK_TRACE(tr, 4, "RpfSm: prevRpfLen changed from {} for key {}", prevLen, fmt::streamed(k));
+    }
+  }
+
+  void link(const RouteKey& k, const Nimo::IpGenPrefix& p, RpfRib rib,
+            const Nimo::IpGenAddr& target) {
+    auto& tr = rpfSmTrace();
+    auto [eit, added] = entries_.try_emplace(p);
+    TrieEntryInfo& e = eit->second;
+    if (added) {
+      FLICK_TRACE(tr, 4, "RpfSm: RPF changed for {}, adding {} to RPF trie ", fmt::streamed(k), p);
+      e.rib = rib;
+      trie_.insert(p, rib);
+    } else if (e.rib != rib) {
+      FLICK_TRACE(tr, 4, "RpfSm: RPF changed, rib changed, for route {}, prefix {}",
+                  fmt::streamed(k), p);
+      FLICK_TRACE(tr, 4, "RpfSm: Type of prefix is flipping ");
+      e.rib = rib;
+      trie_.insert(p, rib);
+    }
+    e.user.insert(User{target, k, rib});
+    FLICK_TRACE(tr, 4, "RpfSm: RPF changed, linking prefix {} to route {}, users left: {}", p,
+                fmt::streamed(k), e.user.size());
+  }
+
+  void unlink(const RouteKey& k, const Nimo::IpGenPrefix& p, const Nimo::IpGenAddr& target) {
+    auto& tr = rpfSmTrace();
+    auto eit = entries_.find(p);
+    if (eit == entries_.end()) return;
+    eit->second.user.erase(User{target, k, RpfRib::none});
+    FLICK_TRACE(tr, 4, "RpfSm: unlinking prefix {} from route {}, users left: {}", p,
+                fmt::streamed(k), eit->second.user.size());
+    if (!eit->second.user.empty()) return;
+    FLICK_TRACE(tr, 4, "RpfSm: Deleting prefix from RPF trie {}", p);
+    trie_.remove(p);
+    entries_.erase(eit);
+  }
+
+  void handleDelete(const RouteKey& k) {
+    auto& tr = rpfSmTrace();
+    auto it = links_.find(k);
+    if (it == links_.end()) return;
+    const Link l = it->second;
+    links_.erase(it);
+    if (l.unresolved) {
+      const char* coll = k.isStarG() ? "unresolvedWcRoute" : "unresolvedRoute";
+      FLICK_TRACE(tr, 4, "RpfSm: Route deleted, deleting from {} {}", coll, fmt::streamed(k));
+      FLICK_TRACE(tr, 4, "RpfSm: Deleting from {} key {}", coll, fmt::streamed(k));
+      if (k.isStarG()) {
+        status_->unresolvedWcRouteDel(k);
+      } else {
+        status_->unresolvedRouteDel(k);
+      }
+    } else {
+      unlink(k, l.prefix, l.target);
+    }
+    // A pending key stays pending: the review drops it ("has been deleted").
+  }
+
+  void mark(const RouteKey& k) {
+    ++stats_.marked;
+    review_.mark(k);
+  }
+
+  void markAllLinked() {
+    for (const auto& [p, e] : entries_)
+      for (const User& u : e.user) mark(u.key);
+  }
+
+  void handleMultipathControl() {
+    FLICK_TRACE(rpfSmTrace(), 4, "RpfSm: multipath control changed, marking every route");
+    markAllLinked();
+  }
+
+  void handleRibChange(const Nimo::IpGenPrefix& p, Routing::TrieChange c, RpfRib rib) {
+    if (p.af() != F) return;
+    switch (c) {
+      case Routing::TrieChange::added:
+        routeAdded(p, rib);
+        break;
+      case Routing::TrieChange::updated:
+        routeUpdated(p, rib);
+        break;
+      case Routing::TrieChange::deleted:
+        routeDeleted(p, rib);
+        break;
+    }
+  }
+
+  void routeDeleted(const Nimo::IpGenPrefix& p, RpfRib) {
+    auto eit = entries_.find(p);
+    if (eit == entries_.end()) return;
+    FLICK_TRACE(rpfSmTrace(), 4, "RpfSm: route deleted {}, users: {}", p, eit->second.user.size());
+    for (const User& u : eit->second.user) mark(u.key);
+  }
+
+  bool stillValid(const User& u) {
+    if (!pimRpfTable_) return false;
+    const RpfConfigInfo* info = config_->rpfConfigInfo(u.key);
+    return info && pimRpfTable_->validRpf(info->rpf, u.target);
+  }
+
+  void routeUpdated(const Nimo::IpGenPrefix& p, RpfRib rib) {
+    auto& tr = rpfSmTrace();
+    auto eit = entries_.find(p);
+    if (eit == entries_.end()) {
+      FLICK_TRACE(tr, 8, "RpfSm: route updated {}, no users", p);
+    } else {
+      bool mribUsers = false;
+      // Marking only schedules a review: the user set is not touched under this loop.
+      for (const User& u : eit->second.user) {
+        if (rib == RpfRib::U && u.rib == RpfRib::M) {
+          mribUsers = true;
+          continue;
+        }
+        if (u.rib == rib && stillValid(u)) continue;
+        FLICK_TRACE(tr, 8, "RpfSm: {} SG to re-eval ", fmt::streamed(u.key));
+        mark(u.key);
+      }
+      if (mribUsers) FLICK_TRACE(tr, 8, "RpfSm: {} SGs are using the prefix in the MRIB", p);
+    }
+    // A multicast route changing can now win over unicast-linked routes beneath it.
+    if (rib == RpfRib::M) capture(p, rib, true);
+  }
+
+  void routeAdded(const Nimo::IpGenPrefix& p, RpfRib rib) { capture(p, rib, false); }
+
+  // Marks the routes that the route p of rib may now capture: users under p of every
+  // enclosing linked prefix, then the RPF trie's subtree below p.
+  void capture(const Nimo::IpGenPrefix& p, RpfRib rib, bool skipSelf) {
+    auto& tr = rpfSmTrace();
+    const Nimo::IpGenPrefix net = p.masked();
+    const User from{net.address(), RouteKey(), RpfRib::none};
+    for (const auto* q = trie_.findParent(net); q; q = trie_.findParent(q->prefix)) {
+      const TrieEntryInfo& e = entries_.at(q->prefix);
+      for (auto it = e.user.lower_bound(from); it != e.user.end() && net.contains(it->target);
+           ++it) {
+        if (rib == RpfRib::U && it->rib == RpfRib::M) continue;
+        mark(it->key);
+      }
+    }
+    if (rib == RpfRib::M) {
+      FLICK_TRACE(tr, 4, "RpfSm: {} subtree walk since route added to MRIB", net);
+    }
+    trie_.preOrderWalk(net, [&](const typename Routing::TrieGen<RpfRib>::Entry& q) {
+      const bool self = q.prefix == net;
+      if (self && skipSelf) return true;
+      const TrieEntryInfo& e = entries_.at(q.prefix);
+      if (!self && truncates(q.prefix, e, rib)) {
+        ++stats_.truncations;
+        FLICK_TRACE(tr, 4, "RpfSm: Truncating subtree walk at {}", q.prefix);
+        return false;
+      }
+      for (const User& u : e.user) {
+        if (rib == RpfRib::U && u.rib == RpfRib::M) continue;
+        mark(u.key);
+      }
+      return true;
+    });
+  }
+
+  bool truncates(const Nimo::IpGenPrefix& q, const TrieEntryInfo& e, RpfRib rib) const {
+    if (rib == RpfRib::U) return uribTrie_ && uribTrie_->find(q) != nullptr;
+    return e.rib == RpfRib::M && mribTrie_ && mribTrie_->find(q) != nullptr;
+  }
+
+  void publish(const RouteKey& k) {
+    if (!config_->rpfConfigInfo(k)) {
+      ++stats_.deletedAtReview;
+      FLICK_TRACE(rpfSmTrace(), 4, "RpfSm: {} has been deleted", fmt::streamed(k));
+      return;
+    }
+    ++stats_.published;
+    status_->rpfRouteChangedIs(k);
+    status_->rpfRouteChangedCountInc(k);
+  }
+
+  Kel::Ptr<const RpfConfig> config_;
+  Kel::Ptr<RpfStatus> status_;
+  Kel::Ptr<const RibTrie> uribTrie_;
+  Kel::Ptr<const RibTrie> mribTrie_;
+  Kel::Ptr<PimRpfTable> pimRpfTable_;
+  Kel::Ptr<RpHashStatus> rpHashStatus_;
+  Kel::Ptr<const Routing::Multicast::Fib::Config> mfibConfig_;
+  Kel::Ptr<const Kel::Clock> clock_;
+  Routing::TrieGen<RpfRib> trie_;
+  std::unordered_map<Nimo::IpGenPrefix, TrieEntryInfo, PrefixHash> entries_;
+  std::unordered_map<RouteKey, Link, RouteKeyHash> links_;
+  Stats stats_;
+  RouteKeyReview review_;
+  // Reactors last: they detach first when the machine goes.
+  ConfigReactor configReactor_;
+  RibReactor uribReactor_;
+  RibReactor mribReactor_;
+  MfibReactor mfibReactor_;
+};
+
+template <Nimo::AddressFamily F>
+std::string RpfSmGen<F>::checkInvariantsForTest(bool quiescent) const {
+  auto str = [](const auto& v) { return fmt::format("{}", fmt::streamed(v)); };
+  std::size_t own = 0, linked = 0;
+  for (const auto& [k, info] : config_->rpfConfigInfo()) {
+    if (k.af() != F) continue;
+    ++own;
+    auto it = links_.find(k);
+    if (it == links_.end()) return "config key not known: " + str(k);
+    const Link& l = it->second;
+    const Rpf& rpf = info.rpf;
+    const auto& coll = k.isStarG() ? status_->unresolvedWcRoute() : status_->unresolvedRoute();
+    auto u = coll.find(k);
+    if (rpf.rpfIntf.empty()) {
+      if (!l.unresolved) return "empty Rpf but linked: " + str(k);
+      if (u == coll.end() || !(u->second == targetOf(k, rpf)))
+        return "unresolved key missing or with a wrong target: " + str(k);
+      continue;
+    }
+    ++linked;
+    if (l.unresolved || u != coll.end()) return "linked key still unresolved: " + str(k);
+    if (!(l.prefix == rpf.prefix) || l.rib != rpf.rib)
+      return "key linked to another prefix than its Rpf's: " + str(k);
+    auto e = entries_.find(l.prefix);
+    if (e == entries_.end() || !e->second.user.count(User{l.target, k, RpfRib::none}))
+      return "key not among its prefix's users: " + str(k);
+  }
+  if (links_.size() != own) return "records of deleted keys remain";
+  for (const auto* coll : {&status_->unresolvedRoute(), &status_->unresolvedWcRoute()}) {
+    for (const auto& [k, a] : *coll) {
+      if (k.af() != F) continue;
+      auto it = links_.find(k);
+      if (it == links_.end() || !it->second.unresolved) return "stale unresolved key: " + str(k);
+    }
+  }
+  std::size_t users = 0;
+  for (const auto& [p, e] : entries_) {
+    if (e.user.empty()) return "entry without users: " + p.str();
+    if (!trie_.find(p)) return "entry missing from the RPF trie: " + p.str();
+    users += e.user.size();
+  }
+  if (trie_.size() != entries_.size()) return "RPF trie and entries differ";
+  if (users != linked) return "user count differs from linked keys";
+  if (quiescent && (!review_.pending().empty() || review_.scheduled()))
+    return "review pending at quiescence";
+  return "";
+}
+
+template <Nimo::AddressFamily F, typename Trie>
+Kel::Ptr<RpfSm> make(Nimo::AddressFamily af, Kel::Ptr<const RpfConfig> config,
+                     Kel::Ptr<RpfStatus> status, Kel::Ptr<const Trie> uribTrie,
+                     Kel::Ptr<const Trie> mribTrie, Kel::Ptr<PimRpfTable> pimRpfTable,
+                     Kel::Ptr<RpHashStatus> rpHashStatus,
+                     Kel::Ptr<const Routing::Multicast::Fib::Config> mfibConfig,
+                     Kel::Ptr<const Kel::Clock> clock, Ulm::TimerWheel& wheel) {
+  KEL_ASSERT(af == F && "RpfSm of the tries' address family");
+  return Kel::Ptr<RpfSm>(new RpfSmGen<F>(std::move(config), std::move(status), std::move(uribTrie),
+                                         std::move(mribTrie), std::move(pimRpfTable),
+                                         std::move(rpHashStatus), std::move(mfibConfig),
+                                         std::move(clock), wheel));
+}
+
+}  // namespace
+
+Kel::Ptr<RpfSm> rpfSmFactory(Nimo::AddressFamily af, Kel::Ptr<const RpfConfig> config,
+                             Kel::Ptr<RpfStatus> status, Kel::Ptr<const UribTrie4> uribTrie,
+                             Kel::Ptr<const UribTrie4> mribTrie, Kel::Ptr<PimRpfTable> pimRpfTable,
+                             Kel::Ptr<RpHashStatus> rpHashStatus,
+                             Kel::Ptr<const Routing::Multicast::Fib::Config> mfibConfig,
+                             Kel::Ptr<const Kel::Clock> clock, Ulm::TimerWheel& wheel) {
+  return make<Nimo::AddressFamily::ipv4>(af, config, status, uribTrie, mribTrie, pimRpfTable,
+                                         rpHashStatus, mfibConfig, clock, wheel);
+}
+
+Kel::Ptr<RpfSm> rpfSmFactory(Nimo::AddressFamily af, Kel::Ptr<const RpfConfig> config,
+                             Kel::Ptr<RpfStatus> status, Kel::Ptr<const UribTrie6> uribTrie,
+                             Kel::Ptr<const UribTrie6> mribTrie, Kel::Ptr<PimRpfTable> pimRpfTable,
+                             Kel::Ptr<RpHashStatus> rpHashStatus,
+                             Kel::Ptr<const Routing::Multicast::Fib::Config> mfibConfig,
+                             Kel::Ptr<const Kel::Clock> clock, Ulm::TimerWheel& wheel) {
+  return make<Nimo::AddressFamily::ipv6>(af, config, status, uribTrie, mribTrie, pimRpfTable,
+                                         rpHashStatus, mfibConfig, clock, wheel);
+}
+
+}  // namespace Routing::Pim
