@@ -3,6 +3,7 @@
 
 #include <fmt/ostream.h>
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <sstream>
@@ -122,9 +123,10 @@ struct Phase {
   std::optional<SourceCollection> collection;  // none: the (*,G) entry
   Bookmark::Collection bookmark;
   SourceFlags flags;
-  const char* processing;
-  const char* deleting;  // format: source, group
-  const char* writeError;
+  // Views, so that naming one as a format costs no strlen per entry.
+  std::string_view processing;
+  std::string_view deleting;  // format: source, group
+  std::string_view writeError;
 };
 constexpr std::size_t kStarGPhase = 2;
 const Phase kPhases[] = {
@@ -202,6 +204,45 @@ std::uint32_t writeSource(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint8_t* base, st
   }
   EncodedSourceAddress es(SourceAddress(hostPrefix(a), flags.value()));
   return es.writeSourceAddress(pkt, pos);
+}
+
+// What the entry loop below does for entries from i on, while tracing is below the level
+// of its per-entry lines, for as long as each entry is the common kind: suppressed joins
+// and other families counted and passed, unicast sources of this family written straight
+// from the entry's bytes. Stops at the first entry it leaves to the loop (a multicast
+// source, which the encoder refuses with its text, or one that no longer fits in room
+// entries) and returns its index. N is the family's address width.
+template <std::size_t N>
+std::size_t packPlain(const SourceEntry* entries, std::size_t i, std::size_t end, bool join,
+                      SourceFlags flags, std::uint8_t*& out, std::uint32_t room,
+                      std::uint32_t& written, JoinPruneMessage::Report& report) noexcept {
+  constexpr auto family = N == 4 ? Nimo::AddressFamily::ipv4 : Nimo::AddressFamily::ipv6;
+  const std::uint8_t head[4] = {static_cast<std::uint8_t>(family), 0, flags.value(),
+                                static_cast<std::uint8_t>(N * 8)};
+  std::uint32_t n = 0;
+  std::uint32_t suppressed = 0;
+  std::uint32_t filtered = 0;
+  for (; i < end; ++i) {
+    const SourceEntry& e = entries[i];
+    if (join && e.suppressed()) {
+      ++suppressed;
+    } else if (e.af() != family) {
+      ++filtered;
+    } else {
+      const std::uint8_t first = e.bytes()[0];
+      const bool multicast = N == 4 ? (first & 0xf0) == 0xe0 : first == 0xff;
+      if (multicast || n == room) break;
+      std::memcpy(out, head, 4);
+      std::memcpy(out + 4, e.bytes(), N);
+      out += 4 + N;
+      ++n;
+    }
+  }
+  written += n;
+  report.processed += n;
+  report.suppressed += suppressed;
+  report.filtered += filtered;
+  return i;
 }
 
 bool isZero(const std::uint8_t* p, std::uint8_t n) noexcept {
@@ -558,7 +599,8 @@ std::uint32_t JoinPruneMessage::writeJoinPruneMessage(
     data.bookmarkDel();
   }
 
-  // Groups
+  // Groups; with no per-entry trace line wanted, entries go through packPlain
+  const bool quiet = !codecTrace().enabled(5);
   std::uint32_t numGroups = 0;
   std::uint32_t sources = 0;
   bool full = false;
@@ -659,8 +701,19 @@ std::uint32_t JoinPruneMessage::writeJoinPruneMessage(
 
       SourceSet& set = gd.sourceSet(*phase.collection);
       const std::size_t first = p == startPhase ? set.lowerBound(startSource) : 0;
+      const std::size_t size = set.size();
       std::size_t i = first;
-      for (; i < set.size(); ++i) {
+      for (; i < size; ++i) {
+        if (quiet) {
+          std::uint8_t* out = base + pos;
+          const std::uint32_t room = std::min((end - pos) / sourceSize, 0xffffu - c);
+          i = family == 1 ? packPlain<4>(&*set.begin(), i, size, phase.join, phase.flags, out, room,
+                                         c, report_)
+                          : packPlain<16>(&*set.begin(), i, size, phase.join, phase.flags, out,
+                                          room, c, report_);
+          pos = static_cast<std::uint32_t>(out - base);
+          if (i == size) break;
+        }
         const SourceEntry& e = set[i];
         const Nimo::IpGenAddr a = e.address();
         if (phase.join && e.suppressed()) {

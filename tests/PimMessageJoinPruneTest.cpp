@@ -690,12 +690,16 @@ TEST_P(JoinPruneDrain, EveryEntrySentOnceWithinBudget) {
       }
     }
 
+    // Drained with tracing off (the writer's bulk path) and, for a third of the seeds,
+    // again from a copy with every trace line on (entry by entry): the same bytes.
+    const auto traced = seed % 3 == 1 ? Kel::Ptr<JoinPruneData>::make(*data) : nullptr;
     auto m = message(v6, data);
     m->mtuIs(mtu);
     m->bidirIs(bidir);
     std::set<Entry> sent;
     bool twice = false;
     JoinPruneMessage::Report sum;
+    std::vector<std::vector<std::uint8_t>> wire;
     for (std::size_t calls = 0, total = data->routes(); !data->empty(); ++calls) {
       ASSERT_LE(calls, total) << "no progress";
       const std::size_t before = data->routes();
@@ -705,6 +709,7 @@ TEST_P(JoinPruneDrain, EveryEntrySentOnceWithinBudget) {
       sum.suppressed += m->report().suppressed;
       sum.filtered += m->report().filtered;
       ASSERT_LT(data->routes(), before);
+      wire.emplace_back(p->data(0), p->data(0) + n);
       if (n == 0) continue;  // only suppressed or filtered entries were left
       ASSERT_LE(n, mtu - 20);
       ASSERT_EQ(p->size(), n);
@@ -720,6 +725,24 @@ TEST_P(JoinPruneDrain, EveryEntrySentOnceWithinBudget) {
     EXPECT_FALSE(twice);
     EXPECT_TRUE(sent == expected) << sent.size() << " sent, " << expected.size() << " expected";
     EXPECT_EQ(sum, want);
+    if (traced) {
+      Flicklog::CaptureSink sink;
+      const int level = codecTrace().level();
+      codecTrace().levelIs(9);
+      auto t = message(v6, traced);
+      t->mtuIs(mtu);
+      t->bidirIs(bidir);
+      for (std::size_t i = 0; i < wire.size(); ++i) {
+        auto p = Nimo::Pkt::create(mtu + 64);
+        const std::uint32_t n = t->writeJoinPruneMessage(p, 0, bnd);
+        const bool same = std::equal(wire[i].begin(), wire[i].end(), p->data(0), p->data(0) + n);
+        EXPECT_TRUE(same) << "message " << i;
+        sink.clear();
+        if (!same) break;
+      }
+      codecTrace().levelIs(level);
+      EXPECT_TRUE(HasFailure() || traced->empty());
+    }
   }
 }
 

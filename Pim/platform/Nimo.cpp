@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <new>
 
 namespace Nimo {
 
@@ -184,6 +185,13 @@ std::ostream& operator<<(std::ostream& os, const IntfId& i) { return os << i.nam
 // ---------------------------------------------------------------------------------------
 // Pkt
 
+Kel::Ptr<Pkt::Buffer> Pkt::Buffer::make(std::uint32_t cap, bool zeroed) {
+  static_assert(sizeof(Buffer) % alignof(std::uint64_t) == 0, "bytes start word-aligned");
+  auto* b = new (::operator new(sizeof(Buffer) + cap)) Buffer(cap);
+  if (zeroed) std::memset(b->bytes, 0, cap);
+  return Kel::Ptr<Buffer>(b);
+}
+
 Kel::Ptr<Pkt> Pkt::create(std::uint32_t size, std::uint32_t headroom, std::uint32_t tailroom) {
   return make(size, headroom, tailroom, true);
 }
@@ -196,7 +204,7 @@ Kel::Ptr<Pkt> Pkt::make(std::uint32_t size, std::uint32_t headroom, std::uint32_
     throw Kel::RangeError("Pkt::size + headroom + tailroom > 4 GiB not allowed");
   }
   Kel::Ptr<Pkt> p(new Pkt());
-  p->sharedBuffer_ = Kel::Ptr<Buffer>::make(static_cast<std::uint32_t>(total), zeroed);
+  p->sharedBuffer_ = Buffer::make(static_cast<std::uint32_t>(total), zeroed);
   p->head_ = headroom;
   p->tail_ = headroom + size;
   p->updateSharedIovec();
@@ -239,7 +247,7 @@ std::uint8_t* Pkt::writableData(std::uint32_t offset, std::uint32_t len) {
 
 void Pkt::unshare() {
   if (!isShared()) return;
-  auto copy = Kel::Ptr<Buffer>::make(sharedBuffer_->capacity, false);
+  auto copy = Buffer::make(sharedBuffer_->capacity, false);
   std::memcpy(copy->bytes, sharedBuffer_->bytes, sharedBuffer_->capacity);
   sharedBuffer_ = copy;
   updateSharedIovec();

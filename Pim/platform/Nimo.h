@@ -254,15 +254,19 @@ class Pkt : public Kel::PtrInterface {
   static Kel::Ptr<Pkt> withoutIovecForTest(std::uint32_t size);
 
  private:
+  // The bytes follow the object in one allocation: a received packet costs one fewer.
   struct Buffer : Kel::PtrInterface {
     // Unzeroed for a caller that writes every byte at once (a copy).
-    Buffer(std::uint32_t cap, bool zeroed)
-        : bytes(zeroed ? new std::uint8_t[cap]() : new std::uint8_t[cap]), capacity(cap) {}
-    ~Buffer() override { delete[] bytes; }
+    static Kel::Ptr<Buffer> make(std::uint32_t cap, bool zeroed);
+    static void operator delete(void* p) noexcept { ::operator delete(p); }
     Buffer(const Buffer&) = delete;
     Buffer& operator=(const Buffer&) = delete;
     std::uint8_t* bytes;
     std::uint32_t capacity;
+
+   private:
+    explicit Buffer(std::uint32_t cap) noexcept
+        : bytes(reinterpret_cast<std::uint8_t*>(this + 1)), capacity(cap) {}
   };
   Pkt() = default;
   static Kel::Ptr<Pkt> make(std::uint32_t size, std::uint32_t headroom, std::uint32_t tailroom,

@@ -259,6 +259,9 @@ class SourceEntry {
     std::memcpy(bytes_, w, 16);
   }
   Nimo::IpGenAddr address() const noexcept { return Nimo::IpGenAddr(af_, bytes_); }
+  // The address without making an IpGenAddr: 16 bytes, zero past the family's width.
+  Nimo::AddressFamily af() const noexcept { return af_; }
+  const std::uint8_t* bytes() const noexcept { return bytes_; }
   bool suppressed() const noexcept { return suppressed_; }
   friend bool operator==(const SourceEntry& a, const SourceEntry& b) noexcept {
     return a.af_ == b.af_ && a.suppressed_ == b.suppressed_ &&
