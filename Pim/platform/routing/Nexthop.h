@@ -194,6 +194,8 @@ class NexthopVrfStatus : public Kel::PtrInterface {
     NexthopVrfStatus* owner = nullptr;
     void onKey(const Nimo::IpGenAddr& a) override { owner->handleEntry(a); }
     void onCollection() override { owner->handleEntryAll(); }
+    // Before the empty table's onCollection: a retired writer is unsynced at once.
+    void onMountStatus(bool) override { owner->handleMark(); }
   };
   struct MarkReactor : NexthopMarkTable::NotifieeConst {
     NexthopVrfStatus* owner = nullptr;
@@ -320,7 +322,10 @@ class NexthopResolverGen : public Kel::PtrInterface {
   void clientIs(Ulm::EventLoop& loop, std::string_view vrf, std::string_view rib,
                 std::string_view client);
   bool client(std::string_view name) const { return clients_.count(std::string(name)) != 0; }
-  // Re-resolves every tracked address, commits, and sets the mark.
+  // Re-resolves every tracked address, commits, and sets the mark. A route trie's
+  // onChangedAll runs it; an agent whose trie was loaded before the resolver existed calls it
+  // once the clients' tables have been read (a loop turn after clientIs), since a mark set
+  // before the clients are known would announce their addresses as unresolved.
   void resolveAll();
   // Addresses re-resolved so far (each route notice costs only those under its prefix).
   std::uint64_t resolutions() const noexcept { return resolutions_; }
