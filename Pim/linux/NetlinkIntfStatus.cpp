@@ -15,59 +15,26 @@
 #include <cerrno>
 #include <vector>
 
+#include "Pim/linux/NsGuard.h"
 #include "Pim/platform/Flicklog.h"
 
 namespace Interface {
 
 namespace {
 
-Flicklog::Facility& linuxTrace() {
-  static Flicklog::Facility& f = Flicklog::facility("Pim::Linux");
-  return f;
-}
+using PimLinux::linuxTrace;
 
 bool sameStatus(const IntfStatus& a, const IntfStatus& b) {
   return a.ifIndex == b.ifIndex && a.deviceName == b.deviceName && a.operUp == b.operUp &&
          a.addr == b.addr;
 }
 
-// Enters a namespace for the guard's life (the netlink sockets belong to the namespace
-// they are created in).
-class NsGuard {
- public:
-  explicit NsGuard(const Nimo::NamespaceName& ns) {
-    if (ns.empty()) {
-      ok_ = true;
-      return;
-    }
-    const std::string path = ns.front() == '/' ? ns : "/run/netns/" + ns;
-    const int target = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    self_ = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    ok_ = target >= 0 && self_ >= 0 && ::setns(target, CLONE_NEWNET) == 0;
-    if (target >= 0) ::close(target);
-    if (!ok_) FLICK_TRACE(linuxTrace(), 1, "Namespace {} - Failed - Error: {}", path, errno);
-  }
-  ~NsGuard() {
-    if (self_ >= 0) {
-      KEL_ASSERT(::setns(self_, CLONE_NEWNET) == 0);
-      ::close(self_);
-    }
-  }
-  NsGuard(const NsGuard&) = delete;
-  NsGuard& operator=(const NsGuard&) = delete;
-  bool ok() const noexcept { return ok_; }
-
- private:
-  int self_ = -1;
-  bool ok_ = false;
-};
-
 }  // namespace
 
 NetlinkIntfStatusSm::NetlinkIntfStatusSm(Kel::Ptr<IntfStatusDir> dir, Ulm::EventLoop& loop,
                                          const Nimo::NamespaceName& netNs)
     : Kel::Entity(Kel::Name("NetlinkIntfStatusSm")), dir_(std::move(dir)), loop_(loop) {
-  NsGuard ns(netNs);
+  PimLinux::NsGuard ns(netNs);
   if (!ns.ok()) return;
   int err = nl_cache_mngr_alloc(nullptr, NETLINK_ROUTE, NL_AUTO_PROVIDE, &mngr_);
   if (err == 0) err = nl_cache_mngr_add(mngr_, "route/link", nullptr, nullptr, &links_);

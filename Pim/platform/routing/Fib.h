@@ -17,10 +17,10 @@
 //     5 connected                     5 drop
 //     7 host                          7 attached
 //     11 attached
-// The kernel adapter maps the kernel's routes so: RTN_LOCAL -> receive; a route through a
-// gateway -> remote; proto kernel scope link -> connected; other device-only routes ->
-// attached, or host when the prefix is a full-length host prefix; blackhole, unreachable
-// and prohibit -> drop.
+// The kernel adapter (Pim/linux/NetlinkRib.h) maps the kernel's routes so: RTN_LOCAL ->
+// receive; a route through a gateway -> remote; a device-only route of proto kernel ->
+// connected; other device-only routes -> attached, or host when the prefix is a
+// full-length host prefix; blackhole, unreachable and prohibit -> drop.
 //
 // Mount paths (one table set per VRF and family): "routing/rib/<vrf>" (IPv6
 // "routing6/rib/<vrf>") with the collections "urib" and "mrib" (routes) sharing "fec", and
