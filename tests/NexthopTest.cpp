@@ -30,8 +30,7 @@ class NexthopTest : public ::testing::Test {
         loop_.timers(), shadow_->trie(),
         Routing::NexthopVrfStatusWriter::create(kV4, "default", "unicast"));
     for (const char* c : {"sm", "bidir"}) resolver_->clientIs(loop_, "default", "unicast", c);
-    turn();
-    resolver_->resolveAll();
+    resolver_->resolveAll();  // the shadow was loaded before this resolver: no onChangedAll
   }
   void turn() {
     for (int i = 0; i < 8; ++i) loop_.runOnce(0.0);

@@ -1,6 +1,7 @@
 #include "Pim/platform/routing/Nexthop.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Routing {
 
@@ -296,8 +297,18 @@ void NexthopResolverGen<F>::resolveAll() {
     resolve(e.prefix.address());
     return true;
   });
-  out_->syncedIs(true);
+  routesLoaded_ = true;
+  markIfReady();
   commit();
+}
+
+template <Nimo::AddressFamily F>
+void NexthopResolverGen<F>::markIfReady() {
+  if (out_->synced() || !routesLoaded_) return;
+  for (const auto& [name, c] : clients_)
+    if (!c->loaded) return;
+  out_->syncedIs(true);
+  schedule();
 }
 
 template <Nimo::AddressFamily F>
@@ -317,7 +328,10 @@ void NexthopResolverGen<F>::clientIs(Ulm::EventLoop& loop, std::string_view vrf,
   if (client(name)) return;
   auto c = std::make_unique<Client>();
   c->owner = this;
-  c->table = NexthopConfigTable::create(loop, nexthopConfigPath(F, vrf, rib), name);
+  const std::string path = nexthopConfigPath(F, vrf, rib);
+  // A client without a table yet is known to track nothing: it must not hold the mark back.
+  c->loaded = ::access(Drobe::collectionFile(path, name).c_str(), F_OK) != 0;
+  c->table = NexthopConfigTable::create(loop, path, name);
   c->notifierIs(c->table);
   clients_.emplace(std::string(name), std::move(c));
 }
@@ -350,6 +364,8 @@ void NexthopResolverGen<F>::Client::onCollection() {
   }
   for (const auto& a : now)
     if (addrs.insert(a).second) owner->trackIs(a);
+  loaded = true;
+  owner->markIfReady();
 }
 
 template <Nimo::AddressFamily F>
@@ -357,6 +373,8 @@ void NexthopResolverGen<F>::Client::onMountStatus(bool mounted) {
   if (mounted) return;  // the onCollection that follows does the work
   for (const auto& a : addrs) owner->trackDel(a);
   addrs.clear();
+  loaded = true;  // a retired client is known: it tracks nothing
+  owner->markIfReady();
 }
 
 template class NexthopResolverGen<Nimo::AddressFamily::ipv4>;

@@ -322,9 +322,9 @@ class NexthopResolverGen : public Kel::PtrInterface {
   void clientIs(Ulm::EventLoop& loop, std::string_view vrf, std::string_view rib,
                 std::string_view client);
   bool client(std::string_view name) const { return clients_.count(std::string(name)) != 0; }
-  // Re-resolves every tracked address, commits, and sets the mark. A route trie's
-  // onChangedAll runs it; an agent whose trie was loaded before the resolver existed calls it
-  // once the clients' tables have been read (a loop turn after clientIs), since a mark set
+  // Re-resolves every tracked address and commits. A route trie's onChangedAll runs it; an
+  // agent whose trie was loaded before the resolver existed calls it once. The mark is set
+  // once this has run and every client followed so far has been read once, since a mark set
   // before the clients are known would announce their addresses as unresolved.
   void resolveAll();
   // Addresses re-resolved so far (each route notice costs only those under its prefix).
@@ -342,6 +342,7 @@ class NexthopResolverGen : public Kel::PtrInterface {
     NexthopResolverGen* owner = nullptr;
     Kel::Ptr<NexthopConfigTable> table;
     std::unordered_set<Nimo::IpGenAddr, AddrHash> addrs;
+    bool loaded = false;  // its first whole-table read is done
     void onKey(const Nimo::IpGenAddr& a) override;
     void onCollection() override;
     void onMountStatus(bool mounted) override;
@@ -351,6 +352,7 @@ class NexthopResolverGen : public Kel::PtrInterface {
   void handleRoute(const Nimo::IpGenPrefix& p);
   void resolve(const Nimo::IpGenAddr& a);
   void schedule();
+  void markIfReady();
 
   Kel::Ptr<RouteTrie> routes_;
   Kel::Ptr<NexthopVrfStatusWriter> out_;
@@ -359,6 +361,7 @@ class NexthopResolverGen : public Kel::PtrInterface {
   std::map<std::string, std::unique_ptr<Client>, std::less<>> clients_;
   Ulm::Timer commitTimer_;
   std::uint64_t resolutions_ = 0;
+  bool routesLoaded_ = false;
 };
 
 using NexthopResolver = NexthopResolverGen<Nimo::AddressFamily::ipv4>;
