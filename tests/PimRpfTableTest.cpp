@@ -10,6 +10,7 @@
 
 #include "Pim/PimRpfTable.h"
 #include "tests/PimIOTestUtil.h"
+#include "tests/RibTestUtil.h"
 
 namespace {
 
@@ -93,28 +94,13 @@ class RpfTest : public ::testing::Test {
   }
   // Replaces the routes of each RIB with the text's ("<rib> <route line>" per line).
   void routesAre(const std::string& text) {
-    for (auto& [w, p] : loaded4_) w->routeDel(p);
-    for (auto& [w, p] : loaded6_) w->routeDel(p);
-    loaded4_.clear();
-    loaded6_.clear();
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-      std::istringstream f(line);
-      std::string rib, prefix;
-      if (!(f >> rib >> prefix)) continue;
-      std::istringstream rest(line.substr(line.find(prefix)));
-      std::size_t bad = 0;
-      if (prefix.find(':') != std::string::npos) {
-        auto* w = rib == "urib" ? urib6_.ptr() : mrib6_.ptr();
-        Routing::loadRoutes(*w, rest, &bad);
-        loaded6_.emplace_back(w, IpGenPrefix(prefix));
-      } else {
-        auto* w = rib == "urib" ? urib_.ptr() : rib == "mrib" ? mrib_.ptr() : mcRib_.ptr();
-        Routing::loadRoutes(*w, rest, &bad);
-        loaded4_.emplace_back(w, IpGenPrefix(prefix));
-      }
-      ASSERT_EQ(bad, 0u) << line;
-    }
+    ribText_.load(
+        text,
+        [&](const std::string& rib) {
+          return rib == "urib" ? urib_.ptr() : rib == "mrib" ? mrib_.ptr() : mcRib_.ptr();
+        },
+        [&](const std::string& rib) { return rib == "urib" ? urib6_.ptr() : mrib6_.ptr(); });
+    ASSERT_EQ(ribText_.errors(), 0u) << text;
     commit();
     turn();
   }
@@ -131,8 +117,7 @@ class RpfTest : public ::testing::Test {
   Kel::Ptr<V6::FecWriter> fec6_;
   Kel::Ptr<V4::RouteWriter> urib_, mrib_, mcRib_;
   Kel::Ptr<V6::RouteWriter> urib6_, mrib6_;
-  std::vector<std::pair<V4::RouteWriter*, IpGenPrefix>> loaded4_;
-  std::vector<std::pair<V6::RouteWriter*, IpGenPrefix>> loaded6_;
+  PimTest::RibText ribText_;
   Kel::Ptr<PimUcastRouteStatus> ucast_;
   Kel::Ptr<Routing::Pim::Status> status_ = Kel::Ptr<Routing::Pim::Status>::make("pim");
   Kel::Ptr<Routing::Multicast::Fib::Config> mfib_ =

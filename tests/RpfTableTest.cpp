@@ -7,6 +7,7 @@
 
 #include "Pim/RpfTable.h"
 #include "tests/PimIOTestUtil.h"
+#include "tests/RibTestUtil.h"
 
 namespace {
 
@@ -99,26 +100,10 @@ class RpfTableTest : public ::testing::Test {
   }
   // "<rib> <route line>" per line, replacing what the previous call loaded.
   void routesAre(const std::string& text) {
-    for (auto& [w, p] : loaded4_) w->routeDel(p);
-    for (auto& [w, p] : loaded6_) w->routeDel(p);
-    loaded4_.clear();
-    loaded6_.clear();
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-      std::istringstream f(line);
-      std::string rib, prefix;
-      if (!(f >> rib >> prefix)) continue;
-      std::istringstream rest(line.substr(line.find(prefix)));
-      if (prefix.find(':') != std::string::npos) {
-        auto* w = rib == "urib" ? v6_.urib.ptr() : v6_.mrib.ptr();
-        Routing::loadRoutes(*w, rest);
-        loaded6_.emplace_back(w, IpGenPrefix(prefix));
-      } else {
-        auto* w = rib == "urib" ? v4_.urib.ptr() : v4_.mrib.ptr();
-        Routing::loadRoutes(*w, rest);
-        loaded4_.emplace_back(w, IpGenPrefix(prefix));
-      }
-    }
+    ribText_.load(
+        text,
+        [&](const std::string& rib) { return rib == "urib" ? v4_.urib.ptr() : v4_.mrib.ptr(); },
+        [&](const std::string& rib) { return rib == "urib" ? v6_.urib.ptr() : v6_.mrib.ptr(); });
     v4_.commit();
     v6_.commit();
     turn();
@@ -142,8 +127,7 @@ class RpfTableTest : public ::testing::Test {
   Ulm::EventLoop loop_{clock_};
   Ribs<kV4> v4_{loop_, clock_};
   Ribs<kV6> v6_{loop_, clock_};
-  std::vector<std::pair<Routing::Fib::RouteWriter*, IpGenPrefix>> loaded4_;
-  std::vector<std::pair<Routing6::Fib::RouteWriter*, IpGenPrefix>> loaded6_;
+  PimTest::RibText ribText_;
   Kel::Ptr<UcastRouteStatus> ucast_ = Kel::Ptr<UcastRouteStatus>::make(kV4);
   Kel::Ptr<Routing::Pim::Status> status_ = Kel::Ptr<Routing::Pim::Status>::make("pim");
   Kel::Ptr<Routing::Multicast::Fib::Config> mfib_ =
