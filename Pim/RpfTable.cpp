@@ -29,8 +29,6 @@ struct Fam<Nimo::AddressFamily::ipv4> {
   using Route = Routing::Fib::Route;
   using RouteType = Routing::Fib::RouteType;
   using Info = RibInfo;
-  static constexpr std::string_view kLookup = "doLookup4";
-  static constexpr std::string_view kFromIntf = "rpfInfoFromIntfId4";
   static constexpr std::string_view kRibRoute = "ribRoute4";
   static std::string_view ribName(RpfRib r) { return r == RpfRib::M ? "mrib" : "urib"; }
   static const Info& mrib(const UcastRouteStatus& u) { return u.mrib(); }
@@ -42,8 +40,6 @@ struct Fam<Nimo::AddressFamily::ipv6> {
   using Route = Routing6::Fib::Route;
   using RouteType = Routing6::Fib::RouteType;
   using Info = Rib6Info;
-  static constexpr std::string_view kLookup = "doLookup6";
-  static constexpr std::string_view kFromIntf = "rpfInfoFromIntfId6";
   static constexpr std::string_view kRibRoute = "ribRoute6";
   static std::string_view ribName(RpfRib r) { return r == RpfRib::M ? "mrib6" : "urib6"; }
   static const Info& mrib(const UcastRouteStatus& u) { return u.mrib6(); }
