@@ -154,15 +154,15 @@ bool matchRoute(const RibRef<F>& rib, const Nimo::IpGenAddr& target, typename Fa
 
 // The route's vias into the table's fixed array; throws the range error past 512.
 template <Nimo::AddressFamily F>
-std::optional<std::span<const typename Fam<F>::Via>> loadFec(PimRpfTable& t, const RibRef<F>& rib,
+std::optional<std::span<const typename Fam<F>::Via>> loadFec(PimRpfTable& t,
+                                                             const typename Fam<F>::FecTable* fecs,
                                                              const typename Fam<F>::Route& r,
                                                              const Nimo::IpGenAddr& target) {
   using Via = typename Fam<F>::Via;
   std::span<Via> arr = t.viaArray<Via>();
   if (r.fecId == 0) return std::span<const Via>();
   typename Fam<F>::FecPart part;
-  if (!rib.fecs ||
-      rib.fecs->findStatus(Routing::FecKey{r.fecId, 0}, part) != Drobe::FindStatus::found) {
+  if (!fecs || fecs->findStatus(Routing::FecKey{r.fecId, 0}, part) != Drobe::FindStatus::found) {
     FLICK_TRACE(trace(), 4, "{}{}{}", target, kFecMissing, r.fecId);
     return std::nullopt;
   }
@@ -174,7 +174,7 @@ std::optional<std::span<const typename Fam<F>::Via>> loadFec(PimRpfTable& t, con
   for (std::uint32_t i = 0; i < count; ++i) {
     const std::uint32_t p = i / Routing::kViasPerPart;
     if (p != part.fecKey.part &&
-        (rib.fecs->findStatus(Routing::FecKey{r.fecId, p}, part) != Drobe::FindStatus::found ||
+        (fecs->findStatus(Routing::FecKey{r.fecId, p}, part) != Drobe::FindStatus::found ||
          part.viaCount != count)) {
       FLICK_TRACE(trace(), 4, "{}{}{}", target, kFecMissing, r.fecId);
       return std::nullopt;
@@ -259,7 +259,7 @@ Via selectVia(const ViaSetGen<Via>& set, const Routing::Multicast::Fib::Config* 
 
 template <Nimo::AddressFamily F>
 Rpf buildRpf(PimRpfTable& t, const Nimo::IpGenAddr& target, const typename Fam<F>::Via& via,
-             bool attached, RibKind kind, const typename Fam<F>::Route& route) {
+             bool attached, RpfRib ribOf, const typename Fam<F>::Route& route) {
   FLICK_TRACE(trace(), 8, "{}{}{}{}{}", target, kViaHop, via.hop, kViaIntf, via.intfId);
   Rpf rpf;
   rpf.rpfIntf = via.intfId;
@@ -268,7 +268,7 @@ Rpf buildRpf(PimRpfTable& t, const Nimo::IpGenAddr& target, const typename Fam<F
   rpf.prefix = route.prefix;
   rpf.metric = route.metric;
   rpf.preference = route.preference;
-  rpf.rib = kind == RibKind::urib ? RpfRib::U : RpfRib::M;
+  rpf.rib = ribOf;
   FLICK_TRACE(trace(), 8, "{}{}{}", target, kRibLookup, Kel::valueToStrep(rpf));
   return rpf;
 }
@@ -284,6 +284,14 @@ ValidVia validPimViaOf(PimRpfTable& t, const typename Fam<F>::Via& via,
   }
 }
 
+template <Nimo::AddressFamily F>
+void fillViaSet(PimRpfTable& t, const typename Fam<F>::Route& route,
+                std::span<const typename Fam<F>::Via> vias, const Nimo::IpGenAddr& target,
+                const Nimo::IpGenAddr& group, const Nimo::IntfId* onlyIntf);
+template <Nimo::AddressFamily F>
+RpfInfo rpfFromViaSet(PimRpfTable& t, const typename Fam<F>::Route& route, RpfRib ribOf,
+                      const Nimo::IpGenAddr& target, const Nimo::IpGenAddr& group);
+
 // Match, FEC and via validation into the via set. The matched route, or nullopt with no route.
 // With onlyIntf set, vias elsewhere are traced and left out.
 template <Nimo::AddressFamily F>
@@ -298,14 +306,24 @@ std::optional<typename Fam<F>::Route> collectVias(PimRpfTable& t, const RibRef<F
     FLICK_TRACE(trace(), 4, "{}{}", target, kNoRoute);
     return std::nullopt;
   }
-  const auto vias = loadFec<F>(t, rib, route, target);
+  const auto vias = loadFec<F>(t, rib.fecs, route, target);
   if (!vias) return route;
   if (trace().enabled(8)) {
     std::string list;
     for (const auto& v : *vias) list += fmt::format("{}@{} ", v.hop, v.intfId);
     FLICK_TRACE(trace(), 8, "{}{}{}", target, routeText(rib.kind), list);
   }
-  for (const auto& via : *vias) {
+  fillViaSet<F>(t, route, *vias, target, group, onlyIntf);
+  return route;
+}
+
+// Validates the vias of the route into the via set (which the caller cleared).
+template <Nimo::AddressFamily F>
+void fillViaSet(PimRpfTable& t, const typename Fam<F>::Route& route,
+                std::span<const typename Fam<F>::Via> vias, const Nimo::IpGenAddr& target,
+                const Nimo::IpGenAddr& group, const Nimo::IntfId* onlyIntf) {
+  auto& set = Fam<F>::viaSet(t);
+  for (const auto& via : vias) {
     const ValidVia vv = validPimViaOf<F>(t, via, route.routeType, route.prefix, target, group);
     if (!vv.validVia) {
       FLICK_TRACE(trace(), 8, "{}{}", target, kNotValidVia);
@@ -317,7 +335,6 @@ std::optional<typename Fam<F>::Route> collectVias(PimRpfTable& t, const RibRef<F
     }
     set.viaIs(via, vv.attachedVia);
   }
-  return route;
 }
 
 template <Nimo::AddressFamily F>
@@ -325,6 +342,14 @@ RpfInfo lookupRib(PimRpfTable& t, const RibRef<F>& rib, const Nimo::IpGenAddr& t
                   const Nimo::IpGenAddr& group, const Nimo::IntfId* onlyIntf = nullptr) {
   const auto route = collectVias<F>(t, rib, target, group, onlyIntf);
   if (!route) return RpfInfo();
+  return rpfFromViaSet<F>(t, *route, rib.kind == RibKind::urib ? RpfRib::U : RpfRib::M, target,
+                          group);
+}
+
+// The answer from the via set: the choice, its Rpf marked ribOf, and the backup.
+template <Nimo::AddressFamily F>
+RpfInfo rpfFromViaSet(PimRpfTable& t, const typename Fam<F>::Route& route, RpfRib ribOf,
+                      const Nimo::IpGenAddr& target, const Nimo::IpGenAddr& group) {
   auto& set = Fam<F>::viaSet(t);
   if (set.empty()) {
     FLICK_TRACE(trace(), 4, "{}{}", target, kNoValidRpf);
@@ -333,7 +358,7 @@ RpfInfo lookupRib(PimRpfTable& t, const RibRef<F>& rib, const Nimo::IpGenAddr& t
   const auto* cfg = t.mfibConfig().ptr();
   const auto chosen = selectVia(set, cfg, target, group);
   const bool attached = set.find(chosen)->attached;
-  RpfInfo info(buildRpf<F>(t, target, chosen, attached, rib.kind, *route), attached, set.size());
+  RpfInfo info(buildRpf<F>(t, target, chosen, attached, ribOf, route), attached, set.size());
   FLICK_TRACE(trace(), 4, "{}{}{}", target, kRpf, Kel::valueToStrep(info.rpf));
   if (attached) {
     FLICK_TRACE(trace(), 4, "{}{}", target, kNoFrr);
@@ -344,7 +369,7 @@ RpfInfo lookupRib(PimRpfTable& t, const RibRef<F>& rib, const Nimo::IpGenAddr& t
   if (set.empty()) return info;
   const auto backup = selectVia(set, cfg, target, group);
   info.rpfFrrAttached = set.find(backup)->attached;
-  info.rpfFrr = buildRpf<F>(t, target, backup, info.rpfFrrAttached, rib.kind, *route);
+  info.rpfFrr = buildRpf<F>(t, target, backup, info.rpfFrrAttached, ribOf, route);
   FLICK_TRACE(trace(), 4, "{}{}{}", target, kRpfFrr, Kel::valueToStrep(info.rpfFrr));
   return info;
 }
@@ -600,11 +625,7 @@ static Rpf getRpfOf(const Kel::Ptr<PimRpfTable>& table, const Nimo::IpGenAddr& t
                     const typename Fam<F>::Route* mcRibRoute) {
   const typename Fam<F>::Route* r = urib ? uribRoute : mcRibRoute ? mcRibRoute : mribRoute;
   typename Fam<F>::Route none;
-  return buildRpf<F>(*table, target, via, attached,
-                     urib         ? RibKind::urib
-                     : mcRibRoute ? RibKind::mcRib
-                                  : RibKind::mrib,
-                     r ? *r : none);
+  return buildRpf<F>(*table, target, via, attached, urib ? RpfRib::U : RpfRib::M, r ? *r : none);
 }
 
 Rpf getRpf(const Kel::Ptr<PimRpfTable>& table, const Nimo::IpGenAddr& target,
@@ -631,6 +652,44 @@ bool ribRoute(const Rpf& rpf, const Kel::Ptr<Routing::Shadow::Status>& shadow,
 bool ribRoute(const Rpf& rpf, const Kel::Ptr<Routing6::Shadow::Status>& shadow,
               const Nimo::IpGenAddr& target) {
   return ribRouteIn<Nimo::AddressFamily::ipv6>(rpf, shadow.ptr(), target);
+}
+
+// The steps RpfTable shares.
+
+std::optional<std::span<const Routing::Fib::Via>> rpfFecVias(PimRpfTable& t, const FecTable4* fecs,
+                                                             const Routing::Fib::Route& route,
+                                                             const Nimo::IpGenAddr& target) {
+  return loadFec<Nimo::AddressFamily::ipv4>(t, fecs, route, target);
+}
+
+std::optional<std::span<const Routing6::Fib::Via>> rpfFecVias(PimRpfTable& t, const FecTable6* fecs,
+                                                              const Routing6::Fib::Route& route,
+                                                              const Nimo::IpGenAddr& target) {
+  return loadFec<Nimo::AddressFamily::ipv6>(t, fecs, route, target);
+}
+
+void rpfViaSetFill(PimRpfTable& t, const Routing::Fib::Route& route,
+                   std::span<const Routing::Fib::Via> vias, const Nimo::IpGenAddr& target,
+                   const Nimo::IpGenAddr& group, const Nimo::IntfId* onlyIntf) {
+  t.viaSetDelAll();
+  fillViaSet<Nimo::AddressFamily::ipv4>(t, route, vias, target, group, onlyIntf);
+}
+
+void rpfViaSetFill(PimRpfTable& t, const Routing6::Fib::Route& route,
+                   std::span<const Routing6::Fib::Via> vias, const Nimo::IpGenAddr& target,
+                   const Nimo::IpGenAddr& group, const Nimo::IntfId* onlyIntf) {
+  t.viaSet6DelAll();
+  fillViaSet<Nimo::AddressFamily::ipv6>(t, route, vias, target, group, onlyIntf);
+}
+
+RpfInfo rpfFromViaSet(PimRpfTable& t, const Routing::Fib::Route& route, RpfRib rib,
+                      const Nimo::IpGenAddr& target, const Nimo::IpGenAddr& group) {
+  return rpfFromViaSet<Nimo::AddressFamily::ipv4>(t, route, rib, target, group);
+}
+
+RpfInfo rpfFromViaSet(PimRpfTable& t, const Routing6::Fib::Route& route, RpfRib rib,
+                      const Nimo::IpGenAddr& target, const Nimo::IpGenAddr& group) {
+  return rpfFromViaSet<Nimo::AddressFamily::ipv6>(t, route, rib, target, group);
 }
 
 }  // namespace Routing::Pim

@@ -295,6 +295,31 @@ bool ribRoute(const Rpf& rpf, const Kel::Ptr<Routing::Shadow::Status>& shadow,
 bool ribRoute(const Rpf& rpf, const Kel::Ptr<Routing6::Shadow::Status>& shadow,
               const Nimo::IpGenAddr& target);
 
+// The lookup steps after the route is known, shared with the next-hop-tracking RpfTable so
+// that the two engines cannot drift.
+// - rpfFecVias: the FEC of the route into the table's fixed array; nullopt (traced) when the
+//   FEC or one of its parts is missing; Kel::RangeError past 512 vias.
+// - rpfViaSetFill: clears the via set and fills it with the vias PIM may use (with onlyIntf,
+//   only those on that interface).
+// - rpfFromViaSet: the choice, its Rpf marked rib, the backup on another interface; empty
+//   (traced) when the set is empty.
+std::optional<std::span<const Routing::Fib::Via>> rpfFecVias(PimRpfTable& t, const FecTable4* fecs,
+                                                             const Routing::Fib::Route& route,
+                                                             const Nimo::IpGenAddr& target);
+std::optional<std::span<const Routing6::Fib::Via>> rpfFecVias(PimRpfTable& t, const FecTable6* fecs,
+                                                              const Routing6::Fib::Route& route,
+                                                              const Nimo::IpGenAddr& target);
+void rpfViaSetFill(PimRpfTable& t, const Routing::Fib::Route& route,
+                   std::span<const Routing::Fib::Via> vias, const Nimo::IpGenAddr& target,
+                   const Nimo::IpGenAddr& group, const Nimo::IntfId* onlyIntf = nullptr);
+void rpfViaSetFill(PimRpfTable& t, const Routing6::Fib::Route& route,
+                   std::span<const Routing6::Fib::Via> vias, const Nimo::IpGenAddr& target,
+                   const Nimo::IpGenAddr& group, const Nimo::IntfId* onlyIntf = nullptr);
+RpfInfo rpfFromViaSet(PimRpfTable& t, const Routing::Fib::Route& route, RpfRib rib,
+                      const Nimo::IpGenAddr& target, const Nimo::IpGenAddr& group);
+RpfInfo rpfFromViaSet(PimRpfTable& t, const Routing6::Fib::Route& route, RpfRib rib,
+                      const Nimo::IpGenAddr& target, const Nimo::IpGenAddr& group);
+
 // The equal-cost hash of one hop for (target, group): one-at-a-time over the address bytes
 // in network order, target then group then hop, with the final mix.
 std::uint32_t rpfViaHash(const Nimo::IpGenAddr& target, const Nimo::IpGenAddr& group,

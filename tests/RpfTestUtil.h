@@ -4,13 +4,11 @@
 // neighbours, and the RPF lookup over it all. Time is a manual clock; turn() runs the loop.
 #pragma once
 
-#include <sstream>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "Pim/PimRpfTable.h"
 #include "tests/DrobeRootUtil.h"
+#include "tests/RibTestUtil.h"
 
 namespace PimTest {
 
@@ -81,32 +79,16 @@ struct RibRig {
   // Replaces the routes of each RIB with the text's ("<rib> <route line>" per line); returns
   // the lines that did not load.
   std::size_t routesAre(const std::string& text) {
-    std::size_t badLines = 0;
-    for (auto& [w, p] : loaded4_) w->routeDel(p);
-    for (auto& [w, p] : loaded6_) w->routeDel(p);
-    loaded4_.clear();
-    loaded6_.clear();
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-      std::istringstream f(line);
-      std::string rib, prefix;
-      if (!(f >> rib >> prefix)) continue;
-      std::istringstream rest(line.substr(line.find(prefix)));
-      std::size_t bad = 0;
-      if (prefix.find(':') != std::string::npos) {
-        auto* w = rib == "urib" ? urib6_.ptr() : mrib6_.ptr();
-        Routing::loadRoutes(*w, rest, &bad);
-        loaded6_.emplace_back(w, IpGenPrefix(prefix));
-      } else {
-        auto* w = rib == "urib" ? urib_.ptr() : rib == "mrib" ? mrib_.ptr() : mcRib_.ptr();
-        Routing::loadRoutes(*w, rest, &bad);
-        loaded4_.emplace_back(w, IpGenPrefix(prefix));
-      }
-      badLines += bad;
-    }
+    const std::size_t before = ribText_.errors();
+    ribText_.load(
+        text,
+        [&](const std::string& rib) {
+          return rib == "urib" ? urib_.ptr() : rib == "mrib" ? mrib_.ptr() : mcRib_.ptr();
+        },
+        [&](const std::string& rib) { return rib == "urib" ? urib6_.ptr() : mrib6_.ptr(); });
     commit();
     turn();
-    return badLines;
+    return ribText_.errors() - before;
   }
 
   // First: set up before the tables and removed after them.
@@ -117,8 +99,7 @@ struct RibRig {
   Kel::Ptr<V6::FecWriter> fec6_;
   Kel::Ptr<V4::RouteWriter> urib_, mrib_, mcRib_;
   Kel::Ptr<V6::RouteWriter> urib6_, mrib6_;
-  std::vector<std::pair<V4::RouteWriter*, IpGenPrefix>> loaded4_;
-  std::vector<std::pair<V6::RouteWriter*, IpGenPrefix>> loaded6_;
+  RibText ribText_;
   Kel::Ptr<PimUcastRouteStatus> ucast_;
   Kel::Ptr<Routing::Pim::Status> status_ = Kel::Ptr<Routing::Pim::Status>::make("pim");
   Kel::Ptr<Routing::Multicast::Fib::Config> mfib_ =

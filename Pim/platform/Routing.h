@@ -372,3 +372,7 @@ inline std::ostream& operator<<(std::ostream& os, const RouteKey& k) {
 #include "Pim/platform/routing/Fib.h"
 #include "Pim/platform/routing/Shadow.h"
 #include "Pim/platform/routing/Trie.h"
+
+// Next-hop tracking: clients' registrations, the routing agent's resolutions with their
+// restart mark, the client's backlog, a RIB's forwarding status, and the resolver.
+#include "Pim/platform/routing/Nexthop.h"
