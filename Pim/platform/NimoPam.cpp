@@ -13,6 +13,7 @@
 
 #include "Pim/platform/Flicklog.h"
 #include "Pim/platform/Nimo.h"
+#include "Pim/platform/NimoNetNs.h"
 
 #ifndef IPV6_HDRINCL
 #define IPV6_HDRINCL 36
@@ -38,49 +39,6 @@ Flicklog::Facility& pamTrace() {
   static Flicklog::Facility& f = Flicklog::facility("Nimo::Pam");
   return f;
 }
-
-// Enters the namespace named by netNs for the life of the guard; the calling thread's own
-// namespace is restored on destruction. An empty name means "stay where we are".
-class NetNsGuard {
- public:
-  explicit NetNsGuard(const NamespaceName& netNs) {
-    if (netNs.empty()) {
-      ok_ = true;
-      return;
-    }
-    const std::string path = netNs.front() == '/' ? netNs : "/run/netns/" + netNs;
-    const int target = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (target < 0) {
-      fail("open " + path);
-      return;
-    }
-    self_ = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    if (self_ < 0 || ::setns(target, CLONE_NEWNET) != 0) {
-      ::close(target);
-      fail("setns " + path);
-      return;
-    }
-    ::close(target);
-    ok_ = true;
-  }
-  ~NetNsGuard() {
-    if (self_ >= 0) {
-      // Failing to come back would leave the agent's thread in the VRF's namespace.
-      KEL_ASSERT(::setns(self_, CLONE_NEWNET) == 0);
-      ::close(self_);
-    }
-  }
-  NetNsGuard(const NetNsGuard&) = delete;
-  NetNsGuard& operator=(const NetNsGuard&) = delete;
-  bool ok() const noexcept { return ok_; }
-
- private:
-  void fail(const std::string& what) {
-    FLICK_TRACE(pamTrace(), 1, "Namespace - Failed - {} - Error: {}", what, errno);
-  }
-  int self_ = -1;
-  bool ok_ = false;
-};
 
 struct OptionMap {
   std::uint32_t bit;
@@ -109,7 +67,7 @@ IpPam::IpPam(Kel::Name name, AddressFamily af, std::uint8_t protocol, const Name
       rxBuffer_(kMaxRxPktData + Ipv6Hdr::kSize) {
   KEL_ASSERT(af == AddressFamily::ipv4 || af == AddressFamily::ipv6);
   {
-    NetNsGuard ns(netNs);
+    NetNsGuard ns(netNs, pamTrace());
     if (!ns.ok()) return;
     fd_ = ::socket(af == AddressFamily::ipv4 ? AF_INET : AF_INET6,
                    SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, protocol);
