@@ -72,6 +72,7 @@ class FakeBackend final : public Nimo::Sctp::Backend {
     return 0;
   }
   int noDelayIs(bool) override { return 0; }
+  int rtoIs(std::uint32_t, std::uint32_t, std::uint32_t) override { return 0; }
   int bind(const Nimo::Sctp::Endpoint& e) override {
     f_->binds.push_back(e);
     return 0;

@@ -640,6 +640,8 @@ Kel::Ptr<IpPam> ipPamFactory(const Kel::Name& name, AddressFamily af, std::uint8
 //                    and doSendMsg refuse, traced) but keeps its socket.
 //   optionFlags      kOptNoDelay (SCTP_NODELAY) is the one flag.
 //   autoCloseTime    SCTP_AUTOCLOSE seconds (0: never), applied at createSocket and on change.
+//   retransmitTimeoutIs  SCTP_RTOINFO (initial, min, max) for new associations: how fast a
+//                    lost peer is noticed and a lost packet resent.
 //
 // Trace facility "Nimo::Sctp". Threading: event-loop thread only (the userland library's
 // idle thread never calls back into us).
@@ -730,8 +732,7 @@ class Backend {
   virtual int bind(const Endpoint& local) = 0;
   virtual int listen(int backlog) = 0;
   virtual int connect(const Endpoint& peer) = 0;  // EINPROGRESS reported as 0
-  virtual long send(const std::uint8_t* p, std::size_t n, const Endpoint& to,
-                    AssociationId id) = 0;
+  virtual long send(const std::uint8_t* p, std::size_t n, const Endpoint& to, AssociationId id) = 0;
   virtual long recv(std::uint8_t* p, std::size_t n, RecvInfo& info) = 0;  // -EAGAIN: none
   // The association event a notification read carries, if it is one we follow.
   virtual std::optional<AssocEvent> assocEvent(const std::uint8_t* p, std::size_t n) const = 0;
@@ -742,6 +743,8 @@ class Backend {
   virtual void loopIs(Ulm::EventLoop* loop, std::function<void()> readable) = 0;
   // The path MTU each new association gets (userland: no PMTU discovery).
   virtual void pathMtuIs(std::uint32_t) {}
+  // Retransmission timeout bounds of new associations, in milliseconds (SCTP_RTOINFO).
+  virtual int rtoIs(std::uint32_t initialMs, std::uint32_t minMs, std::uint32_t maxMs) = 0;
 };
 
 bool userlandAvailable() noexcept;
@@ -799,6 +802,8 @@ class SctpPam : public Kel::Entity {
   void backlogIs(int b) noexcept { backlog_ = b; }
   std::uint32_t pathMtu() const noexcept { return pathMtu_; }
   void pathMtuIs(std::uint32_t m);
+  // SCTP_RTOINFO for associations made from now on (milliseconds); false when refused.
+  bool retransmitTimeoutIs(std::uint32_t initialMs, std::uint32_t minMs, std::uint32_t maxMs);
 
   const Kel::Ptr<Sctp::Status>& status() const noexcept { return status_; }
   void statusIs(const Kel::Ptr<Sctp::Status>& s) noexcept { status_ = s; }

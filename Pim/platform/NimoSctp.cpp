@@ -151,6 +151,13 @@ void SctpPam::pathMtuIs(std::uint32_t m) {
   if (backend_) backend_->pathMtuIs(m);
 }
 
+bool SctpPam::retransmitTimeoutIs(std::uint32_t initialMs, std::uint32_t minMs,
+                                  std::uint32_t maxMs) {
+  if (!backend_) return closed("SCTP_RTOINFO");
+  const int r = backend_->rtoIs(initialMs, minMs, maxMs);
+  return r == 0 || fail("SCTP_RTOINFO", -r);
+}
+
 bool SctpPam::doBind() {
   if (!backend_) return closed("doBind");
   const int r = backend_->bind(Sctp::Endpoint{srcIpAddr_, srcPort_, 0});

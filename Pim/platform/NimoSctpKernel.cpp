@@ -58,6 +58,10 @@ class KernelBackend final : public Backend {
     return opt(SCTP_AUTOCLOSE, static_cast<int>(seconds));
   }
   int noDelayIs(bool on) override { return opt(SCTP_NODELAY, on ? 1 : 0); }
+  int rtoIs(std::uint32_t initialMs, std::uint32_t minMs, std::uint32_t maxMs) override {
+    const sctp_rtoinfo ri{0, initialMs, maxMs, minMs};  // assoc 0: future associations
+    return ::setsockopt(fd_, IPPROTO_SCTP, SCTP_RTOINFO, &ri, sizeof ri) == 0 ? 0 : -errno;
+  }
   int bind(const Endpoint& local) override {
     const sockaddr_in6 sa = toSockAddr6(local);
     return ::bind(fd_, reinterpret_cast<const sockaddr*>(&sa), sizeof sa) == 0 ? 0 : -errno;

@@ -89,6 +89,10 @@ class UserBackend final : public Backend {
     return opt(SCTP_AUTOCLOSE, static_cast<int>(seconds));
   }
   int noDelayIs(bool on) override { return opt(SCTP_NODELAY, on ? 1 : 0); }
+  int rtoIs(std::uint32_t initialMs, std::uint32_t minMs, std::uint32_t maxMs) override {
+    const sctp_rtoinfo ri{SCTP_FUTURE_ASSOC, initialMs, maxMs, minMs};
+    return usrsctp_setsockopt(so_, IPPROTO_SCTP, SCTP_RTOINFO, &ri, sizeof ri) == 0 ? 0 : -errno;
+  }
   int bind(const Endpoint& local) override {
     // Bound to every registered address: the stack's addresses are its peers' handles.
     sockaddr_conn sc = conn(nullptr, local.port);
@@ -182,6 +186,10 @@ class UserBackend final : public Backend {
   void close() override {
     loopIs(nullptr, {});
     if (so_) {
+      // Abort rather than shut down: once we are gone nothing would run the stack to finish
+      // a graceful shutdown, and the peers would wait out their retransmissions.
+      const linger abortive{1, 0};
+      (void)usrsctp_setsockopt(so_, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
       usrsctp_close(so_);
       so_ = nullptr;
       // Let the stack send its ABORTs or SHUTDOWNs before the raw sockets go.
