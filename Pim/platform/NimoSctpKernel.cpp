@@ -128,27 +128,11 @@ class KernelBackend final : public Backend {
     if (n < sizeof ac) return std::nullopt;
     std::memcpy(&ac, p, sizeof ac);
     if (ac.sac_type != SCTP_ASSOC_CHANGE) return std::nullopt;
-    AssocEvent ev{static_cast<AssociationId>(ac.sac_assoc_id), AssocState::Up};
-    switch (ac.sac_state) {
-      case SCTP_COMM_UP:
-        ev.state = AssocState::Up;
-        break;
-      case SCTP_RESTART:
-        ev.state = AssocState::Restarted;
-        break;
-      case SCTP_COMM_LOST:
-        ev.state = AssocState::Lost;
-        break;
-      case SCTP_SHUTDOWN_COMP:
-        ev.state = AssocState::ShutDown;
-        break;
-      case SCTP_CANT_STR_ASSOC:
-        ev.state = AssocState::CantStart;
-        break;
-      default:
-        return std::nullopt;
-    }
-    return ev;
+    static constexpr unsigned kCodes[5] = {SCTP_COMM_UP, SCTP_RESTART, SCTP_COMM_LOST,
+                                           SCTP_SHUTDOWN_COMP, SCTP_CANT_STR_ASSOC};
+    const auto state = assocStateOf(ac.sac_state, kCodes);
+    if (!state) return std::nullopt;
+    return AssocEvent{static_cast<AssociationId>(ac.sac_assoc_id), *state};
   }
   std::optional<Endpoint> peer(AssociationId id) override {
     sctp_prim prim{};

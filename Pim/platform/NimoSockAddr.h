@@ -47,4 +47,16 @@ inline Endpoint fromSockAddr(const sockaddr* sa) noexcept {
   return e;
 }
 
+// The association state of an SCTP_ASSOC_CHANGE notification. The two stacks number the
+// states differently, so each backend passes its own values of SCTP_COMM_UP,
+// SCTP_RESTART, SCTP_COMM_LOST, SCTP_SHUTDOWN_COMP and SCTP_CANT_STR_ASSOC, in that order.
+inline std::optional<AssocState> assocStateOf(unsigned state, const unsigned (&codes)[5]) noexcept {
+  constexpr AssocState kStates[] = {AssocState::Up, AssocState::Restarted, AssocState::Lost,
+                                    AssocState::ShutDown, AssocState::CantStart};
+  for (std::size_t i = 0; i < 5; ++i) {
+    if (codes[i] == state) return kStates[i];
+  }
+  return std::nullopt;
+}
+
 }  // namespace Nimo::Sctp

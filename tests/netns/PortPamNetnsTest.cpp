@@ -8,6 +8,7 @@
 #include "Pim/PortPam.h"
 #include "tests/PimTestUtil.h"
 #include "tests/netns/NetnsUtil.h"
+#include "tests/netns/PortEnd.h"
 
 namespace {
 
@@ -27,59 +28,6 @@ const Family kFamilies[] = {
     {"ipv4", "10.77.0.1", "10.77.0.2"},
     {"ipv6", "fd77::1", "fd77::2"},
     {"link-local", "fe80::77:1", "fe80::77:2"},
-};
-
-// One router: a manager in its namespace with a neighbour record for the other end.
-struct End {
-  End(const std::string& ns, const std::string& intf, unsigned ifIndex, const char* peer) {
-    status = D::statusFactory(fmt::format("test/portnetns/{}/{}", ::getpid(), ns));
-    EXPECT_TRUE(status->mountWriter());
-    D::Neighbor nb(D::NeighborKey(IpGenAddr(peer), Nimo::IntfId(intf)), 105, {}, {}, {});
-    nb.portInfoIs(NeighborInfo(IpGenAddr(peer), CapabilityFlags(false, true), {}));
-    nb.transportProtocolIs(Protocol::Sctp);
-    status->neighborIs(nb);
-    status->neighborCommit();
-    mgr = portPamManagerFactory("port", ns, status);
-    mgr->scopeIdOfIs([ifIndex](const Nimo::IntfId&) { return ifIndex; });
-    mgr->loopIs(&loop);
-    mgr->enabledIs(true);
-    mgr->handleInitialized();
-    // Small retransmission times: lost packets and a lost peer are noticed in a bounded time.
-    EXPECT_TRUE(mgr->sctpPam()->retransmitTimeoutIs(100, 50, 400));
-    intfId = Nimo::IntfId(intf);
-    peerAddr = IpGenAddr(peer);
-  }
-  void connect() { mgr->setupNeighborAssociation(intfId, peerAddr); }
-  // Runs the loop until done() or the bound; true if done.
-  template <typename F>
-  bool runUntil(F done, double seconds) {
-    for (int i = 0; i < static_cast<int>(seconds * 200); ++i) {
-      if (done()) return true;
-      loop.runOnce(0.005);
-    }
-    return done();
-  }
-  bool send(std::uint16_t holdTime) {
-    auto data = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
-    data->upstreamNeighborIs(peerAddr);
-    data->holdTimeIs(holdTime);
-    const bool v4 = peerAddr.af() == Nimo::AddressFamily::ipv4;
-    data->joinPruneGroupDataIs(
-            Nimo::IpGenPrefix(IpGenAddr(v4 ? "232.1.1.1" : "ff3e::1"), v4 ? 32 : 128))
-        .joinedSourceIs(IpGenAddr(v4 ? "10.1.1.1" : "2001:db8::1"));
-    auto jp = Kel::Ptr<Routing::Pim::Packet::JoinPruneMessage>::make();
-    jp->joinPruneDataIs(data);
-    const auto before = mgr->txSuccess();
-    mgr->txMessageInfo()->neighborAddrIs(peerAddr);
-    mgr->txMessageInfo()->joinPruneMessageIs(jp);
-    mgr->txMessageInfo()->countInc();
-    return mgr->txSuccess() > before;
-  }
-  Kel::Ptr<D::Status> status;
-  Ulm::EventLoop loop{Kel::Ptr<Kel::SystemClock>::make()};
-  Kel::Ptr<PortPamManager> mgr;
-  Nimo::IntfId intfId;
-  IpGenAddr peerAddr;
 };
 
 // What one end saw, sent back to the parent.
@@ -119,7 +67,7 @@ struct Child {
   }
 };
 
-void sendAll(End& a, int count, Report& r) {
+void sendAll(PimTest::PortEnd& a, int count, Report& r) {
   for (int i = 1; i <= count; ++i) {
     // A full send buffer refuses; the loop drains it and the same message goes again.
     bool sent = false;
@@ -130,7 +78,7 @@ void sendAll(End& a, int count, Report& r) {
 
 // B: counts Join/Prunes (in order by hold time) until `expect` or the bound, then reports;
 // its manager goes with the child.
-Report receiver(End& b, int expect, bool connectToo) {
+Report receiver(PimTest::PortEnd& b, int expect, bool connectToo) {
   Report r;
   if (connectToo) b.connect();
   std::uint16_t last = 0;
@@ -163,7 +111,7 @@ Report receiver(End& b, int expect, bool connectToo) {
 }
 
 // A: sets up, sends garbage then `count` Join/Prunes, and waits for B's end to be seen.
-Report sender(End& a, int count, bool garbage, double upWait) {
+Report sender(PimTest::PortEnd& a, int count, bool garbage, double upWait) {
   Report r;
   fmt::format_to_n(r.backend, sizeof r.backend - 1, "{}", a.mgr->sctpPam()->backendKind());
   a.connect();
@@ -206,11 +154,11 @@ class PortPamNetnsTest : public ::testing::Test {
   void run(const Family& f, int count, bool garbage, bool bothConnect, Report& a, Report& b) {
     Child cb, ca;
     cb.start([&] {
-      End end(net->b, net->vethB, net->ifIndexB, f.a);
+      PimTest::PortEnd end(net->b, net->vethB, net->ifIndexB, f.a);
       return receiver(end, count, bothConnect);
     });
     ca.start([&] {
-      End end(net->a, net->vethA, net->ifIndexA, f.b);
+      PimTest::PortEnd end(net->a, net->vethA, net->ifIndexA, f.b);
       return sender(end, count, garbage, 10);
     });
     EXPECT_TRUE(cb.report(b, 90));
