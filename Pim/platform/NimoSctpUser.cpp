@@ -298,6 +298,9 @@ class UserBackend final : public Backend {
       usrsctp_handle_timers(static_cast<std::uint32_t>(ms));
     }
     if (timer_) timer_->delayIs(kTimerPeriod);
+    // Readable is level-like, as a kernel socket's: a reader that stopped at its quantum
+    // with messages left is called again here, not only when the next packet arrives.
+    if (so_ && (usrsctp_get_events(so_) & SCTP_EVENT_READ)) pending_ = true;
     flush();
   }
 
