@@ -5,6 +5,8 @@
 #include <poll.h>
 #include <sys/wait.h>
 
+#include <cstring>
+
 #include "Pim/PortPam.h"
 #include "tests/PimTestUtil.h"
 #include "tests/netns/NetnsUtil.h"
@@ -217,6 +219,57 @@ TEST_F(PortPamNetnsTest, ThousandJoinPrunesThroughFivePercentLossAllArriveInOrde
   // The rule dropped something: the counter of the rule is not zero.
   const auto out = PimTest::runCommand("ip netns exec " + net->b + " nft list table inet loss");
   EXPECT_EQ(out.out.find("packets 0 "), std::string::npos) << out.out;
+}
+
+TEST_F(PortPamNetnsTest, KernelSocketsWhereTheKernelHasSctp) {
+  const int fd = ::socket(AF_INET6, SOCK_SEQPACKET, IPPROTO_SCTP);
+  if (fd < 0) {
+    const int err = errno;
+    GTEST_SKIP() << "the kernel has no SCTP: socket(AF_INET6, SOCK_SEQPACKET, IPPROTO_SCTP) fails"
+                 << " with errno " << err << " (" << std::strerror(err) << ")";
+  }
+  ::close(fd);
+  ::setenv("PIM_SCTP_BACKEND", "kernel", 1);
+  for (const auto& f : kFamilies) {
+    SCOPED_TRACE(f.name);
+    Report a, b;
+    run(f, 100, true, false, a, b);
+    EXPECT_EQ(std::string(a.backend), "kernel");
+    ASSERT_TRUE(a.cameUp);
+    EXPECT_EQ(b.received, 100u);
+    EXPECT_EQ(b.outOfOrder, 0u);
+    EXPECT_EQ(b.invalid, 1u);
+    EXPECT_EQ(std::string(b.src), f.a);
+    EXPECT_TRUE(a.endSeen);
+  }
+}
+
+// Without kernel SCTP and without the privilege for raw sockets, neither backend opens: one
+// trace line with the errno, one count, and the manager still initialises. Run as nobody.
+TEST_F(PortPamNetnsTest, NoBackendWithoutPrivilegeInitialisesClosed) {
+  ::unsetenv("PIM_SCTP_BACKEND");
+  Child c;
+  c.start([] {
+    Report r;
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) return r;
+    Flicklog::facility("Nimo::Sctp").levelIs(1);
+    Flicklog::CaptureSink capture;
+    auto mgr = portPamManagerFactory("port", "", nullptr);
+    mgr->handleInitialized();
+    r.cameUp = mgr->initialized() && !mgr->sctpPam()->ok();
+    r.invalid = mgr->sctpPam()->createErrors();
+    r.received = capture.lines().size();
+    fmt::format_to_n(r.src, sizeof r.src - 1, "{}",
+                     capture.lines().empty() ? "" : capture.lines().back().text);
+    return r;
+  });
+  Report r;
+  ASSERT_TRUE(c.report(r, 20));
+  EXPECT_TRUE(r.cameUp);
+  EXPECT_EQ(r.invalid, 1u);
+  EXPECT_EQ(r.received, 1u);  // one trace line
+  // The kernel's refusal, then the userland stack's: EPERM for its raw socket.
+  EXPECT_EQ(std::string(r.src), "port.sctp: createSocket - Failed - Error: 1");
 }
 
 }  // namespace
