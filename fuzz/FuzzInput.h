@@ -78,11 +78,17 @@ std::uint32_t processPkt(const std::uint8_t* data, std::size_t size);
 std::uint32_t readPortFrame(const std::uint8_t* data, std::size_t size);
 
 // The targets by name: the fuzzers' binary suffix (pimfuzz_<name>) and corpus directory.
+// clang-format off
 inline constexpr std::string_view kTargetNames[] = {
-    "readHeader",        "readUnicastAddress",   "readGroupAddress",    "readSourceAddress",
-    "readHelloMessage",  "readJoinPruneMessage", "readRegisterMessage", "readRegisterStopMessage",
-    "readAssertMessage", "readBootstrapMessage", "readCrpAdvMessage",   "readDfElectionMessage",
-    "pimdumpFrame",      "processPkt",           "readPortFrame"};
+    "readHeader",          "readUnicastAddress",
+    "readGroupAddress",    "readSourceAddress",
+    "readHelloMessage",    "readJoinPruneMessage",
+    "readRegisterMessage", "readRegisterStopMessage",
+    "readAssertMessage",   "readBootstrapMessage",
+    "readCrpAdvMessage",   "readDfElectionMessage",
+    "pimdumpFrame",        "processPkt",
+    "readPortFrame"};
+// clang-format on
 
 // Valid inputs for a target, built with the codec's writers plus a few by hand: the
 // fuzzers' seed corpus and the fixed inputs of the regression test. Each is accepted by

@@ -141,7 +141,7 @@ Report sender(PimTest::PortEnd& a, int count, bool garbage, double upWait) {
 }
 
 class PortPamNetnsTest : public ::testing::Test {
- protected:
+ public:
   void SetUp() override {
     if (!PimTest::isRoot()) GTEST_SKIP() << "needs root (network namespaces, raw sockets)";
     ::setenv("PIM_SCTP_BACKEND", "userland", 1);
@@ -169,24 +169,13 @@ class PortPamNetnsTest : public ::testing::Test {
   std::unique_ptr<PimTest::NetnsPair> net;
 };
 
+// Every family on the backend the environment names: 100 Join/Prunes after one garbage
+// message arrive in order with A's address and the association's id, the garbage is counted
+// with the association kept, and B's manager going ends A's association.
+void deliversInEveryFamily(PortPamNetnsTest& t, const std::string& backend);
+
 TEST_F(PortPamNetnsTest, JoinPrunesArriveWithSourceAndAssociationThenTheEndIsSeen) {
-  for (const auto& f : kFamilies) {
-    SCOPED_TRACE(f.name);
-    Report a, b;
-    run(f, 100, true, false, a, b);
-    EXPECT_EQ(std::string(a.backend), "userland");
-    ASSERT_TRUE(a.cameUp);
-    EXPECT_EQ(a.sent, 100u);
-    EXPECT_EQ(b.received, 100u);
-    EXPECT_EQ(b.outOfOrder, 0u);
-    EXPECT_EQ(b.invalid, 1u);  // the garbage, with the association kept
-    EXPECT_EQ(b.up, 1u);
-    EXPECT_EQ(b.assocs, 1u);
-    EXPECT_NE(b.assocId, 0u);
-    EXPECT_EQ(b.assocId, b.lastAssocId);
-    EXPECT_EQ(std::string(b.src), f.a);
-    EXPECT_TRUE(a.endSeen);  // B's manager went: A's association ended
-  }
+  deliversInEveryFamily(*this, "userland");
 }
 
 TEST_F(PortPamNetnsTest, SetupFromBothEndsAtOnceGivesOneAssociation) {
@@ -230,18 +219,7 @@ TEST_F(PortPamNetnsTest, KernelSocketsWhereTheKernelHasSctp) {
   }
   ::close(fd);
   ::setenv("PIM_SCTP_BACKEND", "kernel", 1);
-  for (const auto& f : kFamilies) {
-    SCOPED_TRACE(f.name);
-    Report a, b;
-    run(f, 100, true, false, a, b);
-    EXPECT_EQ(std::string(a.backend), "kernel");
-    ASSERT_TRUE(a.cameUp);
-    EXPECT_EQ(b.received, 100u);
-    EXPECT_EQ(b.outOfOrder, 0u);
-    EXPECT_EQ(b.invalid, 1u);
-    EXPECT_EQ(std::string(b.src), f.a);
-    EXPECT_TRUE(a.endSeen);
-  }
+  deliversInEveryFamily(*this, "kernel");
 }
 
 // Without kernel SCTP and without the privilege for raw sockets, neither backend opens: one
@@ -270,6 +248,26 @@ TEST_F(PortPamNetnsTest, NoBackendWithoutPrivilegeInitialisesClosed) {
   EXPECT_EQ(r.received, 1u);  // one trace line
   // The kernel's refusal, then the userland stack's: EPERM for its raw socket.
   EXPECT_EQ(std::string(r.src), "port.sctp: createSocket - Failed - Error: 1");
+}
+
+void deliversInEveryFamily(PortPamNetnsTest& t, const std::string& backend) {
+  for (const auto& f : kFamilies) {
+    SCOPED_TRACE(f.name);
+    Report a, b;
+    t.run(f, 100, true, false, a, b);
+    EXPECT_EQ(std::string(a.backend), backend);
+    ASSERT_TRUE(a.cameUp);
+    EXPECT_EQ(a.sent, 100u);
+    EXPECT_EQ(b.received, 100u);
+    EXPECT_EQ(b.outOfOrder, 0u);
+    EXPECT_EQ(b.invalid, 1u);  // the garbage, with the association kept
+    EXPECT_EQ(b.up, 1u);
+    EXPECT_EQ(b.assocs, 1u);
+    EXPECT_NE(b.assocId, 0u);
+    EXPECT_EQ(b.assocId, b.lastAssocId);
+    EXPECT_EQ(std::string(b.src), f.a);
+    EXPECT_TRUE(a.endSeen);  // B's manager went: A's association ended
+  }
 }
 
 }  // namespace
