@@ -233,6 +233,18 @@ std::vector<std::vector<std::uint8_t>> seeds(std::string_view target) {
       out.back()[0] |= 0x80;  // with the boundary and bidirectional filters
     }
   }
+  if (target == "readPortFrame") {
+    // A Join/Prune framed (its IPv4 checksum has no pseudo-header, so it decodes) and a
+    // keep-alive.
+    for (Family f : {Family::Ipv4, Family::Ipv6}) {
+      auto jp = writtenJoinPrune(f, false);
+      const auto len = static_cast<std::uint16_t>(jp.size() + 4);
+      jp.insert(jp.begin(), {0, 1, static_cast<std::uint8_t>(len >> 8),
+                             static_cast<std::uint8_t>(len), 0, 0, 0, 0});
+      out.push_back(encode(f, 0, false, jp));
+    }
+    out.push_back(encode(Family::Ipv4, 2, false, {0, 2, 0, 4, 0, 0, 0, 0}));
+  }
   for (auto& seed : sampleSeeds(target)) out.push_back(std::move(seed));
   return out;
 }

@@ -74,8 +74,11 @@ std::uint32_t pimdumpFrame(const std::uint8_t* data, std::size_t size);
 // The receive path (IOSm::processPkt): byte 0 its own context (ProcessPktFuzz.cpp), then
 // the IP packet as the socket hands it over; 1 when accepted, else 0.
 std::uint32_t processPkt(const std::uint8_t* data, std::size_t size);
+// The framing of PIM over a reliable transport, and the Join/Prune inside a frame.
+std::uint32_t readPortFrame(const std::uint8_t* data, std::size_t size);
 
 // The targets by name: the fuzzers' binary suffix (pimfuzz_<name>) and corpus directory.
+// clang-format off
 inline constexpr std::string_view kTargetNames[] = {
     "readHeader",          "readUnicastAddress",
     "readGroupAddress",    "readSourceAddress",
@@ -83,7 +86,9 @@ inline constexpr std::string_view kTargetNames[] = {
     "readRegisterMessage", "readRegisterStopMessage",
     "readAssertMessage",   "readBootstrapMessage",
     "readCrpAdvMessage",   "readDfElectionMessage",
-    "pimdumpFrame",        "processPkt"};
+    "pimdumpFrame",        "processPkt",
+    "readPortFrame"};
+// clang-format on
 
 // Valid inputs for a target, built with the codec's writers plus a few by hand: the
 // fuzzers' seed corpus and the fixed inputs of the regression test. Each is accepted by

@@ -3,7 +3,8 @@
 set(PIM_FUZZ_TARGETS readHeader readUnicastAddress readGroupAddress readSourceAddress
     readHelloMessage readJoinPruneMessage
     readRegisterMessage readRegisterStopMessage readAssertMessage readBootstrapMessage
-    readCrpAdvMessage readDfElectionMessage pimdumpFrame processPkt)
+    readCrpAdvMessage readDfElectionMessage pimdumpFrame processPkt
+    readPortFrame)
 set(PIM_FUZZ_PLATFORM_TARGETS drobeReader)  # own input format and seeds; not in FuzzInput.h
 set(PIM_FUZZ_SUPPORT_SOURCES ${CMAKE_CURRENT_LIST_DIR}/FuzzInput.cpp
     ${CMAKE_CURRENT_LIST_DIR}/FuzzSeedsSamples.cpp)

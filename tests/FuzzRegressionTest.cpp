@@ -37,6 +37,7 @@ constexpr NamedTarget kTargets[] = {
     {"readDfElectionMessage", &PimFuzz::readDfElectionMessage},
     {"pimdumpFrame", &PimFuzz::pimdumpFrame},
     {"processPkt", &PimFuzz::processPkt},
+    {"readPortFrame", &PimFuzz::readPortFrame},
 };
 static_assert(std::size(kTargets) == std::size(PimFuzz::kTargetNames));
 

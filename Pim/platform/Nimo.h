@@ -31,6 +31,9 @@
 #include <compare>
 #include <cstdint>
 #include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -582,6 +585,293 @@ class IpPam : public Kel::Entity {
 
 Kel::Ptr<IpPam> ipPamFactory(const Kel::Name& name, AddressFamily af, std::uint8_t protocol,
                              const NamespaceName& netNs, bool ipv6HeaderInclude = false);
+
+// ---------------------------------------------------------------------------------------
+// Packet access: SCTP (PIM over a reliable transport, RFC 6559).
+//
+// SctpPam is one one-to-many SCTP socket (SOCK_SEQPACKET) per VRF, created inside the
+// VRF's namespace (netNs, as IpPam), non-blocking, its readable events through
+// Ulm::EventLoop (loopIs). It is an AF_INET6 socket with IPV6_V6ONLY off: IPv6 peers use
+// their own addresses, IPv4 peers arrive and are reached as IPv4-mapped addresses
+// (::ffff:a.b.c.d), which this object maps in both directions, so its users see plain
+// IPv4 addresses. One socket therefore serves both families.
+//
+// Two backends behind one interface (Sctp::Backend, also the seam tests fake), chosen by
+// createSocket: the kernel's SCTP where socket(AF_INET6, SOCK_SEQPACKET, IPPROTO_SCTP)
+// succeeds, otherwise the userland stack (libusrsctp) when it was built in
+// (Sctp::userlandAvailable()). The environment variable PIM_SCTP_BACKEND=userland (or
+// =kernel) forces one. The userland backend:
+//   - runs usrsctp without its threads (usrsctp_init_nothreads): SCTP packets travel over
+//     our own non-blocking raw sockets of IP protocol 132 (both families) watched on the
+//     event loop, and a 10 ms loop timer drives usrsctp_handle_timers. The library still
+//     starts one idle iterator thread when it initialises; we use none of the features
+//     that give it work (send-to-all, automatic address reconfiguration).
+//   - is one stack per process and per namespace: a second stack in the same namespace
+//     receives a copy of every packet and aborts the first's associations, so never run it
+//     where the kernel has SCTP, and create one userland SctpPam per process.
+//   - keeps its raw sockets open for the object's life; closing them makes the kernel
+//     answer SCTP with ICMP protocol-unreachable and kills the peers' associations.
+//   - has no path-MTU discovery: each association's path MTU is set from pathMtu (the
+//     link MTU less 32 for IPv4 and 52 for IPv6; the SCTP header is not counted) with
+//     PMTUD disabled.
+//
+// Attributes and operations, and the socket call each maps to:
+//   createSocket()   socket(AF_INET6, SOCK_SEQPACKET, IPPROTO_SCTP), O_NONBLOCK,
+//                    IPV6_V6ONLY 0, SCTP_RECVRCVINFO 1, SCTP_EVENT for SCTP_ASSOC_CHANGE,
+//                    SCTP_AUTOCLOSE from autoCloseTime. Fails (false) with the errno in
+//                    one trace line and createErrors counted; the object stays closed and
+//                    every later operation fails with its own trace. Nothing retries.
+//   closeSocket()    close(); resetSocket() closeSocket() then createSocket().
+//   doBind()         bind(srcIpAddr (unset: the wildcard ::), srcPort).
+//   doListen()       listen(backlog).
+//   doConnect()      connect(txDstIpAddr, txDstPort) on the non-blocking socket: creates an
+//                    association without waiting (EINPROGRESS is success); its completion
+//                    arrives as an association event. An IPv6 link-local txDstIpAddr needs
+//                    txDstScopeId (the interface index) or the call fails with EINVAL.
+//   createAssociation(addr, port)  txDstIpAddr/txDstPort then doConnect().
+//   doSendMsg(pkt, id) sendmsg with SCTP_SNDINFO naming association id (0: txDstIpAddr
+//                    and txDstPort address the message), one message, MSG_EOR implied;
+//                    txCount and txBytes count successes, txErrors failures.
+//   doRecvMsg()      recvmsg until a whole message (MSG_EOR) is in: pieces are joined up to
+//                    maxRxPktData, beyond that the message is dropped (traced, counted in
+//                    rxOversize) and never decoded. SCTP_RCVINFO ancillary data gives
+//                    rxAssociationId (rxAncillaryCount counts reads carrying it), the
+//                    source address gives rxSrcIpAddr and rxSrcPort. A read flagged
+//                    MSG_NOTIFICATION is an association event, never a message: it updates
+//                    the Sctp::Status handed to statusIs and counts rxAssocEventCount.
+//                    Returns the message, or null when none is waiting.
+//   mode             1 enabled, 0 disabled: a disabled object opens nothing new (doConnect
+//                    and doSendMsg refuse, traced) but keeps its socket.
+//   optionFlags      kOptNoDelay (SCTP_NODELAY) is the one flag.
+//   autoCloseTime    SCTP_AUTOCLOSE seconds (0: never), applied at createSocket and on change.
+//   retransmitTimeoutIs  SCTP_RTOINFO (initial, min, max) for new associations: how fast a
+//                    lost peer is noticed and a lost packet resent.
+//
+// Trace facility "Nimo::Sctp". Threading: event-loop thread only (the userland library's
+// idle thread never calls back into us).
+//
+// Usage:
+//   auto st = Kel::Ptr<Nimo::Sctp::Status>::make("sctp");
+//   auto sp = Kel::Ptr<Nimo::SctpPam>::make("Port", "");
+//   sp->statusIs(st); sp->loopIs(&loop);
+//   if (sp->createSocket() && sp->doBind() && sp->doListen()) sp->createAssociation(peer, 8471);
+//   while (auto m = sp->doRecvMsg()) use(m, sp->rxSrcIpAddr(), sp->rxAssociationId());
+
+namespace Sctp {
+
+using AssociationId = std::uint32_t;
+
+// RFC 6559's port (IANA: pim-port, 8471, TCP and SCTP).
+inline constexpr std::uint16_t pimPort = 8471;
+
+enum class AssocState : std::uint8_t { Up, Restarted, Lost, ShutDown, CantStart };
+std::string_view assocStateName(AssocState s) noexcept;
+
+struct Association {
+  AssociationId id = 0;
+  IpGenAddr peerAddr;
+  std::uint16_t peerPort = 0;
+  AssocState state = AssocState::Up;
+  friend bool operator==(const Association&, const Association&) = default;
+};
+
+// The associations of one socket, by id, with their last state.
+class Status : public Kel::Entity {
+ public:
+  class NotifieeConst : public Kel::BaseNotifiee<Status, NotifieeConst> {
+   public:
+    virtual void onAssociation(AssociationId) {}
+  };
+  void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
+  explicit Status(Kel::Name name) : Kel::Entity(std::move(name)) {}
+
+  const Association* association(AssociationId id) const {
+    auto it = assoc_.find(id);
+    return it == assoc_.end() ? nullptr : &it->second;
+  }
+  const std::map<AssociationId, Association>& association() const noexcept { return assoc_; }
+  void associationIs(const Association& a);
+  void associationDel(AssociationId id);
+  // Associations in state Up or Restarted.
+  std::size_t upCount() const noexcept;
+
+ private:
+  std::map<AssociationId, Association> assoc_;
+  Kel::NotifieeList<NotifieeConst> notifiees_;
+};
+
+// An endpoint as the backends take and give it; scopeId for IPv6 link-local only.
+struct Endpoint {
+  IpGenAddr addr;  // unset: the wildcard
+  std::uint16_t port = 0;
+  std::uint32_t scopeId = 0;
+};
+
+// What one read returned besides the bytes.
+struct RecvInfo {
+  bool notification = false;  // MSG_NOTIFICATION
+  bool endOfRecord = false;   // MSG_EOR: this read ends a message
+  bool rcvInfo = false;       // SCTP_RCVINFO ancillary data was present
+  AssociationId assocId = 0;
+  Endpoint from;
+};
+
+struct AssocEvent {
+  AssociationId id = 0;
+  AssocState state = AssocState::Up;
+};
+
+// The system-call seam: one one-to-many socket. Results are 0 / byte counts, or a negative
+// errno. Implementations: the kernel's sockets, libusrsctp, and the tests' fake.
+class Backend {
+ public:
+  virtual ~Backend() = default;
+  virtual std::string_view kind() const noexcept = 0;
+  // Opens the socket (IPv6 with mapped IPv4, non-blocking, receive info and association
+  // events on) inside netNs.
+  virtual int open(const NamespaceName& netNs) = 0;
+  virtual int autoCloseIs(std::uint32_t seconds) = 0;
+  virtual int noDelayIs(bool on) = 0;
+  virtual int bind(const Endpoint& local) = 0;
+  virtual int listen(int backlog) = 0;
+  virtual int connect(const Endpoint& peer) = 0;  // EINPROGRESS reported as 0
+  virtual long send(const std::uint8_t* p, std::size_t n, const Endpoint& to, AssociationId id) = 0;
+  virtual long recv(std::uint8_t* p, std::size_t n, RecvInfo& info) = 0;  // -EAGAIN: none
+  // The association event a notification read carries, if it is one we follow.
+  virtual std::optional<AssocEvent> assocEvent(const std::uint8_t* p, std::size_t n) const = 0;
+  // The association's primary peer address.
+  virtual std::optional<Endpoint> peer(AssociationId id) = 0;
+  virtual void close() = 0;
+  // Calls readable (on the loop) whenever the socket may have something to read.
+  virtual void loopIs(Ulm::EventLoop* loop, std::function<void()> readable) = 0;
+  // The path MTU each new association gets (userland: no PMTU discovery).
+  virtual void pathMtuIs(std::uint32_t) {}
+  // Retransmission timeout bounds of new associations, in milliseconds (SCTP_RTOINFO).
+  virtual int rtoIs(std::uint32_t initialMs, std::uint32_t minMs, std::uint32_t maxMs) = 0;
+};
+
+bool userlandAvailable() noexcept;
+// The backend the environment asks for, or null for "kernel first".
+std::unique_ptr<Backend> kernelBackend();
+std::unique_ptr<Backend> userlandBackend();  // null when not built in
+
+}  // namespace Sctp
+
+class SctpPam : public Kel::Entity {
+ public:
+  static constexpr std::uint32_t kOptNoDelay = 0x0001;
+  static constexpr std::uint32_t kDefaultMaxRxPktData = 65535;
+  static constexpr int kDefaultBacklog = 16;
+
+  class NotifieeConst : public Kel::BaseNotifiee<SctpPam, NotifieeConst> {
+   public:
+    virtual void onReadableCount() {}
+  };
+  void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
+
+  // Makes the backend createSocket uses (tests hand in a fake); default: kernel first.
+  using BackendFactory = std::function<std::unique_ptr<Sctp::Backend>()>;
+  SctpPam(Kel::Name name, NamespaceName netNs, BackendFactory factory = {});
+  ~SctpPam() override;
+  SctpPam(const SctpPam&) = delete;
+  SctpPam& operator=(const SctpPam&) = delete;
+
+  const NamespaceName& netNs() const noexcept { return netNs_; }
+  std::uint16_t pimPort() const noexcept { return Sctp::pimPort; }
+  // "kernel", "userland" or the fake's name while open; empty when closed.
+  std::string_view backendKind() const noexcept;
+  bool ok() const noexcept { return backend_ != nullptr; }
+
+  std::uint8_t mode() const noexcept { return mode_; }
+  void modeIs(std::uint8_t m) noexcept { mode_ = m; }
+  const IpGenAddr& srcIpAddr() const noexcept { return srcIpAddr_; }
+  void srcIpAddrIs(const IpGenAddr& a) noexcept { srcIpAddr_ = a; }
+  std::uint16_t srcPort() const noexcept { return srcPort_; }
+  void srcPortIs(std::uint16_t p) noexcept { srcPort_ = p; }
+  const IpGenAddr& txDstIpAddr() const noexcept { return txDstIpAddr_; }
+  void txDstIpAddrIs(const IpGenAddr& a) noexcept { txDstIpAddr_ = a; }
+  std::uint16_t txDstPort() const noexcept { return txDstPort_; }
+  void txDstPortIs(std::uint16_t p) noexcept { txDstPort_ = p; }
+  std::uint32_t txDstScopeId() const noexcept { return txDstScopeId_; }
+  void txDstScopeIdIs(std::uint32_t s) noexcept { txDstScopeId_ = s; }
+  std::uint32_t maxRxPktData() const noexcept { return maxRxPktData_; }
+  void maxRxPktDataIs(std::uint32_t n) noexcept { maxRxPktData_ = n; }
+  std::uint32_t autoCloseTime() const noexcept { return autoCloseTime_; }
+  void autoCloseTimeIs(std::uint32_t seconds);
+  std::uint32_t optionFlags() const noexcept { return optionFlags_; }
+  void optionFlagsIs(std::uint32_t f);
+  int backlog() const noexcept { return backlog_; }
+  void backlogIs(int b) noexcept { backlog_ = b; }
+  std::uint32_t pathMtu() const noexcept { return pathMtu_; }
+  void pathMtuIs(std::uint32_t m);
+  // SCTP_RTOINFO for associations made from now on (milliseconds); false when refused.
+  bool retransmitTimeoutIs(std::uint32_t initialMs, std::uint32_t minMs, std::uint32_t maxMs);
+
+  const Kel::Ptr<Sctp::Status>& status() const noexcept { return status_; }
+  void statusIs(const Kel::Ptr<Sctp::Status>& s) noexcept { status_ = s; }
+
+  // Received message's source and association.
+  const IpGenAddr& rxSrcIpAddr() const noexcept { return rxSrcIpAddr_; }
+  std::uint16_t rxSrcPort() const noexcept { return rxSrcPort_; }
+  Sctp::AssociationId rxAssociationId() const noexcept { return rxAssociationId_; }
+
+  bool createSocket();
+  void closeSocket();
+  bool resetSocket();
+  bool doBind();
+  bool doListen();
+  bool doConnect();
+  bool createAssociation(const IpGenAddr& addr, std::uint16_t port);
+  bool doSendMsg(const std::uint8_t* p, std::uint32_t n, Sctp::AssociationId id);
+  Kel::Ptr<Pkt> doRecvMsg();
+
+  void loopIs(Ulm::EventLoop* loop);
+  std::uint64_t readableCount() const noexcept { return readableCount_; }
+
+  std::uint64_t txCount() const noexcept { return txCount_; }
+  std::uint64_t txBytes() const noexcept { return txBytes_; }
+  std::uint64_t txErrors() const noexcept { return txErrors_; }
+  std::uint64_t rxCount() const noexcept { return rxCount_; }
+  std::uint64_t rxAssocEventCount() const noexcept { return rxAssocEventCount_; }
+  std::uint64_t rxAncillaryCount() const noexcept { return rxAncillaryCount_; }
+  std::uint64_t rxOversize() const noexcept { return rxOversize_; }
+  std::uint64_t rxErrors() const noexcept { return rxErrors_; }
+  std::uint64_t createErrors() const noexcept { return createErrors_; }
+
+ private:
+  bool closed(const char* op);
+  bool fail(const char* op, int err);
+  void handleEvent(const Sctp::AssocEvent& ev);
+  NamespaceName netNs_;
+  BackendFactory factory_;
+  std::unique_ptr<Sctp::Backend> backend_;
+  Ulm::EventLoop* loop_ = nullptr;
+  std::uint8_t mode_ = 0;
+  IpGenAddr srcIpAddr_;
+  std::uint16_t srcPort_ = Sctp::pimPort;
+  IpGenAddr txDstIpAddr_;
+  std::uint16_t txDstPort_ = Sctp::pimPort;
+  std::uint32_t txDstScopeId_ = 0;
+  std::uint32_t maxRxPktData_ = kDefaultMaxRxPktData;
+  std::uint32_t autoCloseTime_ = 0;
+  std::uint32_t optionFlags_ = 0;
+  int backlog_ = kDefaultBacklog;
+  std::uint32_t pathMtu_ = 1500 - 52;
+  Kel::Ptr<Sctp::Status> status_;
+  IpGenAddr rxSrcIpAddr_;
+  std::uint16_t rxSrcPort_ = 0;
+  Sctp::AssociationId rxAssociationId_ = 0;
+  std::vector<std::uint8_t> rxBuffer_;
+  std::size_t rxHave_ = 0;   // bytes of a message whose end has not come yet
+  bool rxDropping_ = false;  // that message is over maxRxPktData
+  std::uint64_t readableCount_ = 0;
+  std::uint64_t txCount_ = 0, txBytes_ = 0, txErrors_ = 0;
+  std::uint64_t rxCount_ = 0, rxAssocEventCount_ = 0, rxAncillaryCount_ = 0;
+  std::uint64_t rxOversize_ = 0, rxErrors_ = 0, createErrors_ = 0;
+  Kel::NotifieeList<NotifieeConst> notifiees_;
+};
 
 }  // namespace Nimo
 

@@ -1,0 +1,273 @@
+// PIM over SCTP between two namespaces with real associations: a PortPamManager in each
+// (the userland backend here, the kernel's where it has SCTP), one end per process since a
+// userland stack is one per process. B runs in a child and reports on a pipe; A runs here.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+
+#include <cstring>
+
+#include "Pim/PortPam.h"
+#include "tests/PimTestUtil.h"
+#include "tests/netns/NetnsUtil.h"
+#include "tests/netns/PortEnd.h"
+
+namespace {
+
+using namespace Routing::Pim::Reliable;
+namespace D = Routing::Pim::Drobe;
+using Nimo::IpGenAddr;
+
+[[maybe_unused]] auto* const kRoot =
+    ::testing::AddGlobalTestEnvironment(new PimTest::PrivateDrobeRoot("portnetns"));
+
+struct Family {
+  const char* name;
+  const char* a;  // A's address (the PIM and connection address alike)
+  const char* b;
+};
+const Family kFamilies[] = {
+    {"ipv4", "10.77.0.1", "10.77.0.2"},
+    {"ipv6", "fd77::1", "fd77::2"},
+    {"link-local", "fe80::77:1", "fe80::77:2"},
+};
+
+// What one end saw, sent back to the parent.
+struct Report {
+  std::uint64_t received = 0, invalid = 0, outOfOrder = 0, sent = 0;
+  std::uint32_t assocId = 0, lastAssocId = 0;
+  std::size_t assocs = 0, up = 0, upAtPeak = 0;
+  bool cameUp = false, endSeen = false;
+  char src[64] = {};
+  char backend[16] = {};
+};
+
+// One end in a child process of its own: a userland stack is per process, and a child
+// forked from a parent that never started one begins clean. Every wait is bounded.
+struct Child {
+  pid_t pid = -1;
+  int fd = -1;
+  template <typename F>
+  void start(F body) {
+    int p[2];
+    if (::pipe(p) != 0) return;
+    pid = ::fork();
+    if (pid == 0) {
+      ::close(p[0]);
+      Report r = body();
+      (void)!::write(p[1], &r, sizeof r);
+      ::_exit(0);
+    }
+    ::close(p[1]);
+    fd = p[0];
+  }
+  bool report(Report& r, int seconds) {
+    pollfd pf{fd, POLLIN, 0};
+    const bool ok = ::poll(&pf, 1, seconds * 1000) == 1 && ::read(fd, &r, sizeof r) == sizeof r;
+    ::close(fd);
+    return ok && PimTest::waitChild(pid, 10) == 0;
+  }
+};
+
+void sendAll(PimTest::PortEnd& a, int count, Report& r) {
+  for (int i = 1; i <= count; ++i) {
+    // A full send buffer refuses; the loop drains it and the same message goes again.
+    bool sent = false;
+    a.runUntil([&] { return sent || (sent = a.send(static_cast<std::uint16_t>(i))); }, 10);
+    r.sent += sent;
+  }
+}
+
+// B: counts Join/Prunes (in order by hold time) until `expect` or the bound, then reports;
+// its manager goes with the child.
+Report receiver(PimTest::PortEnd& b, int expect, bool connectToo) {
+  Report r;
+  if (connectToo) b.connect();
+  std::uint16_t last = 0;
+  struct Rx : Routing::Pim::IO::MessageInfo::NotifieeConst {
+    std::function<void()> fn;
+    void onCount() override { fn(); }
+  } rx;
+  rx.fn = [&] {
+    const std::uint16_t h = b.mgr->rxMessageInfo()->joinPruneMessage()->joinPruneData()->holdTime();
+    r.outOfOrder += h != last + 1;
+    last = h;
+  };
+  rx.notifierIs(b.mgr->rxMessageInfo());
+  b.runUntil(
+      [&] {
+        r.upAtPeak = std::max(r.upAtPeak, b.mgr->sctpStatus()->upCount());
+        return b.mgr->rxSuccess() >= static_cast<std::uint64_t>(expect);
+      },
+      60);
+  b.runUntil([] { return false; }, 0.3);  // A's last acknowledgements
+  r.received = b.mgr->rxSuccess();
+  r.invalid = b.mgr->rxInvalid();
+  r.assocId = b.mgr->rxAssociationId();
+  r.assocs = b.mgr->sctpStatus()->association().size();
+  r.up = b.mgr->sctpStatus()->upCount();
+  if (!b.mgr->sctpStatus()->association().empty())
+    r.lastAssocId = b.mgr->sctpStatus()->association().begin()->first;
+  fmt::format_to_n(r.src, sizeof r.src - 1, "{}", b.mgr->rxMessageInfo()->neighborAddr());
+  return r;
+}
+
+// A: sets up, sends garbage then `count` Join/Prunes, and waits for B's end to be seen.
+Report sender(PimTest::PortEnd& a, int count, bool garbage, double upWait) {
+  Report r;
+  fmt::format_to_n(r.backend, sizeof r.backend - 1, "{}", a.mgr->sctpPam()->backendKind());
+  a.connect();
+  r.cameUp = a.runUntil([&] { return a.mgr->sctpStatus()->upCount() >= 1; }, upWait);
+  if (!r.cameUp) return r;
+  a.runUntil(
+      [&] {
+        r.upAtPeak = std::max(r.upAtPeak, a.mgr->sctpStatus()->upCount());
+        return false;
+      },
+      0.5);  // a second association would be up by now
+  const auto id = a.mgr->sctpStatus()->association().begin()->first;
+  if (garbage) {
+    const std::uint8_t junk[] = {0, 1, 0, 8, 0, 0, 0, 0, 0x23, 0, 0, 0};
+    a.mgr->sctpPam()->doSendMsg(junk, sizeof junk, id);
+  }
+  sendAll(a, count, r);
+  r.endSeen = a.runUntil([&] { return a.mgr->sctpStatus()->upCount() == 0; }, 70);
+  const auto* assoc = a.mgr->sctpStatus()->association(id);
+  r.endSeen = r.endSeen && assoc &&
+              (assoc->state == Nimo::Sctp::AssocState::Lost ||
+               assoc->state == Nimo::Sctp::AssocState::ShutDown);
+  r.assocs = a.mgr->sctpStatus()->association().size();
+  return r;
+}
+
+class PortPamNetnsTest : public ::testing::Test {
+ public:
+  void SetUp() override {
+    if (!PimTest::isRoot()) GTEST_SKIP() << "needs root (network namespaces, raw sockets)";
+    ::setenv("PIM_SCTP_BACKEND", "userland", 1);
+    net = std::make_unique<PimTest::NetnsPair>("sctp");
+    ASSERT_TRUE(net->ok);
+    for (const auto& [ns, dev, n] : {std::tuple{net->a, net->vethA, 1}, {net->b, net->vethB, 2}}) {
+      ASSERT_EQ(
+          PimTest::sh(fmt::format("ip -n {} addr add fe80::77:{}/64 dev {} nodad", ns, n, dev)), 0);
+    }
+  }
+  // Runs B (receiving `expect`) and A (sending `count`) in their children; both reports.
+  void run(const Family& f, int count, bool garbage, bool bothConnect, Report& a, Report& b) {
+    Child cb, ca;
+    cb.start([&] {
+      PimTest::PortEnd end(net->b, net->vethB, net->ifIndexB, f.a);
+      return receiver(end, count, bothConnect);
+    });
+    ca.start([&] {
+      PimTest::PortEnd end(net->a, net->vethA, net->ifIndexA, f.b);
+      return sender(end, count, garbage, 10);
+    });
+    EXPECT_TRUE(cb.report(b, 90));
+    EXPECT_TRUE(ca.report(a, 90));
+  }
+  std::unique_ptr<PimTest::NetnsPair> net;
+};
+
+// Every family on the backend the environment names: 100 Join/Prunes after one garbage
+// message arrive in order with A's address and the association's id, the garbage is counted
+// with the association kept, and B's manager going ends A's association.
+void deliversInEveryFamily(PortPamNetnsTest& t, const std::string& backend);
+
+TEST_F(PortPamNetnsTest, JoinPrunesArriveWithSourceAndAssociationThenTheEndIsSeen) {
+  deliversInEveryFamily(*this, "userland");
+}
+
+TEST_F(PortPamNetnsTest, SetupFromBothEndsAtOnceGivesOneAssociation) {
+  Report a, b;
+  run(kFamilies[0], 1, false, true, a, b);
+  ASSERT_TRUE(a.cameUp);
+  EXPECT_EQ(a.upAtPeak, 1u);
+  EXPECT_EQ(a.assocs, 1u);
+  EXPECT_EQ(b.received, 1u);
+  EXPECT_EQ(b.upAtPeak, 1u);
+  EXPECT_EQ(b.assocs, 1u);
+}
+
+TEST_F(PortPamNetnsTest, ThousandJoinPrunesThroughFivePercentLossAllArriveInOrder) {
+  if (PimTest::sh("command -v nft") != 0) GTEST_SKIP() << "nft (nftables) is not installed";
+  const std::string rule = fmt::format(
+      "ip netns exec {} nft add table inet loss && "
+      "ip netns exec {} nft add chain inet loss in '{{ type filter hook input priority 0; }}' && "
+      "ip netns exec {} nft add rule inet loss in meta l4proto 132 numgen random mod 100 '<' 5 "
+      "drop",
+      net->b, net->b, net->b);
+  if (PimTest::sh(rule) != 0) GTEST_SKIP() << "the kernel refuses the nftables loss rule";
+  Report a, b;
+  run(kFamilies[0], 1000, false, false, a, b);
+  ASSERT_TRUE(a.cameUp);
+  EXPECT_EQ(a.sent, 1000u);
+  EXPECT_EQ(b.received, 1000u);
+  EXPECT_EQ(b.outOfOrder, 0u);
+  EXPECT_EQ(b.up, 1u);
+  // The rule dropped something: the counter of the rule is not zero.
+  const auto out = PimTest::runCommand("ip netns exec " + net->b + " nft list table inet loss");
+  EXPECT_EQ(out.out.find("packets 0 "), std::string::npos) << out.out;
+}
+
+TEST_F(PortPamNetnsTest, KernelSocketsWhereTheKernelHasSctp) {
+  const int fd = ::socket(AF_INET6, SOCK_SEQPACKET, IPPROTO_SCTP);
+  if (fd < 0) {
+    const int err = errno;
+    GTEST_SKIP() << "the kernel has no SCTP: socket(AF_INET6, SOCK_SEQPACKET, IPPROTO_SCTP) fails"
+                 << " with errno " << err << " (" << std::strerror(err) << ")";
+  }
+  ::close(fd);
+  ::setenv("PIM_SCTP_BACKEND", "kernel", 1);
+  deliversInEveryFamily(*this, "kernel");
+}
+
+// Without kernel SCTP and without the privilege for raw sockets, neither backend opens: one
+// trace line with the errno, one count, and the manager still initialises. Run as nobody.
+TEST_F(PortPamNetnsTest, NoBackendWithoutPrivilegeInitialisesClosed) {
+  ::unsetenv("PIM_SCTP_BACKEND");
+  Child c;
+  c.start([] {
+    Report r;
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) return r;
+    Flicklog::facility("Nimo::Sctp").levelIs(1);
+    Flicklog::CaptureSink capture;
+    auto mgr = portPamManagerFactory("port", "", nullptr);
+    mgr->handleInitialized();
+    r.cameUp = mgr->initialized() && !mgr->sctpPam()->ok();
+    r.invalid = mgr->sctpPam()->createErrors();
+    r.received = capture.lines().size();
+    fmt::format_to_n(r.src, sizeof r.src - 1, "{}",
+                     capture.lines().empty() ? "" : capture.lines().back().text);
+    return r;
+  });
+  Report r;
+  ASSERT_TRUE(c.report(r, 20));
+  EXPECT_TRUE(r.cameUp);
+  EXPECT_EQ(r.invalid, 1u);
+  EXPECT_EQ(r.received, 1u);  // one trace line
+  // The kernel's refusal, then the userland stack's: EPERM for its raw socket.
+  EXPECT_EQ(std::string(r.src), "port.sctp: createSocket - Failed - Error: 1");
+}
+
+void deliversInEveryFamily(PortPamNetnsTest& t, const std::string& backend) {
+  for (const auto& f : kFamilies) {
+    SCOPED_TRACE(f.name);
+    Report a, b;
+    t.run(f, 100, true, false, a, b);
+    EXPECT_EQ(std::string(a.backend), backend);
+    ASSERT_TRUE(a.cameUp);
+    EXPECT_EQ(a.sent, 100u);
+    EXPECT_EQ(b.received, 100u);
+    EXPECT_EQ(b.outOfOrder, 0u);
+    EXPECT_EQ(b.invalid, 1u);  // the garbage, with the association kept
+    EXPECT_EQ(b.up, 1u);
+    EXPECT_EQ(b.assocs, 1u);
+    EXPECT_NE(b.assocId, 0u);
+    EXPECT_EQ(b.assocId, b.lastAssocId);
+    EXPECT_EQ(std::string(b.src), f.a);
+    EXPECT_TRUE(a.endSeen);  // B's manager went: A's association ended
+  }
+}
+
+}  // namespace
