@@ -8,6 +8,7 @@
 #include "Pim/PimStatusReaderSm.h"
 
 #include <set>
+#include <unordered_set>
 #include <vector>
 
 namespace Routing::Pim {
@@ -77,6 +78,10 @@ namespace Routing::Pim::Drobe {
 namespace {
 
 Flicklog::Facility& trace() { return statusReaderTrace(); }
+
+struct KeyHash {
+  std::size_t operator()(const NeighborKey& k) const noexcept { return k.hash(); }
+};
 
 // A key's record from a collection: a reader's answer keeps "being rewritten" apart from
 // "absent"; a writer's table (same process) has no such state.
@@ -150,17 +155,26 @@ void StatusReaderSm::handleInitialized() {
   std::vector<Nimo::IntfId> ids;
   for (const auto& [id, intf] : allStatus_->pimIntf()) ids.push_back(id);
   for (const Nimo::IntfId& id : ids) handleIntf(id);
-  // Neighbours likewise; each takes its active or inactive place as it is made.
-  drobeStatus_->neighborForEach([&](const Drobe::Neighbor& r) { handleNeighbor(r.key()); });
-  std::vector<NeighborKey> nbrs;
-  for (const auto& [id, intf] : allStatus_->pimIntf()) {
-    for (const auto& [addr, n] : intf->neighbor()) nbrs.emplace_back(addr, id);
-  }
-  for (const NeighborKey& k : nbrs) {
-    handleNeighbor(k);
-    if (Kel::Ptr<Pim::Intf> intf = allStatus_->pimIntf(k.intfId());
-        intf && intf->neighbor(k.address()))
-      syncActive(*intf, k);
+  // Neighbours from their records, each in its active or inactive place (the inactive
+  // table read once, rather than probed per neighbour); then, if the mirror holds more than
+  // the table gave, the ones the table no longer has.
+  std::unordered_set<NeighborKey, KeyHash> inactive;
+  drobeStatus_->inactiveNeighborForEach([&](const NeighborRef& r) { inactive.insert(r.key()); });
+  std::size_t applied = 0;
+  drobeStatus_->neighborForEach([&](const Drobe::Neighbor& r) {
+    if (Kel::Ptr<Pim::Intf> intf = applyNeighbor(r)) {
+      setActive(*intf, r.key(), inactive.count(r.key()) != 0);
+      ++applied;
+    }
+  });
+  std::size_t mirrored = 0;
+  for (const auto& [id, intf] : allStatus_->pimIntf()) mirrored += intf->neighbor().size();
+  if (mirrored != applied) {
+    std::vector<NeighborKey> nbrs;
+    for (const auto& [id, intf] : allStatus_->pimIntf()) {
+      for (const auto& [addr, n] : intf->neighbor()) nbrs.emplace_back(addr, id);
+    }
+    for (const NeighborKey& k : nbrs) handleNeighbor(k);
   }
   syncSecondaries();
   inFullPass_ = false;
@@ -279,34 +293,47 @@ Kel::Ptr<Pim::Intf> StatusReaderSm::neighborFor(const NeighborKey& key, bool& mi
 void StatusReaderSm::handleNeighbor(const NeighborKey& key) {
   if (!initialized_) return;
   Drobe::Neighbor r;
-  const ::Drobe::FindStatus st = lookup(drobeStatus_->neighborTable(), key, r);
-  if (st == ::Drobe::FindStatus::changing) return;
-  Kel::Ptr<Pim::Intf> intf =
-      st == ::Drobe::FindStatus::found ? intfFor(key.intfId()) : allStatus_->pimIntf(key.intfId());
+  switch (lookup(drobeStatus_->neighborTable(), key, r)) {
+    case ::Drobe::FindStatus::changing:
+      return;
+    case ::Drobe::FindStatus::absent:
+      if (Kel::Ptr<Pim::Intf> intf = allStatus_->pimIntf(key.intfId());
+          intf && intf->neighbor(key.address())) {
+        removeNeighbor(*intf, key);
+      }
+      return;
+    case ::Drobe::FindStatus::found:
+      break;
+  }
+  const bool known = [&] {
+    Kel::Ptr<Pim::Intf> i = allStatus_->pimIntf(key.intfId());
+    return i && i->neighbor(key.address());
+  }();
+  Kel::Ptr<Pim::Intf> intf = applyNeighbor(r);
+  if (intf && !known) syncActive(*intf, key);
+}
+
+Kel::Ptr<Pim::Intf> StatusReaderSm::applyNeighbor(const Drobe::Neighbor& r) {
+  const NeighborKey& key = r.key();
+  Kel::Ptr<Pim::Intf> intf = intfFor(key.intfId());
   if (!intf) {
-    if (st == ::Drobe::FindStatus::found) {
-      FLICK_TRACE(trace(), kDrop, "StatusReaderSm::handleNeighbor{}{}{}{}", kUnableNeighbor,
-                  key.address(), kNoIntf, key.intfId());
-    }
-    return;
+    FLICK_TRACE(trace(), kDrop, "StatusReaderSm::handleNeighbor{}{}{}{}", kUnableNeighbor,
+                key.address(), kNoIntf, key.intfId());
+    return nullptr;
   }
   const Pim::Neighbor* old = intf->neighbor(key.address());
-  if (st == ::Drobe::FindStatus::absent) {
-    if (old) removeNeighbor(*intf, key);
-    return;
-  }
-  const Pim::Neighbor n = neighborOf(r, old);
-  if (old && *old == n) return;
   if (old) {
+    const Pim::Neighbor n = neighborOf(r, old);
+    if (*old == n) return intf;
     FLICK_TRACE(trace(), kChange, "StatusReaderSm::handleNeighbor{}{}", kUpdatingNeighbor,
                 key.address());
     intf->neighborIs(n);
-    return;
+    return intf;
   }
   FLICK_TRACE(trace(), kChange, "StatusReaderSm::handleNeighbor{}{}{}{}", kAddingNeighbor,
               key.address(), kToIntf, key.intfId());
-  intf->neighborIs(n);
-  syncActive(*intf, key);
+  intf->neighborIs(neighborOf(r, nullptr));
+  return intf;
 }
 
 void StatusReaderSm::removeNeighbor(Pim::Intf& intf, const NeighborKey& key) {
@@ -319,26 +346,27 @@ void StatusReaderSm::removeNeighbor(Pim::Intf& intf, const NeighborKey& key) {
 
 void StatusReaderSm::syncActive(Pim::Intf& intf, const NeighborKey& key) {
   NeighborRef ref;
-  switch (lookup(drobeStatus_->inactiveNeighborTable(), key, ref)) {
-    case ::Drobe::FindStatus::changing:
-      return;
-    case ::Drobe::FindStatus::found:
-      if (!intf.inactiveBfdNeighbor(key.address())) {
-        FLICK_TRACE(trace(), kChange, "StatusReaderSm::handleInactiveNeighbor{}{}{}{}",
-                    kAddingInactive, key.address(), kToIntf, key.intfId());
-      }
-      intf.inactiveBfdNeighborIs(key.address());
-      intf.activeNeighborDel(key.address());
-      return;
-    case ::Drobe::FindStatus::absent:
-      if (intf.inactiveBfdNeighbor(key.address())) {
-        FLICK_TRACE(trace(), kChange, "StatusReaderSm::handleInactiveNeighbor{}{}{}{}",
-                    kRemovingInactive, key.address(), kFromIntf, key.intfId());
-      }
-      intf.inactiveBfdNeighborDel(key.address());
-      intf.activeNeighborIs(key.address());
-      return;
+  const ::Drobe::FindStatus st = lookup(drobeStatus_->inactiveNeighborTable(), key, ref);
+  if (st != ::Drobe::FindStatus::changing) setActive(intf, key, st == ::Drobe::FindStatus::found);
+}
+
+void StatusReaderSm::setActive(Pim::Intf& intf, const NeighborKey& key, bool inactive) {
+  const bool was = intf.inactiveBfdNeighbor(key.address());
+  if (inactive) {
+    if (!was) {
+      FLICK_TRACE(trace(), kChange, "StatusReaderSm::handleInactiveNeighbor{}{}{}{}",
+                  kAddingInactive, key.address(), kToIntf, key.intfId());
+    }
+    intf.inactiveBfdNeighborIs(key.address());
+    intf.activeNeighborDel(key.address());
+    return;
   }
+  if (was) {
+    FLICK_TRACE(trace(), kChange, "StatusReaderSm::handleInactiveNeighbor{}{}{}{}",
+                kRemovingInactive, key.address(), kFromIntf, key.intfId());
+  }
+  intf.inactiveBfdNeighborDel(key.address());
+  intf.activeNeighborIs(key.address());
 }
 
 void StatusReaderSm::handleInactiveNeighbor(const NeighborKey& key) {

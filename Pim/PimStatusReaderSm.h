@@ -122,7 +122,10 @@ class StatusReaderSm : public Kel::Entity {
   // The mirrored neighbour's interface, the neighbour pulled forward likewise; null (and
   // `missingIntf` says which was missing) if either is absent.
   Kel::Ptr<Pim::Intf> neighborFor(const NeighborKey& key, bool& missingIntf);
+  // Creates or updates the neighbour from its record; its interface, or null (dropped).
+  Kel::Ptr<Pim::Intf> applyNeighbor(const Neighbor& r);
   void syncActive(Pim::Intf& intf, const NeighborKey& key);
+  void setActive(Pim::Intf& intf, const NeighborKey& key, bool inactive);
   void removeNeighbor(Pim::Intf& intf, const NeighborKey& key);
   void syncSecondaries();
 
