@@ -7,6 +7,8 @@
 //                          router, address -> doMaybeUpdate; neighbours -> handleActiveNeighbor
 #include "Pim/PimStatusReaderSm.h"
 
+#include <algorithm>
+#include <iterator>
 #include <set>
 #include <unordered_set>
 #include <vector>
@@ -111,15 +113,14 @@ Pim::Neighbor neighborOf(const Drobe::Neighbor& r, const Pim::Neighbor* old) {
   return n;
 }
 
-// Brings a mirrored set to `want`, one element at a time, through the interface's setters.
-template <typename T, typename Add, typename Del>
-void syncSet(const std::set<T>& have, const std::set<T>& want, Add add, Del del) {
-  std::vector<T> gone;
-  for (const T& v : have)
-    if (!want.count(v)) gone.push_back(v);
-  for (const T& v : gone) del(v);
-  for (const T& v : want)
-    if (!have.count(v)) add(v);
+// Calls fn for each element in one set but not the other (the handler it names looks the
+// element up in its table and adds or removes it); collected first, as fn changes `have`.
+template <typename T, typename F>
+void forEachDifference(const std::set<T>& have, const std::set<T>& want, F fn) {
+  std::vector<T> diff;
+  std::set_symmetric_difference(have.begin(), have.end(), want.begin(), want.end(),
+                                std::back_inserter(diff));
+  for (const T& v : diff) fn(v);
 }
 
 }  // namespace
@@ -133,6 +134,8 @@ StatusReaderSm::StatusReaderSm(const L3::VrfName& vrf, const Kel::Ptr<Pim::AllSt
       reactor_(*this) {
   reactor_.notifierIs(drobeStatus_);
 }
+
+StatusReaderSm::~StatusReaderSm() { allStatus_->pimIntfDelAll(); }
 
 void StatusReaderSm::enabledIs(bool e) {
   if (enabled_ == e) return;
@@ -210,37 +213,27 @@ void StatusReaderSm::syncSecondaries() {
   }
   static const std::set<Nimo::IpGenAddr> kNoAddrs;
   static const std::set<Nimo::IpGenPrefix> kNoPrefixes;
-  for (const auto& [id, intf] : allStatus_->pimIntf()) {
+  for (const auto& entry : allStatus_->pimIntf()) {
+    const Nimo::IntfId& id = entry.first;
+    const Pim::Intf& intf = *entry.second;
     auto a = addrs.find(id);
-    syncSet(
-        intf->secondaryAddress(), a == addrs.end() ? kNoAddrs : a->second,
-        [&](const auto& v) {
-          handleIntfSecondaryAddress({id, v});
-        },
-        [&](const auto& v) {
-          handleIntfSecondaryAddress({id, v});
-        });
+    forEachDifference(intf.secondaryAddress(), a == addrs.end() ? kNoAddrs : a->second,
+                      [&](const auto& v) {
+                        handleIntfSecondaryAddress({id, v});
+                      });
     auto p = prefixes.find(id);
-    syncSet(
-        intf->secondaryPrefix(), p == prefixes.end() ? kNoPrefixes : p->second,
-        [&](const auto& v) {
-          handleIntfSecondaryPrefix({id, v});
-        },
-        [&](const auto& v) {
-          handleIntfSecondaryPrefix({id, v});
-        });
-    for (const auto& [addr, n] : intf->neighbor()) {
-      const NeighborKey nk(addr, id);
-      auto s = nbrAddrs.find(nk);
-      syncSet(
-          n.secondaryAddress, s == nbrAddrs.end() ? kNoAddrs : s->second,
-          [&](const auto& v) {
-            handleNeighborSecondaryAddress({nk, v});
-          },
-          [&](const auto& v) {
-            handleNeighborSecondaryAddress({nk, v});
-          });
-      if (s != nbrAddrs.end()) nbrAddrs.erase(s);
+    forEachDifference(intf.secondaryPrefix(), p == prefixes.end() ? kNoPrefixes : p->second,
+                      [&](const auto& v) {
+                        handleIntfSecondaryPrefix({id, v});
+                      });
+    for (const auto& nbr : intf.neighbor()) {
+      const NeighborKey nk(nbr.first, id);
+      auto sec = nbrAddrs.find(nk);
+      forEachDifference(nbr.second.secondaryAddress, sec == nbrAddrs.end() ? kNoAddrs : sec->second,
+                        [&](const auto& v) {
+                          handleNeighborSecondaryAddress({nk, v});
+                        });
+      if (sec != nbrAddrs.end()) nbrAddrs.erase(sec);
     }
   }
   for (const auto& [nk, set] : nbrAddrs) {
@@ -382,50 +375,46 @@ void StatusReaderSm::handleInactiveNeighbor(const NeighborKey& key) {
   syncActive(*intf, key);
 }
 
-void StatusReaderSm::handleIntfSecondaryAddress(const IntfSecondaryAddressKey& key) {
+// An interface's secondary address or prefix follows its table: texts[0] unable, [1]
+// adding, [2] removing; has(intf) and set(intf, on) reach the interface's set.
+template <typename K, typename V, typename T, typename Has, typename Set>
+void StatusReaderSm::handleSecondary(const K& key, const DrobeDetail::Collection<K, V>& table,
+                                     const T& value, std::string_view handler,
+                                     const std::string_view (&texts)[3], Has has, Set set) {
   if (!initialized_) return;
-  IntfSecondaryAddress r;
-  const ::Drobe::FindStatus st = lookup(drobeStatus_->intfSecondaryAddressTable(), key, r);
+  V r;
+  const ::Drobe::FindStatus st = lookup(table, key, r);
   if (st == ::Drobe::FindStatus::changing) return;
   Kel::Ptr<Pim::Intf> intf = intfFor(key.intfId());
   if (!intf) {
-    FLICK_TRACE(trace(), kDrop, "StatusReaderSm::handleIntfSecondaryAddress{}{}{}{}",
-                kUnableSecondary, key.secondaryAddress(), kNoIntfInDrobe, key.intfId());
+    FLICK_TRACE(trace(), kDrop, "StatusReaderSm::{}{}{}{}{}", handler, texts[0], value,
+                kNoIntfInDrobe, key.intfId());
     return;
   }
-  const bool has = intf->secondaryAddress().count(key.secondaryAddress()) != 0;
-  if (st == ::Drobe::FindStatus::found && !has) {
-    FLICK_TRACE(trace(), kChange, "StatusReaderSm::handleIntfSecondaryAddress{}{}{}{}",
-                kAddingSecondary, key.secondaryAddress(), kToIntf, key.intfId());
-    intf->secondaryAddressIs(key.secondaryAddress());
-  } else if (st == ::Drobe::FindStatus::absent && has) {
-    FLICK_TRACE(trace(), kChange, "StatusReaderSm::handleIntfSecondaryAddress{}{}{}{}",
-                kRemovingSecondary, key.secondaryAddress(), kFromIntf, key.intfId());
-    intf->secondaryAddressDel(key.secondaryAddress());
-  }
+  const bool on = st == ::Drobe::FindStatus::found;
+  if (has(*intf) == on) return;
+  FLICK_TRACE(trace(), kChange, "StatusReaderSm::{}{}{}{}{}", handler, on ? texts[1] : texts[2],
+              value, on ? kToIntf : kFromIntf, key.intfId());
+  set(*intf, on);
+}
+
+void StatusReaderSm::handleIntfSecondaryAddress(const IntfSecondaryAddressKey& key) {
+  static constexpr std::string_view kTexts[3] = {kUnableSecondary, kAddingSecondary,
+                                                 kRemovingSecondary};
+  const Nimo::IpGenAddr& a = key.secondaryAddress();
+  handleSecondary(
+      key, drobeStatus_->intfSecondaryAddressTable(), a, "handleIntfSecondaryAddress", kTexts,
+      [&](const Pim::Intf& i) { return i.secondaryAddress().count(a) != 0; },
+      [&](Pim::Intf& i, bool on) { on ? i.secondaryAddressIs(a) : i.secondaryAddressDel(a); });
 }
 
 void StatusReaderSm::handleIntfSecondaryPrefix(const IntfSecondaryPrefixKey& key) {
-  if (!initialized_) return;
-  IntfSecondaryPrefix r;
-  const ::Drobe::FindStatus st = lookup(drobeStatus_->intfSecondaryPrefixTable(), key, r);
-  if (st == ::Drobe::FindStatus::changing) return;
-  Kel::Ptr<Pim::Intf> intf = intfFor(key.intfId());
-  if (!intf) {
-    FLICK_TRACE(trace(), kDrop, "StatusReaderSm::handleIntfSecondaryPrefix{}{}{}{}", kUnablePrefix,
-                key.secondaryPrefix(), kNoIntfInDrobe, key.intfId());
-    return;
-  }
-  const bool has = intf->secondaryPrefix().count(key.secondaryPrefix()) != 0;
-  if (st == ::Drobe::FindStatus::found && !has) {
-    FLICK_TRACE(trace(), kChange, "StatusReaderSm::handleIntfSecondaryPrefix{}{}{}{}",
-                kAddingPrefix, key.secondaryPrefix(), kToIntf, key.intfId());
-    intf->secondaryPrefixIs(key.secondaryPrefix());
-  } else if (st == ::Drobe::FindStatus::absent && has) {
-    FLICK_TRACE(trace(), kChange, "StatusReaderSm::handleIntfSecondaryPrefix{}{}{}{}",
-                kRemovingPrefix, key.secondaryPrefix(), kFromIntf, key.intfId());
-    intf->secondaryPrefixDel(key.secondaryPrefix());
-  }
+  static constexpr std::string_view kTexts[3] = {kUnablePrefix, kAddingPrefix, kRemovingPrefix};
+  const Nimo::IpGenPrefix& p = key.secondaryPrefix();
+  handleSecondary(
+      key, drobeStatus_->intfSecondaryPrefixTable(), p, "handleIntfSecondaryPrefix", kTexts,
+      [&](const Pim::Intf& i) { return i.secondaryPrefix().count(p) != 0; },
+      [&](Pim::Intf& i, bool on) { on ? i.secondaryPrefixIs(p) : i.secondaryPrefixDel(p); });
 }
 
 void StatusReaderSm::handleNeighborSecondaryAddress(const NeighborSecondaryAddressKey& key) {

@@ -71,6 +71,8 @@ class StatusReaderSm : public Kel::Entity {
  public:
   StatusReaderSm(const L3::VrfName& vrf, const Kel::Ptr<Pim::AllStatus>& allStatus,
                  const Kel::Ptr<Status>& drobeStatus);
+  // Everything this reader mirrored leaves its AllStatus.
+  ~StatusReaderSm() override;
 
   const L3::VrfName& vrf() const noexcept { return vrf_; }
   bool enabled() const noexcept { return enabled_; }
@@ -128,6 +130,10 @@ class StatusReaderSm : public Kel::Entity {
   void setActive(Pim::Intf& intf, const NeighborKey& key, bool inactive);
   void removeNeighbor(Pim::Intf& intf, const NeighborKey& key);
   void syncSecondaries();
+  template <typename K, typename V, typename T, typename Has, typename Set>
+  void handleSecondary(const K& key, const DrobeDetail::Collection<K, V>& table, const T& value,
+                       std::string_view handler, const std::string_view (&texts)[3], Has has,
+                       Set set);
 
   L3::VrfName vrf_;
   Kel::Ptr<Pim::AllStatus> allStatus_;
