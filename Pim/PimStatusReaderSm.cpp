@@ -81,6 +81,15 @@ namespace {
 
 Flicklog::Facility& trace() { return statusReaderTrace(); }
 
+// Empties a mirror one interface at a time (each removal announced). The key is copied:
+// the removal frees the map's own.
+void clearMirror(Pim::AllStatus& all) {
+  while (!all.pimIntf().empty()) {
+    const Nimo::IntfId id = all.pimIntf().begin()->first;
+    all.pimIntfDel(id);
+  }
+}
+
 struct KeyHash {
   std::size_t operator()(const NeighborKey& k) const noexcept { return k.hash(); }
 };
@@ -135,7 +144,7 @@ StatusReaderSm::StatusReaderSm(const L3::VrfName& vrf, const Kel::Ptr<Pim::AllSt
   reactor_.notifierIs(drobeStatus_);
 }
 
-StatusReaderSm::~StatusReaderSm() { allStatus_->pimIntfDelAll(); }
+StatusReaderSm::~StatusReaderSm() { clearMirror(*allStatus_); }
 
 void StatusReaderSm::enabledIs(bool e) {
   if (enabled_ == e) return;
@@ -470,7 +479,10 @@ GlobalStatusReaderSm::GlobalStatusReaderSm(Nimo::AddressFamily af,
 }
 
 GlobalStatusReaderSm::~GlobalStatusReaderSm() {
-  while (!statusReaderSm_.empty()) deleteVrf(statusReaderSm_.begin()->first);
+  while (!statusReaderSm_.empty()) {
+    const L3::VrfName vrf = statusReaderSm_.begin()->first;  // deleteVrf frees the map's key
+    deleteVrf(vrf);
+  }
 }
 
 void GlobalStatusReaderSm::handleInitialized() {
@@ -507,7 +519,7 @@ void GlobalStatusReaderSm::handlePimEnabledVrf(const L3::VrfName& vrf) {
 
 void GlobalStatusReaderSm::deleteVrf(const L3::VrfName& vrf) {
   statusReaderSm_.erase(vrf);
-  if (Kel::Ptr<Pim::AllStatus> all = allStatusColl_->vrfStatus(vrf)) all->pimIntfDelAll();
+  if (Kel::Ptr<Pim::AllStatus> all = allStatusColl_->vrfStatus(vrf)) clearMirror(*all);
   FLICK_TRACE(trace(), kChange, "GlobalStatusReaderSm::handlePimEnabledVrf( {}{}", vrf.name(),
               kDeletingStatus);
   allStatusColl_->vrfStatusDel(vrf);
@@ -631,9 +643,16 @@ void StatusModeFilterSm::intfDel(const Nimo::IntfId& intfId) {
 }
 
 void StatusModeFilterSm::intfDelAll() {
-  while (!kelIntf_.empty()) intfDel(kelIntf_.begin()->first);
+  // Keys are copied: intfDel frees the maps' own.
+  while (!kelIntf_.empty()) {
+    const Nimo::IntfId id = kelIntf_.begin()->first;
+    intfDel(id);
+  }
   // Interfaces written before their reactor went (none expected) go too.
-  while (!status_->intf().empty()) intfDel(status_->intf().begin()->first);
+  while (!status_->intf().empty()) {
+    const Nimo::IntfId id = status_->intf().begin()->first;
+    intfDel(id);
+  }
 }
 
 Kel::Ptr<StatusModeFilterSm> statusModeFilterSmFactory(const L3::VrfName& vrf,

@@ -316,7 +316,10 @@ struct ReaderReport {
   while (!r.converged && clock->now() < deadline) {
     loop.runOnce(0.05);
     const auto& mirror = *all->vrfStatus(kVrf);
-    filled = filled || mirror.pimIntf().size() > 100;
+    if (!filled && mirror.pimIntf().size() > 100) {
+      filled = true;
+      PimTest::send(fd, 'f');  // a writer may be killed now
+    }
     if (!r.emptied && filled && mirror.pimIntf().empty()) {
       r.emptied = true;
       PimTest::send(fd, 'e');  // a successor may start
@@ -359,7 +362,12 @@ std::function<void(int)> writerProcess(std::uint64_t seed, int batches) {
 
 class StatusReaderCrossProcessTest : public ::testing::Test {
  protected:
-  ReaderReport report(int reader) {
+  // The reader's report; `filled` is false when its fill notice was taken already.
+  ReaderReport report(int reader, bool filled = true) {
+    char f = 0;
+    if (filled) {
+      EXPECT_TRUE(PimTest::receive(reader, f, 160) && f == 'f');
+    }
     ReaderReport r;
     EXPECT_TRUE(PimTest::receive(reader, r, 160));
     EXPECT_TRUE(r.converged);
@@ -399,13 +407,16 @@ TEST_F(StatusReaderCrossProcessTest, AReaderStartedLateConvergesWithNoNeighbourL
 TEST_F(StatusReaderCrossProcessTest, AKilledWriterEmptiesTheMirrorAndItsSuccessorRefillsIt) {
   const int reader = startReader();
   const int victim = startWriter(3, -1);
+  char filled = 0;
+  ASSERT_TRUE(PimTest::receive(reader, filled, 60));
+  EXPECT_EQ(filled, 'f');
   ::usleep(300000);  // churning: the kill lands between or inside commits
   EXPECT_EQ(children_.exitCode(victim, 30, true), -1);
   char emptied = 0;
   ASSERT_TRUE(PimTest::receive(reader, emptied, 30));
   EXPECT_EQ(emptied, 'e');
   startWriter(4, 200);
-  const ReaderReport r = report(reader);
+  const ReaderReport r = report(reader, false);
   EXPECT_TRUE(r.emptied);
   EXPECT_GE(r.removedIntfTraces, std::size_t{kIntfs});
 }
