@@ -652,7 +652,7 @@ bool IOSm::validateRxInterface(RxPktContext& ctx) {
     FLICK_TRACE(ioTrace(), 5, "{} {}", prefix(), kServiceAcl);
     return drop(ctx, MessageCounterType::filtered);
   }
-  const Routing::Pim::Intf* pim = pimStatus_ ? pimStatus_->intf(k->intfId) : nullptr;
+  const Routing::Pim::StatusIntf* pim = pimStatus_ ? pimStatus_->intf(k->intfId) : nullptr;
   if (!pim) {
     FLICK_TRACE(ioTrace(), 1, "{} {}{}", prefix(), kBadPimIntf, t);
     return drop(ctx, MessageCounterType::invalid);

@@ -144,8 +144,8 @@ class RxPktContext : public Kel::PtrInterface {
   // Valid while the packet is processed.
   const Interface::IntfStatus* pIntf() const noexcept { return pIntf_; }
   void pIntfIs(const Interface::IntfStatus* p) noexcept { pIntf_ = p; }
-  const Routing::Pim::Intf* pimIntf() const noexcept { return pimIntf_; }
-  void pimIntfIs(const Routing::Pim::Intf* p) noexcept { pimIntf_ = p; }
+  const Routing::Pim::StatusIntf* pimIntf() const noexcept { return pimIntf_; }
+  void pimIntfIs(const Routing::Pim::StatusIntf* p) noexcept { pimIntf_ = p; }
   bool enqueueMessage() const noexcept { return enqueueMessage_; }
   void enqueueMessageIs(bool e) noexcept { enqueueMessage_ = e; }
   bool initialized() const noexcept { return initialized_; }
@@ -163,7 +163,7 @@ class RxPktContext : public Kel::PtrInterface {
   Nimo::IntfId intfId_;
   std::optional<KernelIntf> kIntf_;
   const Interface::IntfStatus* pIntf_ = nullptr;
-  const Routing::Pim::Intf* pimIntf_ = nullptr;
+  const Routing::Pim::StatusIntf* pimIntf_ = nullptr;
   bool enqueueMessage_ = false;
   bool initialized_ = false;
   Kel::Ptr<Packet::HelloMessage> hello_;

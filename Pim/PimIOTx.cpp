@@ -231,7 +231,7 @@ bool IOSm::txChooseAddresses(TxState& tx) {
   if (tx.msg->srcIp().isSet()) {
     tx.src = tx.msg->srcIp();
     FLICK_TRACE(ioTrace(), 7, "{} Source IP set to {} from message header.", prefix(), tx.src);
-  } else if (const Routing::Pim::Intf* p =
+  } else if (const Routing::Pim::StatusIntf* p =
                  pimStatus_ && !tx.intf.empty() ? pimStatus_->intf(tx.intf) : nullptr;
              p && p->primaryAddr.af() == af) {
     tx.src = p->primaryAddr;

@@ -193,7 +193,7 @@ ValidVia validPimVia(PimRpfTable& t, const Kel::Ptr<Boundary::McastBoundary>& bo
   FLICK_TRACE(trace(), 8, "{}: via {} {}, route type {}, prefix {}", target, via.hop, via.intfId,
               static_cast<int>(type), prefix);
   ValidVia vv;
-  const Intf* intf = t.status() ? t.status()->intf(via.intfId) : nullptr;
+  const StatusIntf* intf = t.status() ? t.status()->intf(via.intfId) : nullptr;
   if (!intf) {
     if (type == T::RouteType::receive) {
       FLICK_TRACE(trace(), 8, "{}{}", target, T::kReceive);

@@ -541,24 +541,10 @@ std::uint64_t workload(std::uint64_t seed, int rounds, W* w) {
   return d;
 }
 
-// Blocks until fd is readable, at most `seconds`.
-bool readable(int fd, int seconds) {
-  pollfd p{fd, POLLIN, 0};
-  return ::poll(&p, 1, seconds * 1000) == 1;
-}
-template <typename T>
-bool receive(int fd, T& out, int seconds = 30) {
-  return readable(fd, seconds) && ::read(fd, &out, sizeof out) == static_cast<ssize_t>(sizeof out);
-}
-template <typename T>
-void send(int fd, const T& v) {
-  (void)!::write(fd, &v, sizeof v);
-}
-// Blocks until the other end closes (or sends), at most `seconds`.
-void hold(int fd, int seconds = 300) {
-  char c;
-  if (readable(fd, seconds)) (void)!::read(fd, &c, 1);
-}
+using PimTest::hold;
+using PimTest::readable;
+using PimTest::receive;
+using PimTest::send;
 
 // Runs loop until done() or `seconds`, and says whether done() came true.
 bool runUntil(Ulm::EventLoop& loop, const std::function<bool()>& done, double seconds = 10.0) {
@@ -600,42 +586,13 @@ struct ReaderResult {
 class DrobeCrossProcessTest : public DrobeTest {
  protected:
   void TearDown() override {
-    for (const auto& [fd, pid] : children_) {
-      ::close(fd);
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
-    }
+    children_.killAll();
     DrobeTest::TearDown();
   }
-  // Forks body(fd), fd the child's end of a socket pair; returns the parent's end.
-  int spawn(const std::function<void(int)>& body) {
-    int sv[2];
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
-    const pid_t p = ::fork();
-    if (p == 0) {
-      // Siblings' ends stay with the parent, so that its close is the siblings' end of file.
-      for (const auto& c : children_) ::close(c.first);
-      ::close(sv[0]);
-      body(sv[1]);
-      ::_exit(5);
-    }
-    ::close(sv[1]);
-    children_.emplace_back(sv[0], p);
-    return sv[0];
-  }
-  pid_t pidOf(int fd) const {
-    for (const auto& [f, pid] : children_)
-      if (f == fd) return pid;
-    return -1;
-  }
-  // Closes the parent's end of the child on fd and reaps the child: its exit code, or -1 if
-  // a signal ended it or it had to be killed after `seconds`.
+  int spawn(const std::function<void(int)>& body) { return children_.spawn(body); }
+  pid_t pidOf(int fd) const { return children_.pidOf(fd); }
   int exitCode(int fd, int seconds = 30, bool killNow = false) {
-    const pid_t pid = pidOf(fd);
-    std::erase(children_, std::pair{fd, pid});
-    if (killNow) ::kill(pid, SIGKILL);  // before its end of file could let it exit
-    ::close(fd);
-    return PimTest::waitChild(pid, seconds);
+    return children_.exitCode(fd, seconds, killNow);
   }
   void startReaders() {
     for (int& fd : readers_) fd = spawn(readerChild);
@@ -664,7 +621,7 @@ class DrobeCrossProcessTest : public DrobeTest {
     return out;
   }
 
-  std::vector<std::pair<int, pid_t>> children_;  // the parent's end, the child
+  PimTest::Children children_;
   int readers_[2] = {-1, -1};
 };
 

@@ -11,12 +11,14 @@
 #include <string>
 
 #include "Pim/PimDrobe.h"
+#include "Pim/platform/Drobe.h"
 #include "tests/PimTestUtil.h"
 
 namespace {
 
 namespace D = Routing::Pim::Drobe;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 using Output = PimTest::CommandOutput;
 
@@ -77,6 +79,124 @@ TEST_F(PimShowTest, PrintsWhatTheWriterPublished) {
   EXPECT_THAT(json.out, HasSubstr("\"neighbor\""));
   EXPECT_THAT(json.out, HasSubstr("\"10.7.0.2\""));
   EXPECT_THAT(json.out, HasSubstr("\"msgCounter\""));
+}
+
+// One VRF's tables: Ethernet7 sparse, Ethernet8 bidirectional, each with an active
+// neighbour, and on Ethernet7 an inactive one.
+class PimShowMirrorTest : public PimShowTest {
+ protected:
+  void SetUp() override {
+    PimShowTest::SetUp();
+    ASSERT_TRUE(status_->mountWriter());
+    publish("Ethernet7", Routing::Pim::Mode::Sparse, "10.7.0.2");
+    publish("Ethernet8", Routing::Pim::Mode::Bidir, "10.8.0.2");
+    const D::NeighborKey off(Nimo::IpGenAddr("10.7.0.3"), Nimo::IntfId("Ethernet7"));
+    ASSERT_TRUE(status_->neighborIs(neighbor(off)));
+    ASSERT_TRUE(status_->inactiveNeighborIs(D::NeighborRef(off)));
+    status_->commit();
+  }
+  static D::Neighbor neighbor(const D::NeighborKey& k) {
+    return D::Neighbor(k, 105, Routing::Pim::DrPriorityOption(5),
+                       Routing::Pim::GenerationIdOption(), Routing::Pim::LanPruneDelayOption());
+  }
+  void publish(const char* id, Routing::Pim::Mode m, const char* nbr) {
+    D::Intf i(Nimo::IntfId(id), Nimo::IpGenAddrWithMask("10.7.0.1/24"));
+    i.modeIs(m);
+    ASSERT_TRUE(status_->pimIntfIs(i));
+    ASSERT_TRUE(status_->neighborIs(neighbor(D::NeighborKey(Nimo::IpGenAddr(nbr), i.key()))));
+  }
+  Kel::Ptr<D::Status> status_ =
+      D::statusFactory(D::Status::mountPath(Nimo::AddressFamily::ipv4, L3::VrfName("blue")));
+};
+
+TEST_F(PimShowMirrorTest, AModeShowsWhatThatAgentSees) {
+  const struct {
+    const char* mode;
+    std::vector<std::string> shown, hidden;
+  } rows[] = {
+      {"sparse",
+       {"intId=Ethernet7", "neighbor address=10.7.0.2"},
+       {"intId=Ethernet8", "10.8.0.2", "10.7.0.3", "inactiveNeighbor"}},
+      {"bidir", {"intId=Ethernet8", "neighbor address=10.8.0.2"}, {"intId=Ethernet7", "10.7.0.2"}},
+      {"all", {"intId=Ethernet7", "intId=Ethernet8", "10.8.0.2", "10.7.0.2"}, {"10.7.0.3"}},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.mode);
+    const Output o = pimshow(std::string("--vrf blue --mode ") + r.mode);
+    ASSERT_EQ(o.exitCode, 0) << o.out;
+    for (const auto& s : r.shown) EXPECT_THAT(o.out, HasSubstr(s));
+    for (const auto& s : r.hidden) EXPECT_THAT(o.out, Not(HasSubstr(s)));
+  }
+  // Without a mode, the whole mirror: the inactive neighbour too.
+  const Output whole = pimshow("--vrf blue");
+  EXPECT_THAT(whole.out, HasSubstr("inactiveNeighbor (1):"));
+  EXPECT_THAT(whole.out, HasSubstr("neighbor (3):"));
+}
+
+TEST_F(PimShowMirrorTest, AllShowsEveryVrfWithTablesAndRefusesBadNames) {
+  auto red = D::statusFactory(D::Status::mountPath(Nimo::AddressFamily::ipv4, L3::VrfName("red")));
+  ASSERT_TRUE(red->mountWriter());
+  ASSERT_TRUE(
+      red->pimIntfIs(D::Intf(Nimo::IntfId("Ethernet9"), Nimo::IpGenAddrWithMask("10.9.0.1/24"))));
+  red->commit();
+  const std::string longName(64, 'v');
+  std::filesystem::create_directories(root_ + "/routing/pim/status/" + longName);
+  const Output o = pimshow("--all");
+  ASSERT_EQ(o.exitCode, 0) << o.out;
+  EXPECT_THAT(o.out, HasSubstr("vrf blue:\npimIntf (2):"));
+  EXPECT_THAT(o.out, HasSubstr("vrf red:\npimIntf (1):\n  [intId=Ethernet9"));
+  const std::string rangeError = "VrfName::bytes > VrfName::maxLength not allowed";
+  EXPECT_THAT(o.out, HasSubstr(longName + ": " + rangeError));
+  const Output json = pimshow("--all --json");
+  EXPECT_THAT(json.out, HasSubstr("\"red\": {"));
+  const Output given = pimshow("--vrf " + longName);
+  EXPECT_EQ(given.exitCode, 1);
+  EXPECT_THAT(given.out, HasSubstr("pimshow: " + rangeError));
+}
+
+// A record with another layout under the interface collection's name.
+struct OtherIntf {
+  Nimo::IntfId id;
+  std::uint64_t extra = 0;
+  Nimo::IntfId key() const { return id; }
+  friend bool operator==(const OtherIntf&, const OtherIntf&) = default;
+  static constexpr auto kFields =
+      std::make_tuple(Kel::field("key", &OtherIntf::id), Kel::field("extra", &OtherIntf::extra));
+};
+
+TEST_F(PimShowTest, ATableOfAnotherLayoutIsRefusedAndSaidSo) {
+  const std::string path = D::Status::mountPath(Nimo::AddressFamily::ipv4, L3::VrfName("odd"));
+  auto w = ::Drobe::Writer<Nimo::IntfId, OtherIntf>::create(path, {"pimIntf", 16});
+  ASSERT_TRUE(w);
+  ASSERT_TRUE(w->is(OtherIntf{Nimo::IntfId("Ethernet1"), 7}));
+  w->commit();
+  const Output o = pimshow("--vrf odd");
+  EXPECT_EQ(o.exitCode, 2);
+  EXPECT_THAT(o.out, HasSubstr("refused"));
+  EXPECT_THAT(o.out, HasSubstr("were refused (another record layout"));
+}
+
+TEST_F(PimShowMirrorTest, WatchPrintsTheMirrorsChanges) {
+  FILE* p = ::popen(
+      (std::string("timeout -s INT 5 ") + PIMSHOW_PATH + " --vrf blue --watch --mode sparse 2>&1")
+          .c_str(),
+      "r");
+  ASSERT_TRUE(p);
+  ::usleep(1500000);  // lets pimshow print and start watching; not a timing check
+  ASSERT_TRUE(status_->neighborIs(
+      neighbor(D::NeighborKey(Nimo::IpGenAddr("10.7.0.9"), Nimo::IntfId("Ethernet7")))));
+  ASSERT_TRUE(status_->neighborIs(
+      neighbor(D::NeighborKey(Nimo::IpGenAddr("10.8.0.9"), Nimo::IntfId("Ethernet8")))));
+  ASSERT_TRUE(status_->inactiveNeighborDel(
+      D::NeighborKey(Nimo::IpGenAddr("10.7.0.3"), Nimo::IntfId("Ethernet7"))));
+  status_->commit();
+  std::string out;
+  std::array<char, 4096> buf;
+  while (std::size_t n = std::fread(buf.data(), 1, buf.size(), p)) out.append(buf.data(), n);
+  ::pclose(p);
+  EXPECT_THAT(out, HasSubstr("neighbor set: [neighbor address=10.7.0.9"));
+  EXPECT_THAT(out, HasSubstr("neighbor set: [neighbor address=10.7.0.3"));  // active again
+  EXPECT_THAT(out, Not(HasSubstr("10.8.0.9")));  // a bidirectional interface's
 }
 
 }  // namespace

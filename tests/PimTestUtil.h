@@ -3,7 +3,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -52,6 +54,73 @@ inline int waitChild(pid_t pid, int seconds) {
   ::waitpid(pid, &status, 0);
   return -1;
 }
+
+// Blocks until fd is readable, at most `seconds`.
+inline bool readable(int fd, int seconds) {
+  pollfd p{fd, POLLIN, 0};
+  return ::poll(&p, 1, seconds * 1000) == 1;
+}
+template <typename T>
+bool receive(int fd, T& out, int seconds = 30) {
+  return readable(fd, seconds) && ::read(fd, &out, sizeof out) == static_cast<ssize_t>(sizeof out);
+}
+template <typename T>
+void send(int fd, const T& v) {
+  (void)!::write(fd, &v, sizeof v);
+}
+// Blocks until the other end closes (or sends), at most `seconds`.
+inline void hold(int fd, int seconds = 300) {
+  char c;
+  if (readable(fd, seconds)) (void)!::read(fd, &c, 1);
+}
+
+// Forked children of a cross-process test, each talking to the test over a socket pair;
+// only these are ever killed, by their pid.
+class Children {
+ public:
+  ~Children() { killAll(); }
+  // Forks body(fd), fd the child's end of a socket pair; returns the parent's end.
+  int spawn(const std::function<void(int)>& body) {
+    int sv[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
+    const pid_t p = ::fork();
+    if (p == 0) {
+      // Siblings' ends stay with the parent, so that its close is the siblings' end of file.
+      for (const auto& c : children_) ::close(c.first);
+      ::close(sv[0]);
+      body(sv[1]);
+      ::_exit(5);
+    }
+    ::close(sv[1]);
+    children_.emplace_back(sv[0], p);
+    return sv[0];
+  }
+  pid_t pidOf(int fd) const {
+    for (const auto& [f, pid] : children_)
+      if (f == fd) return pid;
+    return -1;
+  }
+  // Closes the parent's end of the child on fd and reaps the child: its exit code, or -1 if
+  // a signal ended it or it had to be killed after `seconds`.
+  int exitCode(int fd, int seconds = 30, bool killNow = false) {
+    const pid_t pid = pidOf(fd);
+    std::erase(children_, std::pair{fd, pid});
+    if (killNow) ::kill(pid, SIGKILL);  // before its end of file could let it exit
+    ::close(fd);
+    return waitChild(pid, seconds);
+  }
+  void killAll() {
+    for (const auto& [fd, pid] : children_) {
+      ::close(fd);
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+    }
+    children_.clear();
+  }
+
+ private:
+  std::vector<std::pair<int, pid_t>> children_;  // the parent's end, the child
+};
 
 // A shell command run to completion: its exit status and its output (stderr too, unless
 // withStderr is false). Tools under test run as separate processes through this.

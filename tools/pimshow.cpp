@@ -1,17 +1,26 @@
 // pimshow: prints the PIM status and message-counter tables that an agent publishes in
 // shared memory for one VRF and address family, from any other process.
 //
-//   pimshow [--af 4|6] [--vrf NAME] [--counters-name NAME] [--json] [--watch]
+//   pimshow [--af 4|6] [--vrf NAME | --all] [--mode sparse|bidir|all]
+//           [--counters-name NAME] [--json] [--watch]
 //   pimshow --rphash [--table plain|static|bsr|prefix|bsr-prefix] [--name NAME]
 //           [--af 4|6] [--vrf NAME] [--json] [--watch]
+//
+// The status is read the way an agent's neighbours read it: a status reader mirrors the
+// tables (Routing::Pim::Drobe::GlobalStatusReaderSm) and pimshow prints the mirror.
+// --mode shows what that mode's agent sees through the mode filter: the interfaces of the
+// mode and their active neighbours (collections pimIntf and neighbor only). --all shows
+// every VRF whose tables exist under the shared-memory root (each under "vrf NAME:", in
+// JSON one member per VRF), and with --watch follows VRFs as their tables come and go.
+// A VRF name longer than 63 bytes, given or found, is refused with the name's range error.
 //
 // Text output lists each collection sorted by key: interfaces and neighbours and counters
 // in their show forms (drobeString), the other collections in their value text forms.
 // --json prints one object whose members are the collection names ("pimIntf",
 // "neighbor", ..., "msgCounter"), each an array of records as objects (numbers as
 // numbers, bools as true/false, absent values as null, everything else as strings).
-// --watch then prints every change as it arrives, one line each (one JSON object per line
-// with --json), until interrupted.
+// --watch then prints every change of the mirror as it arrives, one line each (one JSON
+// object per line with --json; lines name their VRF with --all), until interrupted.
 //
 // --rphash prints one RP hash table instead (group prefix to RP; --table picks which of
 // the five, --name the writer's name, "pim" by default), as collection "rpHash".
@@ -28,6 +37,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -36,6 +49,7 @@
 #include "Pim/NsfStatus.h"
 #include "Pim/PimDrobe.h"
 #include "Pim/PimRpHashStatus.h"
+#include "Pim/PimStatusReaderSm.h"
 #include "Pim/PimTypesDrobe.h"
 #include "Pim/platform/Drobe.h"
 #include "Pim/platform/Kel.h"
@@ -55,10 +69,13 @@ struct Options {
   std::string rpHashTable = "plain";
   std::string rpHashName = "pim";
   bool nsf = false;
+  bool allVrfs = false;
+  std::string mode;  // empty: the whole mirror
 };
 
 constexpr std::string_view kUsage =
-    "usage: pimshow [--af 4|6] [--vrf NAME] [--counters-name NAME] [--json] [--watch]\n"
+    "usage: pimshow [--af 4|6] [--vrf NAME | --all] [--mode sparse|bidir|all]\n"
+    "               [--counters-name NAME] [--json] [--watch]\n"
     "       pimshow --rphash [--table plain|static|bsr|prefix|bsr-prefix] [--name NAME]\n"
     "               [--af 4|6] [--vrf NAME] [--json] [--watch]\n"
     "       pimshow --nsf [--af 4|6] [--json] [--watch]\n";
@@ -93,8 +110,17 @@ bool parseArgs(int argc, char** argv, Options& o) {
       o.af = v[0] == '4' ? Nimo::AddressFamily::ipv4 : Nimo::AddressFamily::ipv6;
     } else if (a == "--vrf") {
       const char* v = value();
-      if (!v || !*v || std::strlen(v) > L3::VrfName::kMaxLen) return false;
-      o.vrf = v;
+      if (!v || !*v) return false;
+      o.vrf = v;  // its length is the VRF name's own check
+    } else if (a == "--all") {
+      o.allVrfs = true;
+    } else if (a == "--mode") {
+      const char* v = value();
+      if (!v || (std::strcmp(v, "sparse") != 0 && std::strcmp(v, "bidir") != 0 &&
+                 std::strcmp(v, "all") != 0)) {
+        return false;
+      }
+      o.mode = v;
     } else if (a == "--rphash") {
       o.rpHash = true;
     } else if (a == "--nsf") {
@@ -261,58 +287,137 @@ void printEvent(std::string_view collection, std::string_view event, std::size_t
   std::fflush(stdout);
 }
 
-class StatusWatch : public D::Status::NotifieeConst {
+// ---------------------------------------------------------------------------------------
+// The mirror, printed in the tables' own forms.
+
+// Records built from the mirror, listed like a table (name, forEach, find).
+template <typename K, typename V>
+class Rows {
  public:
-  StatusWatch(const Kel::Ptr<D::Status>& s, const Options& o) : s_(s), o_(o) { notifierIs(s); }
-  void onPimIntf(const Nimo::IntfId& k) override { printChange(s_->pimIntfTable(), k, o_); }
-  void onPimIntf() override { printEvent("pimIntf", "resync", s_->pimIntfSize(), o_); }
-  void onPimIntfMountStatus(bool m) override { mount("pimIntf", m, s_->pimIntfSize()); }
-  void onNeighbor(const D::NeighborKey& k) override { printChange(s_->neighborTable(), k, o_); }
-  void onNeighbor() override { printEvent("neighbor", "resync", s_->neighborSize(), o_); }
-  void onNeighborMountStatus(bool m) override { mount("neighbor", m, s_->neighborSize()); }
-  void onInactiveNeighbor(const D::NeighborKey& k) override {
-    printChange(s_->inactiveNeighborTable(), k, o_);
+  using Key = K;
+  using Value = V;
+  explicit Rows(std::string name) : name_(std::move(name)) {}
+  const std::string& name() const noexcept { return name_; }
+  void add(const V& v) { rows_.emplace(v.key(), v); }
+  template <typename F>
+  void forEach(F&& fn) const {
+    for (const auto& [k, v] : rows_) fn(v);
   }
-  void onInactiveNeighbor() override {
-    printEvent("inactiveNeighbor", "resync", s_->inactiveNeighborSize(), o_);
-  }
-  void onInactiveNeighborMountStatus(bool m) override {
-    mount("inactiveNeighbor", m, s_->inactiveNeighborSize());
-  }
-  void onIntfSecondaryAddress(const D::IntfSecondaryAddressKey& k) override {
-    printChange(s_->intfSecondaryAddressTable(), k, o_);
-  }
-  void onIntfSecondaryAddress() override {
-    printEvent("intfSecondaryAddress", "resync", s_->intfSecondaryAddressSize(), o_);
-  }
-  void onIntfSecondaryAddressMountStatus(bool m) override {
-    mount("intfSecondaryAddress", m, s_->intfSecondaryAddressSize());
-  }
-  void onIntfSecondaryPrefix(const D::IntfSecondaryPrefixKey& k) override {
-    printChange(s_->intfSecondaryPrefixTable(), k, o_);
-  }
-  void onIntfSecondaryPrefix() override {
-    printEvent("intfSecondaryPrefix", "resync", s_->intfSecondaryPrefixSize(), o_);
-  }
-  void onIntfSecondaryPrefixMountStatus(bool m) override {
-    mount("intfSecondaryPrefix", m, s_->intfSecondaryPrefixSize());
-  }
-  void onNeighborSecondaryAddress(const D::NeighborSecondaryAddressKey& k) override {
-    printChange(s_->neighborSecondaryAddressTable(), k, o_);
-  }
-  void onNeighborSecondaryAddress() override {
-    printEvent("neighborSecondaryAddress", "resync", s_->neighborSecondaryAddressSize(), o_);
-  }
-  void onNeighborSecondaryAddressMountStatus(bool m) override {
-    mount("neighborSecondaryAddress", m, s_->neighborSecondaryAddressSize());
+  std::optional<V> find(const K& k) const {
+    auto it = rows_.find(k);
+    return it == rows_.end() ? std::nullopt : std::optional<V>(it->second);
   }
 
  private:
-  void mount(std::string_view c, bool m, std::size_t size) {
-    printEvent(c, m ? "mounted" : "unmounted", size, o_);
+  std::string name_;
+  std::map<K, V> rows_;
+};
+
+// The record form of a mirrored interface; maskLength is not mirrored and shows as the
+// mask length of addressWithMask.
+D::Intf intfRecord(const Routing::Pim::Intf& i) {
+  D::Intf r(i.intfId(), i.addressWithMask());
+  r.maskLengthIs(i.addressWithMask().maskLen());
+#define PIMSHOW_COPY(T, name, Name) r.name##Is(i.name());
+  PIM_INTF_ATTRIBUTES(PIMSHOW_COPY)
+#undef PIMSHOW_COPY
+  return r;
+}
+
+D::Neighbor neighborRecord(const Nimo::IntfId& id, const Routing::Pim::Neighbor& n) {
+  D::Neighbor r(D::NeighborKey(n.address, id), n.holdTime, n.drPriorityOption, n.generationIdOption,
+                n.lanPruneDelayOption);
+  r.creationTimeIs(n.creationTime);
+  r.lastRefreshTimeIs(n.lastRefreshTime);
+  r.bfdStateIs(n.bfdState);
+  r.portInfoIs(n.portInfo);
+  r.transportProtocolIs(n.transportProtocol);
+  return r;
+}
+
+// One VRF's view: the whole mirror, or (filtered) the interfaces and active neighbours of
+// the mode filter's output.
+struct View {
+  Rows<Nimo::IntfId, D::Intf> intf{"pimIntf"};
+  Rows<D::NeighborKey, D::Neighbor> neighbor{"neighbor"};
+  Rows<D::NeighborKey, D::NeighborRef> inactive{"inactiveNeighbor"};
+  Rows<D::IntfSecondaryAddressKey, D::IntfSecondaryAddress> secondary{"intfSecondaryAddress"};
+  Rows<D::IntfSecondaryPrefixKey, D::IntfSecondaryPrefix> prefix{"intfSecondaryPrefix"};
+  Rows<D::NeighborSecondaryAddressKey, D::NeighborSecondaryAddress> nbrSecondary{
+      "neighborSecondaryAddress"};
+  bool filtered = false;
+};
+
+View viewOf(const Routing::Pim::AllStatus& all, const Routing::Pim::Status* filtered) {
+  View v;
+  v.filtered = filtered != nullptr;
+  for (const auto& [id, i] : all.pimIntf()) {
+    if (filtered && !filtered->intf(id)) continue;
+    v.intf.add(intfRecord(*i));
+    for (const auto& [a, n] : i->neighbor()) {
+      if (filtered && !filtered->activeNeighbor({id, a})) continue;
+      v.neighbor.add(neighborRecord(id, n));
+      for (const auto& s : n.secondaryAddress)
+        v.nbrSecondary.add(D::NeighborSecondaryAddress({D::NeighborKey(a, id), s}));
+    }
+    for (const auto& a : i->inactiveBfdNeighbor())
+      v.inactive.add(D::NeighborRef(D::NeighborKey(a, id)));
+    for (const auto& a : i->secondaryAddress()) v.secondary.add(D::IntfSecondaryAddress({id, a}));
+    for (const auto& p : i->secondaryPrefix()) v.prefix.add(D::IntfSecondaryPrefix({id, p}));
   }
-  Kel::Ptr<D::Status> s_;
+  return v;
+}
+
+void printView(std::string& out, const View& v, const Options& o, bool& first) {
+  printCollection(out, v.intf, o, first);
+  printCollection(out, v.neighbor, o, first);
+  if (v.filtered) return;
+  printCollection(out, v.inactive, o, first);
+  printCollection(out, v.secondary, o, first);
+  printCollection(out, v.prefix, o, first);
+  printCollection(out, v.nbrSecondary, o, first);
+}
+
+// Prints the mirror's changes: after each turn of the loop that the mirror's notices ran
+// in, each VRF's view is compared with the last one printed, collection by collection.
+class MirrorWatch {
+ public:
+  MirrorWatch(const Options& o, std::function<View(const L3::VrfName&)> view)
+      : o_(o), view_(std::move(view)) {}
+  // The current view of vrf becomes the baseline, unprinted.
+  void baselineIs(const L3::VrfName& vrf) { last_.insert_or_assign(vrf, view_(vrf)); }
+  // Prints what changed in these VRFs (a VRF not among them is gone: its view is empty).
+  void flush(const std::set<L3::VrfName>& vrfs) {
+    std::set<L3::VrfName> all = vrfs;
+    for (const auto& [v, view] : last_) all.insert(v);
+    for (const L3::VrfName& v : all) {
+      const View now = vrfs.count(v) ? view_(v) : View();
+      View& was = last_[v];
+      diff(v, was.intf, now.intf);
+      diff(v, was.neighbor, now.neighbor);
+      diff(v, was.inactive, now.inactive);
+      diff(v, was.secondary, now.secondary);
+      diff(v, was.prefix, now.prefix);
+      diff(v, was.nbrSecondary, now.nbrSecondary);
+      was = now;
+    }
+  }
+
+ private:
+  template <typename R>
+  void diff(const L3::VrfName& vrf, const R& before, const R& after) {
+    std::set<typename R::Key> keys;
+    before.forEach([&](const auto& v) { keys.insert(v.key()); });
+    after.forEach([&](const auto& v) { keys.insert(v.key()); });
+    for (const auto& k : keys) {
+      if (before.find(k) == after.find(k)) continue;
+      if (o_.allVrfs) std::printf(o_.json ? "{\"vrf\": \"%s\"} " : "vrf %s: ", vrf.str().c_str());
+      printChange(after, k, o_);
+    }
+  }
   const Options& o_;
+  std::function<View(const L3::VrfName&)> view_;
+  std::map<L3::VrfName, View> last_;
 };
 
 class CounterWatch : public D::MessageCounters::NotifieeConst {
@@ -350,10 +455,14 @@ class RpHashWatch : public Routing::Pim::RpHashStatus::NotifieeConst {
 volatile sig_atomic_t gStop = 0;
 void onSignal(int) { gStop = 1; }
 
-void watchUntilSignalled(Ulm::EventLoop& loop) {
+// Runs the loop until SIGINT or SIGTERM, calling after() after each turn.
+void watchUntilSignalled(Ulm::EventLoop& loop, const std::function<void()>& after = {}) {
   ::signal(SIGINT, onSignal);
   ::signal(SIGTERM, onSignal);
-  while (!gStop) loop.runOnce(0.5);
+  while (!gStop) {
+    loop.runOnce(0.5);
+    if (after) after();
+  }
 }
 
 int showRpHash(const Options& o, const L3::VrfName& vrf) {
@@ -427,56 +536,146 @@ int showNsf(const Options& o) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  Options o;
-  if (!parseArgs(argc, argv, o)) {
-    std::fputs(kUsage.data(), stderr);
-    return 1;
+// The VRFs whose status tables exist under the root; a directory name the VRF name type
+// refuses is reported (once) and skipped.
+std::set<L3::VrfName> vrfsOnDisk(Nimo::AddressFamily af, std::set<std::string>& reported) {
+  std::set<L3::VrfName> out;
+  const std::string dir = ::Drobe::rootDir() + "/" +
+                          std::string(Routing::Pim::DrobeDetail::routingRoot(af)) + "/pim/status";
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
+    if (!e.is_directory(ec)) continue;
+    const std::string name = e.path().filename().string();
+    try {
+      out.insert(L3::VrfName(name));
+    } catch (const Kel::RangeError& err) {
+      if (reported.insert(name).second)
+        std::fprintf(stderr, "pimshow: %s: %s\n", name.c_str(), err.what());
+    }
   }
-  const L3::VrfName vrf(o.vrf);
-  if (o.rpHash) return showRpHash(o, vrf);
-  if (o.nsf) return showNsf(o);
-  const std::string statusPath = D::Status::mountPath(o.af, vrf);
-  const std::string countersPath = D::MessageCounters::mountPath(o.af, vrf, o.countersName);
+  return out;
+}
 
-  Ulm::EventLoop loop(Kel::Ptr<Kel::Clock>(new Kel::SystemClock));
-  auto status = D::statusFactory(statusPath);
-  status->mountReader(loop);
-  auto counters = D::messageCountersFactory(countersPath);
-  counters->mountReader(loop);
+Routing::Pim::Mode modeOf(std::string_view m) {
+  if (m == "sparse") return Routing::Pim::Mode::Sparse;
+  if (m == "bidir") return Routing::Pim::Mode::Bidir;
+  return Routing::Pim::Mode::SparseBidir;
+}
 
-  if (!status->pimIntfTable().mounted()) {
-    std::fprintf(stderr,
-                 "pimshow: the PIM status tables of VRF %s (IPv%c) are not mounted: no agent "
-                 "publishes %s\n",
-                 o.vrf.c_str(), o.af == Nimo::AddressFamily::ipv4 ? '4' : '6',
-                 ::Drobe::mountDir(statusPath).c_str());
-    return 2;
+int showStatus(const Options& o, const L3::VrfName& vrf) {
+  namespace P = Routing::Pim;
+  auto clock = Kel::Ptr<Kel::Clock>(new Kel::SystemClock);
+  Ulm::EventLoop loop(clock);
+  Ledra::EntityManager em;
+  // A table the reader refuses says why on stderr.
+  if (::Drobe::trace().level() < 1) ::Drobe::trace().levelIs(1);
+  auto global = Kel::Ptr<P::GlobalStatus>::make("global");
+  auto all = Kel::Ptr<P::AllStatusColl>::make("all");
+  auto reader = D::globalStatusReaderSmFactory(o.af, global, all, true, clock, em, loop);
+  Kel::Ptr<P::StatusColl> filtered;
+  Kel::Ptr<P::GlobalStatusModeFilterSm> filter;
+  if (!o.mode.empty()) {
+    filtered = Kel::Ptr<P::StatusColl>::make("filtered");
+    filter = P::globalStatusModeFilterSmFactory(all, filtered, modeOf(o.mode));
   }
-  if (!counters->msgCounterTable().mounted() && !o.json) {
-    std::fprintf(stderr, "pimshow: no message counters at %s\n",
-                 ::Drobe::mountDir(countersPath).c_str());
+  std::set<std::string> reported;
+  std::set<L3::VrfName> vrfs = o.allVrfs ? vrfsOnDisk(o.af, reported) : std::set{vrf};
+  for (const L3::VrfName& v : vrfs) global->pimEnabledSparseModeVrfIs(v);
+  std::map<L3::VrfName, Kel::Ptr<D::MessageCounters>> counters;
+  for (const L3::VrfName& v : vrfs) {
+    auto c = D::messageCountersFactory(D::MessageCounters::mountPath(o.af, v, o.countersName));
+    c->mountReader(loop);
+    counters.emplace(v, c);
+  }
+  loop.runOnce(0.0);  // the readers' initial notices
+
+  const char family = o.af == Nimo::AddressFamily::ipv4 ? '4' : '6';
+  if (!o.allVrfs) {
+    const std::string path = D::Status::mountPath(o.af, vrf);
+    Kel::Ptr<D::Status> tables = em.lookup<D::Status>(path);
+    if (!tables || !tables->pimIntfTable().mounted()) {
+      if (std::filesystem::exists(::Drobe::collectionFile(path, "pimIntf"))) {
+        std::fprintf(stderr,
+                     "pimshow: the PIM status tables of VRF %s (IPv%c) at %s were refused "
+                     "(another record layout, or not a table)\n",
+                     o.vrf.c_str(), family, ::Drobe::mountDir(path).c_str());
+      } else {
+        std::fprintf(stderr,
+                     "pimshow: the PIM status tables of VRF %s (IPv%c) are not mounted: no agent "
+                     "publishes %s\n",
+                     o.vrf.c_str(), family, ::Drobe::mountDir(path).c_str());
+      }
+      return 2;
+    }
+    if (!counters.at(vrf)->msgCounterTable().mounted() && !o.json) {
+      std::fprintf(
+          stderr, "pimshow: no message counters at %s\n",
+          ::Drobe::mountDir(D::MessageCounters::mountPath(o.af, vrf, o.countersName)).c_str());
+    }
   }
 
+  auto viewFor = [&](const L3::VrfName& v) {
+    Kel::Ptr<P::AllStatus> a = all->vrfStatus(v);
+    if (!a) return View();
+    Kel::Ptr<P::Status> f = filtered ? filtered->vrfStatus(v) : nullptr;
+    if (filtered && !f) return View();
+    return viewOf(*a, f.ptr());
+  };
   std::string out = o.json ? "{\n" : "";
-  bool first = true;
-  printCollection(out, status->pimIntfTable(), o, first);
-  printCollection(out, status->neighborTable(), o, first);
-  printCollection(out, status->inactiveNeighborTable(), o, first);
-  printCollection(out, status->intfSecondaryAddressTable(), o, first);
-  printCollection(out, status->intfSecondaryPrefixTable(), o, first);
-  printCollection(out, status->neighborSecondaryAddressTable(), o, first);
-  printCollection(out, counters->msgCounterTable(), o, first);
+  bool firstVrf = true;
+  for (const L3::VrfName& v : vrfs) {
+    bool first = true;
+    if (o.allVrfs) {
+      if (o.json) {
+        out += firstVrf ? "  " : ",\n  ";
+        jsonString(out, v.name());
+        out += ": {\n";
+      } else {
+        out += fmt::format("vrf {}:\n", v.name());
+      }
+    }
+    printView(out, viewFor(v), o, first);
+    printCollection(out, counters.at(v)->msgCounterTable(), o, first);
+    if (o.allVrfs && o.json) out += "\n  }";
+    firstVrf = false;
+  }
   if (o.json) out += "\n}\n";
   std::fputs(out.c_str(), stdout);
   std::fflush(stdout);
   if (!o.watch) return 0;
 
-  // The readers' initial notices (mount status, whole-collection sync) describe what was
-  // just printed; skip them.
-  loop.runOnce(0.0);
-  StatusWatch sw(status, o);
-  CounterWatch cw(counters, o);
-  watchUntilSignalled(loop);
+  MirrorWatch mw(o, viewFor);
+  for (const L3::VrfName& v : vrfs) mw.baselineIs(v);
+  std::unique_ptr<CounterWatch> cw;
+  if (!o.allVrfs) cw = std::make_unique<CounterWatch>(counters.at(vrf), o);
+  Kel::Time nextScan = clock->now() + 1.0;
+  watchUntilSignalled(loop, [&] {
+    if (o.allVrfs && clock->now() >= nextScan) {
+      // VRFs come and go with their tables.
+      nextScan = clock->now() + 1.0;
+      const std::set<L3::VrfName> now = vrfsOnDisk(o.af, reported);
+      for (const L3::VrfName& v : vrfs)
+        if (!now.count(v)) global->pimEnabledSparseModeVrfDel(v);
+      for (const L3::VrfName& v : now) global->pimEnabledSparseModeVrfIs(v);
+      vrfs = now;
+    }
+    mw.flush(vrfs);
+  });
   return 0;
+}
+
+int main(int argc, char** argv) {
+  Options o;
+  if (!parseArgs(argc, argv, o) || ((o.rpHash || o.nsf) && (o.allVrfs || !o.mode.empty()))) {
+    std::fputs(kUsage.data(), stderr);
+    return 1;
+  }
+  try {
+    if (o.nsf) return showNsf(o);
+    const L3::VrfName vrf(o.vrf);
+    return o.rpHash ? showRpHash(o, vrf) : showStatus(o, vrf);
+  } catch (const Kel::RangeError& e) {
+    std::fprintf(stderr, "pimshow: %s\n", e.what());
+    return 1;
+  }
 }

@@ -35,6 +35,7 @@
 #include <map>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -44,8 +45,10 @@
 #include <utility>
 #include <vector>
 
+#include "Pim/PimReliableTypes.h"
 #include "Pim/platform/Kel.h"
 #include "Pim/platform/Nimo.h"
+#include "Pim/platform/System.h"
 
 namespace Routing::Pim {
 
@@ -670,8 +673,10 @@ struct ValueText<Routing::Pim::LanPruneDelayOption> {
 // ---------------------------------------------------------------------------------------
 // The agent's PIM status and configuration as the I/O layer reads them.
 //
-// - Routing::Pim::Intf: a PIM-enabled interface: its id, the MBR flag (a multicast border
-//   router interface, whose packets are not processed) and its primary address.
+// - Routing::Pim::StatusIntf: a PIM-enabled interface as the I/O layer sees it: its id, the
+//   MBR flag (a multicast border router interface, whose packets are not processed) and its
+//   primary address. (Routing::Pim::Intf, below, is the full mirrored interface; the mode
+//   filter writes one into a Status with pimIntfIs.)
 // - Routing::Pim::Status: the agent's PIM interfaces (intf) and the neighbours that are
 //   active on each (activeNeighbor, keyed by interface and address, valued by the
 //   neighbour's hold time). Notifiees get onIntf(id) and onActiveNeighbor(key) on change.
@@ -684,7 +689,7 @@ struct ValueText<Routing::Pim::LanPruneDelayOption> {
 //   st->activeNeighborIs({Nimo::IntfId("eth1"), Nimo::IpGenAddr("10.0.0.2")}, 105);
 namespace Routing::Pim {
 
-struct Intf {
+struct StatusIntf {
   Nimo::IntfId intfId;
   bool mbr = false;
   Nimo::IpGenAddr primaryAddr;
@@ -696,6 +701,8 @@ struct ActiveNeighborKey {
   friend auto operator<=>(const ActiveNeighborKey&, const ActiveNeighborKey&) = default;
   friend bool operator==(const ActiveNeighborKey&, const ActiveNeighborKey&) = default;
 };
+
+class Intf;
 
 class Status : public Kel::Entity {
  public:
@@ -709,13 +716,13 @@ class Status : public Kel::Entity {
 
   explicit Status(Kel::Name name) : Kel::Entity(std::move(name)) {}
 
-  const Intf* intf(const Nimo::IntfId& id) const {
+  const StatusIntf* intf(const Nimo::IntfId& id) const {
     auto it = intf_.find(id);
     return it == intf_.end() ? nullptr : &it->second;
   }
-  const std::map<Nimo::IntfId, Intf>& intf() const noexcept { return intf_; }
+  const std::map<Nimo::IntfId, StatusIntf>& intf() const noexcept { return intf_; }
   void intfIs(const Nimo::IntfId& id, bool mbr = false, Nimo::IpGenAddr primary = {}) {
-    Intf& i = intf_[id];
+    StatusIntf& i = intf_[id];
     i.intfId = id;
     i.mbr = mbr;
     i.primaryAddr = primary;
@@ -724,6 +731,9 @@ class Status : public Kel::Entity {
   void intfDel(const Nimo::IntfId& id) {
     if (intf_.erase(id) != 0) notifiees_.forEach([&](NotifieeConst& n) { n.onIntf(id); });
   }
+  // The mode filter's write: the interface as the I/O layer needs it (MBR flag from
+  // borderRouter, primary address from addressWithMask). Unchanged: no notice.
+  void pimIntfIs(const Intf& i);
 
   bool activeNeighbor(const ActiveNeighborKey& k) const { return neighbor_.count(k) != 0; }
   const std::map<ActiveNeighborKey, std::uint16_t>& activeNeighbor() const noexcept {
@@ -752,7 +762,7 @@ class Status : public Kel::Entity {
   void neighborSecondaryDel(const ActiveNeighborKey& k) { secondary_.erase(k); }
 
  private:
-  std::map<Nimo::IntfId, Intf> intf_;
+  std::map<Nimo::IntfId, StatusIntf> intf_;
   std::map<ActiveNeighborKey, std::uint16_t> neighbor_;
   std::map<ActiveNeighborKey, Nimo::IpGenAddr> secondary_;
   Kel::NotifieeList<NotifieeConst> notifiees_;
@@ -774,6 +784,330 @@ class ConfigColl : public Kel::Entity {
 
  private:
   std::map<Nimo::IntfId, IntfConfig> intf_;
+};
+
+}  // namespace Routing::Pim
+
+// ---------------------------------------------------------------------------------------
+// The PIM core's in-process status: what the status readers mirror from shared memory and
+// what the mode filters hand each agent.
+//
+// - Neighbor: one PIM neighbour of an interface, with its secondary addresses.
+// - Intf: one PIM interface: its 30 published attributes (each with its getter, its setter
+//   fooIs and its notice onFoo; a setter that changes nothing notifies nothing), its
+//   neighbours, the active ones, the inactive BFD ones (known, BFD down), and its own
+//   secondary addresses and prefixes.
+// - AllStatus: one VRF's interfaces (pimIntf), as a reader mirrors them.
+// - AllStatusColl / StatusColl: per VRF an AllStatus (the mirror) or a Status (a mode
+//   filter's output, what an agent's I/O layer reads), with onVrfStatus(vrf).
+// - GlobalStatus: the VRFs with PIM enabled in sparse mode and in bidirectional mode.
+//
+// Threading: the owning process's event-loop thread only; no locks.
+//
+// Usage:
+//   auto all = Kel::Ptr<Routing::Pim::AllStatus>::make("default");
+//   Kel::Ptr<Routing::Pim::Intf> i = all->pimIntfIs(Nimo::IntfId("eth1"));
+//   i->modeIs(Routing::Pim::Mode::Sparse);          // onMode() to i's notifiees
+//   i->neighborIs(Routing::Pim::Neighbor(Nimo::IpGenAddr("10.0.0.2")));
+//   i->activeNeighborIs(Nimo::IpGenAddr("10.0.0.2"));  // onActiveNeighbor(addr)
+namespace Routing::Pim {
+
+struct Neighbor {
+  Neighbor() = default;
+  explicit Neighbor(const Nimo::IpGenAddr& a) : address(a) {}
+  Nimo::IpGenAddr address;
+  Kel::Time creationTime = 0;
+  Kel::Time lastRefreshTime = 0;
+  std::uint16_t holdTime = 0;
+  DrPriorityOption drPriorityOption;
+  GenerationIdOption generationIdOption;
+  LanPruneDelayOption lanPruneDelayOption;
+  Bfd::OperState bfdState = Bfd::OperState::Unknown;
+  Reliable::NeighborInfo portInfo;
+  Reliable::Protocol transportProtocol = Reliable::Protocol::None;
+  std::set<Nimo::IpGenAddr> secondaryAddress;
+  friend bool operator==(const Neighbor&, const Neighbor&) = default;
+};
+
+// X(type, name, Name) for each published attribute of an interface, in record order.
+#define PIM_INTF_ATTRIBUTES(X)                                                         \
+  X(Nimo::IpGenAddrWithMask, addressWithMask, AddressWithMask)                         \
+  X(Nimo::IpGenAddrWithMask, usedAddressWithMask, UsedAddressWithMask)                 \
+  X(Routing::Pim::Mode, mode, Mode)                                                    \
+  X(bool, borderRouter, BorderRouter)                                                  \
+  X(bool, enabled, Enabled)                                                            \
+  X(bool, sourceInject, SourceInject)                                                  \
+  X(std::uint32_t, assertTimeout, AssertTimeout)                                       \
+  X(std::uint32_t, assertOverrideInterval, AssertOverrideInterval)                     \
+  X(std::uint16_t, helloPeriod, HelloPeriod)                                           \
+  X(std::uint16_t, helloHoldTime, HelloHoldTime)                                       \
+  X(bool, triggeredHello, TriggeredHello)                                              \
+  X(std::uint32_t, triggeredHelloCount, TriggeredHelloCount)                           \
+  X(double, lastHelloTime, LastHelloTime)                                              \
+  X(std::uint32_t, helloDelay, HelloDelay)                                             \
+  X(std::uint16_t, joinPrunePeriod, JoinPrunePeriod)                                   \
+  X(std::uint16_t, joinPruneHoldTime, JoinPruneHoldTime)                               \
+  X(std::uint16_t, propagationDelay, PropagationDelay)                                 \
+  X(std::uint16_t, usedPropagationDelay, UsedPropagationDelay)                         \
+  X(std::uint16_t, overrideInterval, OverrideInterval)                                 \
+  X(std::uint16_t, usedOverrideInterval, UsedOverrideInterval)                         \
+  X(bool, tBit, TBit)                                                                  \
+  X(bool, usedTBit, UsedTBit)                                                          \
+  X(std::uint32_t, drPriority, DrPriority)                                             \
+  X(Nimo::IpGenAddr, usedDr, UsedDr)                                                   \
+  X(std::uint32_t, usedDrPriority, UsedDrPriority)                                     \
+  X(std::uint32_t, generationId, GenerationId)                                         \
+  X(bool, bfdEnabled, BfdEnabled)                                                      \
+  X(Routing::Pim::Reliable::CapabilityFlags, portCapabilityFlags, PortCapabilityFlags) \
+  X(Routing::Pim::Reliable::InterfaceId, portInterfaceId, PortInterfaceId)             \
+  X(bool, fastFailover, FastFailover)
+
+class Intf : public Kel::Entity {
+ public:
+  class NotifieeConst : public Kel::BaseNotifiee<Intf, NotifieeConst> {
+   public:
+#define PIM_INTF_HANDLER(T, name, Name) \
+  virtual void on##Name() {}
+    PIM_INTF_ATTRIBUTES(PIM_INTF_HANDLER)
+#undef PIM_INTF_HANDLER
+    virtual void onNeighbor(const Nimo::IpGenAddr&) {}
+    virtual void onActiveNeighbor(const Nimo::IpGenAddr&) {}
+    virtual void onInactiveBfdNeighbor(const Nimo::IpGenAddr&) {}
+    virtual void onSecondaryAddress(const Nimo::IpGenAddr&) {}
+    virtual void onSecondaryPrefix(const Nimo::IpGenPrefix&) {}
+  };
+  void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
+
+  explicit Intf(const Nimo::IntfId& id) : Kel::Entity(std::string(id.name())), intfId_(id) {}
+  const Nimo::IntfId& intfId() const noexcept { return intfId_; }
+
+#define PIM_INTF_ACCESSORS(T, name, Name)                       \
+  const T& name() const noexcept { return name##_; }            \
+  void name##Is(const T& v) {                                   \
+    if (name##_ == v) return;                                   \
+    name##_ = v;                                                \
+    notifiees_.forEach([](NotifieeConst& n) { n.on##Name(); }); \
+  }
+  PIM_INTF_ATTRIBUTES(PIM_INTF_ACCESSORS)
+#undef PIM_INTF_ACCESSORS
+
+  // Neighbours by address; neighborIs replaces a neighbour whole (secondary addresses
+  // included) and notifies only a change.
+  const std::map<Nimo::IpGenAddr, Neighbor>& neighbor() const noexcept { return neighbor_; }
+  const Neighbor* neighbor(const Nimo::IpGenAddr& a) const {
+    auto it = neighbor_.find(a);
+    return it == neighbor_.end() ? nullptr : &it->second;
+  }
+  void neighborIs(const Neighbor& n) {
+    auto [it, created] = neighbor_.try_emplace(n.address, n);
+    if (!created) {
+      if (it->second == n) return;
+      it->second = n;
+    }
+    notifiees_.forEach([&](NotifieeConst& w) { w.onNeighbor(n.address); });
+  }
+  void neighborDel(const Nimo::IpGenAddr& a) {
+    if (neighbor_.erase(a) == 0) return;
+    notifiees_.forEach([&](NotifieeConst& w) { w.onNeighbor(a); });
+  }
+  // A neighbour's secondary address; false if the neighbour is unknown.
+  bool neighborSecondaryAddressIs(const Nimo::IpGenAddr& n, const Nimo::IpGenAddr& a, bool on) {
+    auto it = neighbor_.find(n);
+    if (it == neighbor_.end()) return false;
+    const bool changed = on ? it->second.secondaryAddress.insert(a).second
+                            : it->second.secondaryAddress.erase(a) != 0;
+    if (changed) notifiees_.forEach([&](NotifieeConst& w) { w.onNeighbor(n); });
+    return true;
+  }
+
+  const std::set<Nimo::IpGenAddr>& activeNeighbor() const noexcept { return active_; }
+  bool activeNeighbor(const Nimo::IpGenAddr& a) const { return active_.count(a) != 0; }
+  void activeNeighborIs(const Nimo::IpGenAddr& a) {
+    setIs(active_, a, true, &NotifieeConst::onActiveNeighbor);
+  }
+  void activeNeighborDel(const Nimo::IpGenAddr& a) {
+    setIs(active_, a, false, &NotifieeConst::onActiveNeighbor);
+  }
+
+  const std::set<Nimo::IpGenAddr>& inactiveBfdNeighbor() const noexcept { return inactive_; }
+  bool inactiveBfdNeighbor(const Nimo::IpGenAddr& a) const { return inactive_.count(a) != 0; }
+  void inactiveBfdNeighborIs(const Nimo::IpGenAddr& a) {
+    setIs(inactive_, a, true, &NotifieeConst::onInactiveBfdNeighbor);
+  }
+  void inactiveBfdNeighborDel(const Nimo::IpGenAddr& a) {
+    setIs(inactive_, a, false, &NotifieeConst::onInactiveBfdNeighbor);
+  }
+
+  const std::set<Nimo::IpGenAddr>& secondaryAddress() const noexcept { return secondary_; }
+  void secondaryAddressIs(const Nimo::IpGenAddr& a) {
+    setIs(secondary_, a, true, &NotifieeConst::onSecondaryAddress);
+  }
+  void secondaryAddressDel(const Nimo::IpGenAddr& a) {
+    setIs(secondary_, a, false, &NotifieeConst::onSecondaryAddress);
+  }
+  const std::set<Nimo::IpGenPrefix>& secondaryPrefix() const noexcept { return prefix_; }
+  void secondaryPrefixIs(const Nimo::IpGenPrefix& p) {
+    setIs(prefix_, p, true, &NotifieeConst::onSecondaryPrefix);
+  }
+  void secondaryPrefixDel(const Nimo::IpGenPrefix& p) {
+    setIs(prefix_, p, false, &NotifieeConst::onSecondaryPrefix);
+  }
+
+ private:
+  template <typename V>
+  void setIs(std::set<V>& s, const V& v, bool on, void (NotifieeConst::*notice)(const V&)) {
+    const bool changed = on ? s.insert(v).second : s.erase(v) != 0;
+    if (changed) notifiees_.forEach([&](NotifieeConst& w) { (w.*notice)(v); });
+  }
+
+  Nimo::IntfId intfId_;
+#define PIM_INTF_MEMBER(T, name, Name) T name##_{};
+  PIM_INTF_ATTRIBUTES(PIM_INTF_MEMBER)
+#undef PIM_INTF_MEMBER
+  std::map<Nimo::IpGenAddr, Neighbor> neighbor_;
+  std::set<Nimo::IpGenAddr> active_;
+  std::set<Nimo::IpGenAddr> inactive_;
+  std::set<Nimo::IpGenAddr> secondary_;
+  std::set<Nimo::IpGenPrefix> prefix_;
+  Kel::NotifieeList<NotifieeConst> notifiees_;
+};
+
+inline void Status::pimIntfIs(const Intf& i) {
+  const StatusIntf* old = intf(i.intfId());
+  const Nimo::IpGenAddr primary = i.addressWithMask().address();
+  if (old && old->mbr == i.borderRouter() && old->primaryAddr == primary) return;
+  intfIs(i.intfId(), i.borderRouter(), primary);
+}
+
+// One VRF's mirrored interfaces.
+class AllStatus : public Kel::Entity {
+ public:
+  class NotifieeConst : public Kel::BaseNotifiee<AllStatus, NotifieeConst> {
+   public:
+    virtual void onPimIntf(const Nimo::IntfId&) {}
+  };
+  void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
+
+  explicit AllStatus(Kel::Name name) : Kel::Entity(std::move(name)) {}
+
+  const std::map<Nimo::IntfId, Kel::Ptr<Intf>>& pimIntf() const noexcept { return intf_; }
+  Kel::Ptr<Intf> pimIntf(const Nimo::IntfId& id) const {
+    auto it = intf_.find(id);
+    return it == intf_.end() ? nullptr : it->second;
+  }
+  // The interface, created (and announced) if absent.
+  Kel::Ptr<Intf> pimIntfIs(const Nimo::IntfId& id) {
+    auto [it, created] = intf_.try_emplace(id);
+    if (created) {
+      it->second = Kel::Ptr<Intf>::make(id);
+      notifiees_.forEach([&](NotifieeConst& n) { n.onPimIntf(id); });
+    }
+    return it->second;
+  }
+  // Adds an interface built beforehand (its attributes set before anyone watches it);
+  // an interface of the same id is replaced.
+  void pimIntfIs(const Kel::Ptr<Intf>& i) {
+    intf_[i->intfId()] = i;
+    notifiees_.forEach([&](NotifieeConst& n) { n.onPimIntf(i->intfId()); });
+  }
+  // By value: a caller may pass the key of the very entry being erased.
+  void pimIntfDel(Nimo::IntfId id) {
+    if (intf_.erase(id) == 0) return;
+    notifiees_.forEach([&](NotifieeConst& n) { n.onPimIntf(id); });
+  }
+  void pimIntfDelAll() {
+    while (!intf_.empty()) pimIntfDel(intf_.begin()->first);
+  }
+
+ private:
+  std::map<Nimo::IntfId, Kel::Ptr<Intf>> intf_;
+  Kel::NotifieeList<NotifieeConst> notifiees_;
+};
+
+// Per VRF one T (AllStatus or Status), named after the VRF.
+template <typename T>
+class VrfStatusColl : public Kel::Entity {
+ public:
+  class NotifieeConst : public Kel::BaseNotifiee<VrfStatusColl, NotifieeConst> {
+   public:
+    virtual void onVrfStatus(const L3::VrfName&) {}
+  };
+  void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
+
+  explicit VrfStatusColl(Kel::Name name) : Kel::Entity(std::move(name)) {}
+
+  const std::map<L3::VrfName, Kel::Ptr<T>>& vrfStatus() const noexcept { return vrf_; }
+  Kel::Ptr<T> vrfStatus(const L3::VrfName& v) const {
+    auto it = vrf_.find(v);
+    return it == vrf_.end() ? nullptr : it->second;
+  }
+  // The VRF's status, created (and announced) if absent.
+  Kel::Ptr<T> vrfStatusIs(const L3::VrfName& v) {
+    auto [it, created] = vrf_.try_emplace(v);
+    if (created) {
+      it->second = Kel::Ptr<T>::make(Kel::Name(v.str()));
+      notifiees_.forEach([&](NotifieeConst& n) { n.onVrfStatus(v); });
+    }
+    return it->second;
+  }
+  void vrfStatusDel(const L3::VrfName& v) {
+    if (vrf_.erase(v) == 0) return;
+    notifiees_.forEach([&](NotifieeConst& n) { n.onVrfStatus(v); });
+  }
+
+ private:
+  std::map<L3::VrfName, Kel::Ptr<T>> vrf_;
+  Kel::NotifieeList<NotifieeConst> notifiees_;
+};
+using AllStatusColl = VrfStatusColl<AllStatus>;
+using StatusColl = VrfStatusColl<Status>;
+
+// The VRFs with PIM enabled, per mode.
+class GlobalStatus : public Kel::Entity {
+ public:
+  class NotifieeConst : public Kel::BaseNotifiee<GlobalStatus, NotifieeConst> {
+   public:
+    virtual void onPimEnabledSparseModeVrf(const L3::VrfName&) {}
+    virtual void onPimEnabledBidirVrf(const L3::VrfName&) {}
+  };
+  void notifieeAdd(NotifieeConst* n) { notifiees_.add(n); }
+  void notifieeRemove(NotifieeConst* n) { notifiees_.remove(n); }
+
+  explicit GlobalStatus(Kel::Name name) : Kel::Entity(std::move(name)) {}
+
+  const std::set<L3::VrfName>& pimEnabledSparseModeVrf() const noexcept { return sparse_; }
+  bool pimEnabledSparseModeVrf(const L3::VrfName& v) const { return sparse_.count(v) != 0; }
+  void pimEnabledSparseModeVrfIs(const L3::VrfName& v) {
+    setIs(sparse_, v, true, &NotifieeConst::onPimEnabledSparseModeVrf);
+  }
+  void pimEnabledSparseModeVrfDel(const L3::VrfName& v) {
+    setIs(sparse_, v, false, &NotifieeConst::onPimEnabledSparseModeVrf);
+  }
+  const std::set<L3::VrfName>& pimEnabledBidirVrf() const noexcept { return bidir_; }
+  bool pimEnabledBidirVrf(const L3::VrfName& v) const { return bidir_.count(v) != 0; }
+  void pimEnabledBidirVrfIs(const L3::VrfName& v) {
+    setIs(bidir_, v, true, &NotifieeConst::onPimEnabledBidirVrf);
+  }
+  void pimEnabledBidirVrfDel(const L3::VrfName& v) {
+    setIs(bidir_, v, false, &NotifieeConst::onPimEnabledBidirVrf);
+  }
+  // PIM enabled in either mode.
+  bool pimEnabled(const L3::VrfName& v) const {
+    return pimEnabledSparseModeVrf(v) || pimEnabledBidirVrf(v);
+  }
+
+ private:
+  void setIs(std::set<L3::VrfName>& s, const L3::VrfName& v, bool on,
+             void (NotifieeConst::*notice)(const L3::VrfName&)) {
+    const bool changed = on ? s.insert(v).second : s.erase(v) != 0;
+    if (changed) notifiees_.forEach([&](NotifieeConst& n) { (n.*notice)(v); });
+  }
+  std::set<L3::VrfName> sparse_;
+  std::set<L3::VrfName> bidir_;
+  Kel::NotifieeList<NotifieeConst> notifiees_;
 };
 
 }  // namespace Routing::Pim
