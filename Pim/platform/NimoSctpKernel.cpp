@@ -12,8 +12,8 @@
 #include <cstring>
 
 #include "Pim/platform/Flicklog.h"
-#include "Pim/platform/Nimo.h"
 #include "Pim/platform/NetNs.h"
+#include "Pim/platform/Nimo.h"
 #include "Pim/platform/NimoSockAddr.h"
 
 #ifndef MSG_NOTIFICATION

@@ -17,8 +17,8 @@
 #include <cstring>
 
 #include "Pim/platform/Flicklog.h"
-#include "Pim/platform/Nimo.h"
 #include "Pim/platform/NetNs.h"
+#include "Pim/platform/Nimo.h"
 #include "Pim/platform/NimoSockAddr.h"
 
 namespace Nimo::Sctp {
