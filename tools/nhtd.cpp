@@ -16,8 +16,6 @@
 // at exit. Exit status: 0 after a clean stop, 1 when a status table cannot be had, 2 for bad
 // options.
 #include <getopt.h>
-#include <signal.h>
-#include <sys/signalfd.h>
 
 #include <charconv>
 #include <cstdio>
@@ -25,6 +23,7 @@
 #include <string>
 
 #include "Pim/platform/Routing.h"
+#include "tools/LoopStop.h"
 
 namespace {
 
@@ -86,16 +85,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "%s\n", kUsage);
     return 2;
   }
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
-  const int sigfd = signalfd(-1, &stopSignals, SFD_NONBLOCK | SFD_CLOEXEC);
   Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
-  Ulm::FdWatch signals(loop, sigfd, [&] { loop.stop(); });
-  Ulm::Timer end(loop.timers(), [&] { loop.stop(); });
-  if (duration > 0) end.delayIs(duration);
+  Tools::LoopStop stop(loop, duration);
 
   Rib<Nimo::AddressFamily::ipv4> v4[2];
   Rib<Nimo::AddressFamily::ipv6> v6[2];

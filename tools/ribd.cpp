@@ -9,8 +9,6 @@
 // re-dump after lost notices, and the counters at exit. Exit status: 0 after a clean stop,
 // 1 when netlink or the tables cannot be had, 2 for bad options.
 #include <getopt.h>
-#include <signal.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <charconv>
@@ -21,6 +19,7 @@
 #include "Pim/linux/NetlinkIntfStatus.h"
 #include "Pim/linux/NetlinkRib.h"
 #include "Pim/platform/Flicklog.h"
+#include "tools/LoopStop.h"
 
 namespace {
 
@@ -99,17 +98,8 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  // Signals arrive as readable events of the loop, never in the middle of a handler.
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
-  const int sigfd = signalfd(-1, &stopSignals, SFD_NONBLOCK | SFD_CLOEXEC);
   Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
-  Ulm::FdWatch signals(loop, sigfd, [&] { loop.stop(); });
-  Ulm::Timer end(loop.timers(), [&] { loop.stop(); });
-  if (duration > 0) end.delayIs(duration);
+  Tools::LoopStop stop(loop, duration);
 
   auto dir = Kel::Ptr<Interface::IntfStatusDir>::make("intf");
   auto intfs = Interface::netlinkIntfStatusSmFactory(dir, loop, config.netNs);
