@@ -1,6 +1,9 @@
 // PortFrame: PIM messages framed on a reliable-transport association (RFC 6559, PORT).
 //
-// On a PORT association every message is a TLV. We send and accept:
+// On a PORT association every message is a TLV. We send and accept the layout below.
+// Known gap: RFC 6559's Join/Prune TLV also carries a 64-bit Interface ID and wraps the
+// Join/Prune in PORT options; this layout has neither, so today it interoperates only with
+// itself. To be brought to the RFC's layout before any other peer is tried.
 //
 //    0                   1                   2                   3
 //    0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1
