@@ -544,14 +544,8 @@ std::uint64_t workload(std::uint64_t seed, int rounds, W* w) {
 using PimTest::hold;
 using PimTest::readable;
 using PimTest::receive;
+using PimTest::runUntil;
 using PimTest::send;
-
-// Runs loop until done() or `seconds`, and says whether done() came true.
-bool runUntil(Ulm::EventLoop& loop, const std::function<bool()>& done, double seconds = 10.0) {
-  const Kel::Time deadline = loop.clock()->now() + seconds;
-  while (!done() && loop.clock()->now() < deadline) loop.runOnce(0.01);
-  return done();
-}
 
 struct ReaderResult {
   bool converged;

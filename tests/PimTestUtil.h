@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -23,6 +24,7 @@
 #include "Pim/PimMessage.h"
 #include "Pim/platform/Flicklog.h"
 #include "Pim/platform/Nimo.h"
+#include "Pim/platform/Ulm.h"
 
 namespace PimTest {
 
@@ -72,6 +74,15 @@ void send(int fd, const T& v) {
 inline void hold(int fd, int seconds = 300) {
   char c;
   if (readable(fd, seconds)) (void)!::read(fd, &c, 1);
+}
+
+// Turns loop until done() or about `seconds` of real time (a manual clock would never end
+// the wait); says whether done() came true.
+inline bool runUntil(Ulm::EventLoop& loop, const std::function<bool()>& done,
+                     double seconds = 10.0) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!done() && std::chrono::steady_clock::now() < end) loop.runOnce(0.01);
+  return done();
 }
 
 // Forked children of a cross-process test, each talking to the test over a socket pair;
