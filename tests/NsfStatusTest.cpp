@@ -4,11 +4,8 @@
 // machine that publishes into it.)
 
 #include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <string>
 #include <vector>
 
@@ -179,11 +176,7 @@ TEST(NsfReflection, CollectionsAreListedAndReachedByKeyAndTheAttributeLogOutputB
 // ---------------------------------------------------------------------------------------
 // The mirror.
 
-template <typename P>
-bool runUntil(Ulm::EventLoop& loop, P&& done) {
-  for (int i = 0; i < 1000 && !done(); ++i) loop.runOnce(0.01);  // 10 s at most
-  return done();
-}
+using PimTest::runUntil;
 
 // Two flags changed in one wake-up of the mirror: for every transition between the four
 // states one notice per changed flag, and none meets a "recovery complete" the writer never
@@ -226,20 +219,11 @@ TEST(NsfMirror, BothFlagsInOneWakeUpNeverShowAnUnpublishedRecovery) {
 
 // A writer process: an agent's collection and publisher, driven over a socket by lines
 // "vrf attribute True|False" (set by name) or "del vrf", each answered with one byte.
-pid_t startWriter(int& fd) {
-  int sv[2];
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) return -1;
-  const pid_t pid = ::fork();
-  if (pid != 0) {
-    ::close(sv[1]);
-    fd = sv[0];
-    return pid;
-  }
-  ::close(sv[0]);
+[[noreturn]] void writerProcess(int fd) {
   auto coll = nsfStatusCollFactory("nsf");
   auto pub = nsfStatusPublisherFactory(coll, Nimo::AddressFamily::ipv4);
   std::string line;
-  for (char c; ::read(sv[1], &c, 1) == 1;) {
+  for (char c; ::read(fd, &c, 1) == 1;) {
     if (c != '\n') {
       line += c;
       continue;
@@ -252,7 +236,7 @@ pid_t startWriter(int& fd) {
       Kel::attributeTextIs(*coll->vrfStatusIs(L3::VrfName(a)), b, line.substr(sp2 + 1));
     }
     line.clear();
-    if (::write(sv[1], pub->mounted() ? "k" : "x", 1) != 1) break;
+    if (::write(fd, pub->mounted() ? "k" : "x", 1) != 1) break;
   }
   ::_exit(0);
 }
@@ -262,8 +246,8 @@ TEST(NsfAcrossProcesses, AReaderSeesEveryFlagAndAKilledWriterIsNoWriterUntilItsS
   auto mirror = nsfStatusMirrorFactory(loop, Nimo::AddressFamily::ipv4);
   Recorder rec(mirror->nsfStatusColl());
   EXPECT_FALSE(mirror->writerPresent());
-  int fd = -1;
-  std::vector<pid_t> children;  // ours only: killed or reaped by id
+  PimTest::Children children;  // ours only: killed or reaped by id
+  int fd = children.spawn(writerProcess);
   auto command = [&](const std::string& line) {
     const std::string l = line + "\n";
     char ack = 0;
@@ -271,8 +255,6 @@ TEST(NsfAcrossProcesses, AReaderSeesEveryFlagAndAKilledWriterIsNoWriterUntilItsS
            ::read(fd, &ack, 1) == 1 && ack == 'k';
   };
   auto pimshowNsf = [] { return PimTest::runCommand(std::string(PIMSHOW_PATH) + " --nsf"); };
-  children.push_back(startWriter(fd));
-  ASSERT_GT(children.back(), 0);
   ASSERT_TRUE(command("red restarting False"));  // creates red, normal
   ASSERT_TRUE(runUntil(loop, [&] { return mirror->writerPresent() && !rec.log.empty(); }));
   EXPECT_THAT(rec.take(), ElementsAre("red created"));
@@ -295,9 +277,7 @@ TEST(NsfAcrossProcesses, AReaderSeesEveryFlagAndAKilledWriterIsNoWriterUntilItsS
   EXPECT_EQ(shown.exitCode, 0);
   EXPECT_THAT(shown.out, HasSubstr("vrfStatus (2):"));
   EXPECT_THAT(shown.out, HasSubstr("'red', 'restarting': True, 'routeRecoveryComplete': False"));
-  ::kill(children.back(), SIGKILL);
-  ::waitpid(children.back(), nullptr, 0);
-  ::close(fd);
+  EXPECT_EQ(children.exitCode(fd, 10, true), -1);
   ASSERT_TRUE(runUntil(loop, [&] { return !mirror->writerPresent(); }));
   EXPECT_TRUE(mirror->nsfStatusColl()->vrfStatus(kRed)->restarting());
   EXPECT_TRUE(rec.take().empty());
@@ -306,8 +286,7 @@ TEST(NsfAcrossProcesses, AReaderSeesEveryFlagAndAKilledWriterIsNoWriterUntilItsS
   EXPECT_THAT(none.out, HasSubstr("no writer"));
 
   // A restarted writer's state replaces the dead one's before it reads as present.
-  children.push_back(startWriter(fd));
-  ASSERT_GT(children.back(), 0);
+  fd = children.spawn(writerProcess);
   ASSERT_TRUE(command("blue routeRecoveryComplete True"));
   bool presentWithOldState = false;
   struct Present : NsfStatusMirror::NotifieeConst {
@@ -322,8 +301,7 @@ TEST(NsfAcrossProcesses, AReaderSeesEveryFlagAndAKilledWriterIsNoWriterUntilItsS
   ASSERT_TRUE(command("del blue"));
   ASSERT_TRUE(runUntil(loop, [&] { return !rec.log.empty(); }));
   EXPECT_THAT(rec.take(), ElementsAre("blue deleted"));
-  ::close(fd);  // the second writer ends at end of input
-  EXPECT_EQ(PimTest::waitChild(children.back(), 10), 0);
+  EXPECT_EQ(children.exitCode(fd, 10), 0);  // the second writer ends at end of input
 }
 
 }  // namespace
