@@ -4,10 +4,8 @@
 #include <gmock/gmock.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -282,18 +280,7 @@ TEST(RpHashStatusPaths, NamesThatWouldLeaveTheRootMakeNoFile) {
 // ---------------------------------------------------------------------------------------
 // Other processes.
 
-bool waitByte(int fd, int seconds) {
-  pollfd p{fd, POLLIN, 0};
-  char c;
-  return ::poll(&p, 1, seconds * 1000) == 1 && ::read(fd, &c, 1) == 1;
-}
-
-// Runs loop turns until done() or about `seconds` passed.
-bool runUntil(Ulm::EventLoop& loop, double seconds, const std::function<bool()>& done) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (!done() && std::chrono::steady_clock::now() < end) loop.runOnce(0.01);
-  return done();
-}
+using PimTest::runUntil;
 
 struct Table {
   AddressFamily af;
@@ -419,12 +406,13 @@ TEST(RpHashCrossProcess, ReaderRpForGroupAgreesWithBruteForce) {
   ASSERT_TRUE(t->mountWriter());
   for (const RpHash& e : entries) ASSERT_TRUE(t->rpHashIs(e));
   t->rpHashCommit(entries[0]);
-  const pid_t child = ::fork();
-  if (child == 0) {
+  PimTest::Children children;
+  const int reader = children.spawn([&](int) {
     Ulm::EventLoop loop(Kel::Ptr<Kel::Clock>(new Kel::SystemClock));
     auto r = P::rpHashStatusFactory(path);
     r->mountReader(loop);
-    if (!runUntil(loop, 20, [&] { return r->maskLengths(AddressFamily::ipv6).size() == 8; }))
+    if (!runUntil(
+            loop, [&] { return r->maskLengths(AddressFamily::ipv6).size() == 8; }, 20))
       ::_exit(2);
     std::mt19937 g(13);
     for (int i = 0; i < 10000; ++i) {
@@ -434,23 +422,23 @@ TEST(RpHashCrossProcess, ReaderRpForGroupAgreesWithBruteForce) {
       }
     }
     ::_exit(0);
-  }
-  EXPECT_EQ(PimTest::waitChild(child, 120), 0);
+  });
+  EXPECT_EQ(children.exitCode(reader, 120), 0);
 }
 
 TEST(RpHashCrossProcess, AKilledWriterLeavesTheReaderUnmountedUntilANewOneComes) {
   const std::string path = uniquePath();
   const RpHash e = entry("239.5.0.0/16", "10.0.0.5");
   // Writer child: says when it is mounted, then rewrites entries in 238/8 (apart from e)
-  // without end.
-  auto startWriter = [&](bool forever, int tell) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
+  // without end, or once and then waits.
+  PimTest::Children children;
+  auto startWriter = [&](bool forever) {
+    const int fd = children.spawn([&](int tell) {
       auto w = P::rpHashStatusFactory(path);
       if (!w->mountWriter()) ::_exit(1);
       w->rpHashIs(e);
       w->rpHashCommit(e);
-      (void)!::write(tell, "m", 1);
+      PimTest::send(tell, 'm');
       for (std::uint32_t i = 0; forever || i < 1; ++i) {
         w->rpHashIs(RpHash(IpGenPrefix(IpGenAddr::v4(0xee000000u | (i & 0xffff) << 8), 24),
                            IpGenAddr::v4(i), P::RpPriority(1), P::RpHashMaskLen(30), false,
@@ -461,35 +449,29 @@ TEST(RpHashCrossProcess, AKilledWriterLeavesTheReaderUnmountedUntilANewOneComes)
         }
         w->rpHashCommit(e);
       }
-      ::pause();  // the second writer stays until the test kills it
+      PimTest::hold(tell);  // the second writer stays until the test kills it
       ::_exit(0);
-    }
-    return pid;
+    });
+    char mounted = 0;
+    EXPECT_TRUE(PimTest::receive(fd, mounted));
+    return fd;
   };
-  int tell[2];
-  ASSERT_EQ(::pipe(tell), 0);
-  const pid_t first = startWriter(true, tell[1]);
-  ASSERT_TRUE(waitByte(tell[0], 30));
+  const int first = startWriter(true);
   Ulm::EventLoop loop(Kel::Ptr<Kel::Clock>(new Kel::SystemClock));
   auto r = P::rpHashStatusFactory(path);
   r->mountReader(loop);
   Log log(r);
   const IpGenAddr g("239.5.1.1");
-  EXPECT_TRUE(runUntil(loop, 10, [&] { return r->rpForGroup(g) == e; }));
-  ::kill(first, SIGKILL);
-  EXPECT_EQ(PimTest::waitChild(first, 10), -1);
-  EXPECT_TRUE(runUntil(loop, 5, [&] { return !r->mounted(); }));
+  EXPECT_TRUE(runUntil(loop, [&] { return r->rpForGroup(g) == e; }));
+  EXPECT_EQ(children.exitCode(first, 10, true), -1);
+  EXPECT_TRUE(runUntil(
+      loop, [&] { return !r->mounted(); }, 5));
   EXPECT_TRUE(!r->rpForGroup(g));
   EXPECT_TRUE(r->maskLengths(AddressFamily::ipv4).empty());
   EXPECT_NE(std::find(log.out.begin(), log.out.end(), "unmounted"), log.out.end());
 
-  const pid_t second = startWriter(false, tell[1]);
-  ASSERT_TRUE(waitByte(tell[0], 30));
-  EXPECT_TRUE(runUntil(loop, 10, [&] { return r->mounted() && r->rpForGroup(g) == e; }));
-  ::kill(second, SIGKILL);
-  PimTest::waitChild(second, 10);
-  ::close(tell[0]);
-  ::close(tell[1]);
+  startWriter(false);
+  EXPECT_TRUE(runUntil(loop, [&] { return r->mounted() && r->rpForGroup(g) == e; }));
 }
 
 }  // namespace
