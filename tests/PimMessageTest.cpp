@@ -103,42 +103,38 @@ TEST_F(HeaderTest, RegisterChecksumEitherWay) {
   }
 }
 
-TEST_F(HeaderTest, WriteChecksumsMatchIndependentSum) {
-  const Bytes body = hex("00 01 00 02 00 69 00 13 00 04 00 00 00 07 aa");  // odd length
-  for (bool v6 : {false, true}) {
-    SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
-    const auto& src = v6 ? kV6Src : kV4Src;
-    const auto& dst = v6 ? kV6Dst : kV4Dst;
-    Bytes msg = hex("20 5a 00 00");
-    msg.insert(msg.end(), body.begin(), body.end());
-    auto p = pkt(msg);
-    auto m = message(Nimo::PimMessageType::pimHello, src, dst);
-    m->reservedIs(0x5a);
-    m->lengthIs(static_cast<std::uint32_t>(msg.size()));
-    ASSERT_EQ(m->writeHeader(p, 0), 4u);
-    EXPECT_EQ(bytesOf(*p, p->size()), withChecksum(msg, src, dst));
-  }
-}
-
-TEST_F(HeaderTest, WriteRegisterV6PseudoHeaderCountsEightBytes) {
+// The checksum written over an odd length in both families, a Register's over its first 8
+// bytes (the IPv6 pseudo-header counts 8 too), and the two refusals.
+TEST_F(HeaderTest, WriteChecksumsMatchIndependentSumOrRefuse) {
+  const Bytes hello = hex("20 5a 00 00  00 01 00 02 00 69 00 13 00 04 00 00 00 07 aa");
   const Bytes reg = hex("21 00 00 00  40 00 00 00  60 00 00 00 00 00");
-  auto p = pkt(reg);
-  auto m = message(Nimo::PimMessageType::pimRegister, kV6Src, kV6Dst);
-  m->lengthIs(8);
-  ASSERT_EQ(m->writeHeader(p, 0), 4u);
-  EXPECT_EQ(bytesOf(*p, p->size()), withChecksum(reg, kV6Src, kV6Dst, 8));
-}
-
-TEST_F(HeaderTest, WriteFailures) {
-  auto m = message(Nimo::PimMessageType::pimHello, kV4Src, kV4Dst);
-  m->lengthIs(4);
-  EXPECT_EQ(m->writeHeader(pkt(hex("00 00 00")), 0), 0u);
-  auto none = message(Nimo::PimMessageType::pimHello, {}, {});
-  none->lengthIs(4);
-  EXPECT_EQ(none->writeHeader(pkt(hex("00 00 00 00")), 0), 0u);
-  EXPECT_THAT(errors(),
-              ElementsAre("Invalid Pim Message - Header - Unavailable Space - Remaining: 3",
-                          "Invalid address family"));
+  const struct {
+    Nimo::PimMessageType type;
+    Nimo::IpGenAddr src, dst;
+    Bytes bytes;
+    std::uint32_t length;  // also the bytes summed
+    const char* error;
+  } cases[] = {
+      {Nimo::PimMessageType::pimHello, kV4Src, kV4Dst, hello, 19, nullptr},
+      {Nimo::PimMessageType::pimHello, kV6Src, kV6Dst, hello, 19, nullptr},
+      {Nimo::PimMessageType::pimRegister, kV6Src, kV6Dst, reg, 8, nullptr},
+      {Nimo::PimMessageType::pimHello, kV4Src, kV4Dst, hex("00 00 00"), 4,
+       "Invalid Pim Message - Header - Unavailable Space - Remaining: 3"},
+      {Nimo::PimMessageType::pimHello, {}, {}, hex("00 00 00 00"), 4, "Invalid address family"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(toHex(c.bytes));
+    clear();
+    auto p = pkt(c.bytes);
+    auto m = message(c.type, c.src, c.dst);
+    m->reservedIs(c.bytes.size() > 1 ? c.bytes[1] : 0);
+    m->lengthIs(c.length);
+    EXPECT_EQ(m->writeHeader(p, 0), c.error ? 0u : 4u);
+    EXPECT_EQ(errors(), only(c.error ? c.error : ""));
+    if (!c.error) {
+      EXPECT_EQ(bytesOf(*p, p->size()), withChecksum(c.bytes, c.src, c.dst, c.length));
+    }
+  }
 }
 
 // ---------------------------------------------------------------------------------------
