@@ -8,7 +8,6 @@
 #include "Pim/PimStatusReaderSm.h"
 
 #include <algorithm>
-#include <iterator>
 #include <set>
 #include <unordered_set>
 #include <vector>
@@ -122,14 +121,24 @@ Pim::Neighbor neighborOf(const Drobe::Neighbor& r, const Pim::Neighbor* old) {
   return n;
 }
 
-// Calls fn for each element in one set but not the other (the handler it names looks the
-// element up in its table and adds or removes it); collected first, as fn changes `have`.
+// Calls fn(element, walked) for each element in one set but not the other: walked when
+// only `want` (what the table's walk read) has it. Collected first, as fn changes `have`.
 template <typename T, typename F>
 void forEachDifference(const std::set<T>& have, const std::set<T>& want, F fn) {
-  std::vector<T> diff;
-  std::set_symmetric_difference(have.begin(), have.end(), want.begin(), want.end(),
-                                std::back_inserter(diff));
-  for (const T& v : diff) fn(v);
+  if (have.empty() && want.empty()) return;
+  std::vector<std::pair<T, bool>> diff;
+  auto h = have.begin();
+  auto w = want.begin();
+  while (h != have.end() || w != want.end()) {
+    if (w == want.end() || (h != have.end() && *h < *w)) {
+      diff.emplace_back(*h++, false);
+    } else if (h == have.end() || *w < *h) {
+      diff.emplace_back(*w++, true);
+    } else {
+      ++h, ++w;
+    }
+  }
+  for (const auto& [v, walked] : diff) fn(v, walked);
 }
 
 }  // namespace
@@ -140,8 +149,10 @@ StatusReaderSm::StatusReaderSm(const L3::VrfName& vrf, const Kel::Ptr<Pim::AllSt
       vrf_(vrf),
       allStatus_(allStatus),
       drobeStatus_(drobeStatus),
-      reactor_(*this) {
+      reactor_(*this),
+      mirrorReactor_(*this) {
   reactor_.notifierIs(drobeStatus_);
+  mirrorReactor_.notifierIs(allStatus_);
 }
 
 StatusReaderSm::~StatusReaderSm() { clearMirror(*allStatus_); }
@@ -162,11 +173,22 @@ void StatusReaderSm::handleInitialized() {
   ++fullPasses_;
   const bool wasInitialized = initialized_;
   initialized_ = true;  // the handlers below apply their updates
-  // Interfaces: every record, then every mirrored interface the table no longer holds.
-  drobeStatus_->pimIntfForEach([&](const Drobe::Intf& r) { handleIntf(r.key()); });
-  std::vector<Nimo::IntfId> ids;
-  for (const auto& [id, intf] : allStatus_->pimIntf()) ids.push_back(id);
-  for (const Nimo::IntfId& id : ids) handleIntf(id);
+  // Interfaces: each record as the walk read it (looking it up again by key would read
+  // its slot, and the slots probed before it, a second time); then every mirrored
+  // interface the walk did not give, which the table may no longer hold.
+  std::unordered_set<Nimo::IntfId, IdHash> walked;
+  walked.reserve(drobeStatus_->pimIntfSize());
+  drobeStatus_->pimIntfForEach([&](const Drobe::Intf& r) {
+    applyIntf(r);
+    walked.insert(r.key());
+  });
+  if (walked.size() != allStatus_->pimIntf().size()) {
+    std::vector<Nimo::IntfId> ids;
+    for (const auto& [id, intf] : allStatus_->pimIntf()) {
+      if (!walked.count(id)) ids.push_back(id);
+    }
+    for (const Nimo::IntfId& id : ids) handleIntf(id);
+  }
   // Neighbours from their records, each in its active or inactive place (the inactive
   // table read once, rather than probed per neighbour); then, if the mirror holds more than
   // the table gave, the ones the table no longer has.
@@ -179,9 +201,9 @@ void StatusReaderSm::handleInitialized() {
       ++applied;
     }
   });
-  std::size_t mirrored = 0;
-  for (const auto& [id, intf] : allStatus_->pimIntf()) mirrored += intf->neighbor().size();
-  if (mirrored != applied) {
+  std::size_t inMirror = 0;
+  for (const auto& [id, intf] : allStatus_->pimIntf()) inMirror += intf->neighbor().size();
+  if (inMirror != applied) {
     std::vector<NeighborKey> nbrs;
     for (const auto& [id, intf] : allStatus_->pimIntf()) {
       for (const auto& [addr, n] : intf->neighbor()) nbrs.emplace_back(addr, id);
@@ -197,9 +219,11 @@ void StatusReaderSm::handleInitialized() {
 }
 
 void StatusReaderSm::syncSecondaries() {
-  std::map<Nimo::IntfId, std::set<Nimo::IpGenAddr>> addrs;
-  std::map<Nimo::IntfId, std::set<Nimo::IpGenPrefix>> prefixes;
-  std::map<NeighborKey, std::set<Nimo::IpGenAddr>> nbrAddrs;
+  using AddrSet = std::set<Nimo::IpGenAddr>;
+  using PrefixSet = std::set<Nimo::IpGenPrefix>;
+  std::unordered_map<Nimo::IntfId, AddrSet, IdHash> addrs;
+  std::unordered_map<Nimo::IntfId, PrefixSet, IdHash> prefixes;
+  std::unordered_map<NeighborKey, AddrSet, KeyHash> nbrAddrs;
   drobeStatus_->intfSecondaryAddressForEach([&](const Drobe::IntfSecondaryAddress& r) {
     addrs[r.key().intfId()].insert(r.key().secondaryAddress());
   });
@@ -211,35 +235,38 @@ void StatusReaderSm::syncSecondaries() {
   });
   // Entries whose interface or neighbour is not mirrored are dropped with their traces.
   for (const auto& [id, set] : addrs) {
-    if (!allStatus_->pimIntf(id)) {
+    if (!mirrored(id)) {
       for (const auto& a : set) handleIntfSecondaryAddress({id, a});
     }
   }
   for (const auto& [id, set] : prefixes) {
-    if (!allStatus_->pimIntf(id)) {
+    if (!mirrored(id)) {
       for (const auto& p : set) handleIntfSecondaryPrefix({id, p});
     }
   }
-  static const std::set<Nimo::IpGenAddr> kNoAddrs;
-  static const std::set<Nimo::IpGenPrefix> kNoPrefixes;
+  // What the walk read is applied as read; what only the mirror holds is looked up (the
+  // table may have it back by now).
+  static const AddrSet kNoAddrs;
+  static const PrefixSet kNoPrefixes;
   for (const auto& entry : allStatus_->pimIntf()) {
     const Nimo::IntfId& id = entry.first;
     const Pim::Intf& intf = *entry.second;
     auto a = addrs.find(id);
     forEachDifference(intf.secondaryAddress(), a == addrs.end() ? kNoAddrs : a->second,
-                      [&](const auto& v) {
-                        handleIntfSecondaryAddress({id, v});
+                      [&](const auto& v, bool walked) {
+                        intfSecondaryAddress({id, v}, walked);
                       });
     auto p = prefixes.find(id);
     forEachDifference(intf.secondaryPrefix(), p == prefixes.end() ? kNoPrefixes : p->second,
-                      [&](const auto& v) {
-                        handleIntfSecondaryPrefix({id, v});
+                      [&](const auto& v, bool walked) {
+                        intfSecondaryPrefix({id, v}, walked);
                       });
     for (const auto& nbr : intf.neighbor()) {
+      if (nbrAddrs.empty() && nbr.second.secondaryAddress.empty()) continue;
       const NeighborKey nk(nbr.first, id);
       auto sec = nbrAddrs.find(nk);
       forEachDifference(nbr.second.secondaryAddress, sec == nbrAddrs.end() ? kNoAddrs : sec->second,
-                        [&](const auto& v) {
+                        [&](const auto& v, bool) {
                           handleNeighborSecondaryAddress({nk, v});
                         });
       if (sec != nbrAddrs.end()) nbrAddrs.erase(sec);
@@ -257,7 +284,7 @@ void StatusReaderSm::handleIntf(const Nimo::IntfId& intfId) {
     case ::Drobe::FindStatus::changing:
       return;  // its commit's notice follows
     case ::Drobe::FindStatus::absent:
-      if (!allStatus_->pimIntf(intfId)) return;
+      if (!mirrored(intfId)) return;
       FLICK_TRACE(trace(), kChange, "StatusReaderSm::handleIntf{}{}", kRemovingIntf, intfId);
       lastIntf_.erase(intfId);
       allStatus_->pimIntfDel(intfId);
@@ -265,23 +292,40 @@ void StatusReaderSm::handleIntf(const Nimo::IntfId& intfId) {
     case ::Drobe::FindStatus::found:
       break;
   }
-  Kel::Ptr<Pim::Intf> intf = allStatus_->pimIntf(intfId);
-  auto last = lastIntf_.find(intfId);
-  if (intf && last != lastIntf_.end() && last->second == r) return;
+  applyIntf(r);
+}
+
+void StatusReaderSm::applyIntf(const Drobe::Intf& r) {
+  const Nimo::IntfId& intfId = r.key();
+  Kel::Ptr<Pim::Intf> intf = mirrored(intfId);
+  auto [last, first] = lastIntf_.try_emplace(intfId, r);
+  if (intf && !first && last->second == r) return;
   // A new interface gets its attributes before it is announced.
   const bool created = !intf;
   if (created) intf = Kel::Ptr<Pim::Intf>::make(intfId);
 #define PIM_INTF_COPY(T, name, Name) intf->name##Is(r.name());
   PIM_INTF_ATTRIBUTES(PIM_INTF_COPY)
 #undef PIM_INTF_COPY
-  lastIntf_[intfId] = r;
+  last->second = r;
   if (created) allStatus_->pimIntfIs(intf);
 }
 
+Kel::Ptr<Pim::Intf> StatusReaderSm::mirrored(const Nimo::IntfId& id) {
+  auto [it, fresh] = mirrored_.try_emplace(id, nullptr);
+  if (fresh) {
+    it->second = allStatus_->pimIntf(id).ptr();
+    if (!it->second) {
+      mirrored_.erase(it);
+      return nullptr;
+    }
+  }
+  return it->second;
+}
+
 Kel::Ptr<Pim::Intf> StatusReaderSm::intfFor(const Nimo::IntfId& id) {
-  if (Kel::Ptr<Pim::Intf> intf = allStatus_->pimIntf(id)) return intf;
+  if (Kel::Ptr<Pim::Intf> intf = mirrored(id)) return intf;
   handleIntf(id);
-  return allStatus_->pimIntf(id);
+  return mirrored(id);
 }
 
 Kel::Ptr<Pim::Intf> StatusReaderSm::neighborFor(const NeighborKey& key, bool& missingIntf) {
@@ -299,7 +343,7 @@ void StatusReaderSm::handleNeighbor(const NeighborKey& key) {
     case ::Drobe::FindStatus::changing:
       return;
     case ::Drobe::FindStatus::absent:
-      if (Kel::Ptr<Pim::Intf> intf = allStatus_->pimIntf(key.intfId());
+      if (Kel::Ptr<Pim::Intf> intf = mirrored(key.intfId());
           intf && intf->neighbor(key.address())) {
         removeNeighbor(*intf, key);
       }
@@ -308,7 +352,7 @@ void StatusReaderSm::handleNeighbor(const NeighborKey& key) {
       break;
   }
   const bool known = [&] {
-    Kel::Ptr<Pim::Intf> i = allStatus_->pimIntf(key.intfId());
+    Kel::Ptr<Pim::Intf> i = mirrored(key.intfId());
     return i && i->neighbor(key.address());
   }();
   Kel::Ptr<Pim::Intf> intf = applyNeighbor(r);
@@ -389,10 +433,11 @@ void StatusReaderSm::handleInactiveNeighbor(const NeighborKey& key) {
 template <typename K, typename V, typename T, typename Has, typename Set>
 void StatusReaderSm::handleSecondary(const K& key, const DrobeDetail::Collection<K, V>& table,
                                      const T& value, std::string_view handler,
-                                     const std::string_view (&texts)[3], Has has, Set set) {
+                                     const std::string_view (&texts)[3], Has has, Set set,
+                                     bool walked) {
   if (!initialized_) return;
   V r;
-  const ::Drobe::FindStatus st = lookup(table, key, r);
+  const ::Drobe::FindStatus st = walked ? ::Drobe::FindStatus::found : lookup(table, key, r);
   if (st == ::Drobe::FindStatus::changing) return;
   Kel::Ptr<Pim::Intf> intf = intfFor(key.intfId());
   if (!intf) {
@@ -408,22 +453,32 @@ void StatusReaderSm::handleSecondary(const K& key, const DrobeDetail::Collection
 }
 
 void StatusReaderSm::handleIntfSecondaryAddress(const IntfSecondaryAddressKey& key) {
+  intfSecondaryAddress(key, false);
+}
+
+void StatusReaderSm::intfSecondaryAddress(const IntfSecondaryAddressKey& key, bool walked) {
   static constexpr std::string_view kTexts[3] = {kUnableSecondary, kAddingSecondary,
                                                  kRemovingSecondary};
   const Nimo::IpGenAddr& a = key.secondaryAddress();
   handleSecondary(
       key, drobeStatus_->intfSecondaryAddressTable(), a, "handleIntfSecondaryAddress", kTexts,
       [&](const Pim::Intf& i) { return i.secondaryAddress().count(a) != 0; },
-      [&](Pim::Intf& i, bool on) { on ? i.secondaryAddressIs(a) : i.secondaryAddressDel(a); });
+      [&](Pim::Intf& i, bool on) { on ? i.secondaryAddressIs(a) : i.secondaryAddressDel(a); },
+      walked);
 }
 
 void StatusReaderSm::handleIntfSecondaryPrefix(const IntfSecondaryPrefixKey& key) {
+  intfSecondaryPrefix(key, false);
+}
+
+void StatusReaderSm::intfSecondaryPrefix(const IntfSecondaryPrefixKey& key, bool walked) {
   static constexpr std::string_view kTexts[3] = {kUnablePrefix, kAddingPrefix, kRemovingPrefix};
   const Nimo::IpGenPrefix& p = key.secondaryPrefix();
   handleSecondary(
       key, drobeStatus_->intfSecondaryPrefixTable(), p, "handleIntfSecondaryPrefix", kTexts,
       [&](const Pim::Intf& i) { return i.secondaryPrefix().count(p) != 0; },
-      [&](Pim::Intf& i, bool on) { on ? i.secondaryPrefixIs(p) : i.secondaryPrefixDel(p); });
+      [&](Pim::Intf& i, bool on) { on ? i.secondaryPrefixIs(p) : i.secondaryPrefixDel(p); },
+      walked);
 }
 
 void StatusReaderSm::handleNeighborSecondaryAddress(const NeighborSecondaryAddressKey& key) {

@@ -48,6 +48,7 @@
 #include <map>
 #include <memory>
 #include <string_view>
+#include <unordered_map>
 
 #include "Pim/PimDrobe.h"
 #include "Pim/platform/Flicklog.h"
@@ -118,7 +119,26 @@ class StatusReaderSm : public Kel::Entity {
     StatusReaderSm& sm_;
   };
 
+  // An interface id's own hash, for the reader's lookups by id.
+  struct IdHash {
+    std::size_t operator()(const Nimo::IntfId& i) const noexcept { return i.hash(); }
+  };
+  // Drops an interface's entry from mirrored_ on any change of it in the mirror.
+  class KelMirror : public Pim::AllStatus::NotifieeConst {
+   public:
+    explicit KelMirror(StatusReaderSm& sm) : sm_(sm) {}
+    void onPimIntf(const Nimo::IntfId& id) override { sm_.mirrored_.erase(id); }
+
+   private:
+    StatusReaderSm& sm_;
+  };
+
   void handleCollection();
+  // The mirrored interface, or null: allStatus_->pimIntf(id) through a hashed cache.
+  Kel::Ptr<Pim::Intf> mirrored(const Nimo::IntfId& id);
+  // Creates or updates the mirrored interface from its record (unless it is the last one
+  // applied).
+  void applyIntf(const Intf& r);
   // The mirrored interface, its update pulled forward if only the table has it yet.
   Kel::Ptr<Pim::Intf> intfFor(const Nimo::IntfId& id);
   // The mirrored neighbour's interface, the neighbour pulled forward likewise; null (and
@@ -130,10 +150,13 @@ class StatusReaderSm : public Kel::Entity {
   void setActive(Pim::Intf& intf, const NeighborKey& key, bool inactive);
   void removeNeighbor(Pim::Intf& intf, const NeighborKey& key);
   void syncSecondaries();
+  // The handlers' bodies; `walked`: a full pass's walk just read the entry, present.
+  void intfSecondaryAddress(const IntfSecondaryAddressKey& key, bool walked);
+  void intfSecondaryPrefix(const IntfSecondaryPrefixKey& key, bool walked);
   template <typename K, typename V, typename T, typename Has, typename Set>
   void handleSecondary(const K& key, const DrobeDetail::Collection<K, V>& table, const T& value,
                        std::string_view handler, const std::string_view (&texts)[3], Has has,
-                       Set set);
+                       Set set, bool walked);
 
   L3::VrfName vrf_;
   Kel::Ptr<Pim::AllStatus> allStatus_;
@@ -142,8 +165,13 @@ class StatusReaderSm : public Kel::Entity {
   bool initialized_ = false;
   bool inFullPass_ = false;
   std::uint64_t fullPasses_ = 0;
-  std::map<Nimo::IntfId, Drobe::Intf> lastIntf_;
+  std::unordered_map<Nimo::IntfId, Drobe::Intf, IdHash> lastIntf_;
+  // The mirror's interfaces by id. A full pass looks one up per neighbour and secondary,
+  // and the mirror's ordered map pays a 32-byte compare per tree level; an entry lives
+  // until the mirror announces any change of that id (kept by mirrorReactor_).
+  std::unordered_map<Nimo::IntfId, Pim::Intf*, IdHash> mirrored_;
   KelStatus reactor_;
+  KelMirror mirrorReactor_;
 };
 
 Kel::Ptr<StatusReaderSm> statusReaderSmFactory(const L3::VrfName& vrf,
