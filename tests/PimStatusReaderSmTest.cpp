@@ -544,6 +544,17 @@ TEST_F(StatusReaderTest, NoNeighbourIsLostToTheOrderInWhichCollectionsArrive) {
     ASSERT_TRUE(i->neighbor(IpGenAddr("10.0.0.2")));
     EXPECT_EQ(i->neighbor(IpGenAddr("10.0.0.2"))->secondaryAddress.size(), 1u);
   }
+  // A full pass takes what the table gained and drops what it lost while no notice came
+  // (the loop does not run here).
+  const D::IntfSecondaryAddressKey sec(IntfId("eth1"), IpGenAddr("1.1.1.1"));
+  for (bool present : {true, false}) {
+    present ? st_->intfSecondaryAddressIs(D::IntfSecondaryAddress(sec))
+            : st_->intfSecondaryAddressDel(sec);
+    st_->commit();
+    lateSm->enabledIs(false);
+    lateSm->enabledIs(true);
+    EXPECT_EQ(late->pimIntf(IntfId("eth1"))->secondaryAddress().size(), present ? 1u : 0u);
+  }
 }
 
 TEST_F(StatusReaderTest, EdgeCasesWithTheirTraces) {
