@@ -258,6 +258,9 @@ TEST(NimoIpGenPrefix, MaskedAndContains) {
       {"10.1.2.3/32", "10.1.2.3/32", "10.1.2.3", "10.1.2.2"},
       {"2001:db8:ffff::1/33", "2001:db8:8000::/33", "2001:db8:ffff::", "2001:db8:7fff::"},
       {"ff02::d/128", "ff02::d/128", "ff02::d", "ff02::e"},
+      {"2001:db8:1:2:ffff::1/65", "2001:db8:1:2:8000::/65",
+       "2001:db8:1:2:8000::", "2001:db8:1:2::"},
+      {"2001:db8:1:2:ffff::1/64", "2001:db8:1:2::/64", "2001:db8:1:2::", "2001:db8:1:3::"},
   };
   for (auto [prefix, network, inside, outside] : cases) {
     const IpGenPrefix p(prefix);

@@ -439,24 +439,6 @@ TEST_F(NetlinkRibNetnsTest, OverflowIsCountedAndResynchronised) {
   EXPECT_EQ(readTables(rib->urib()).size(), readKernel(ns, false).urib.size());
 }
 
-// A child running cmd through the shell, to be stopped and reaped by its pid.
-pid_t spawn(const std::string& cmd) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  return pid;
-}
-
-// Resident memory of a process, kB, from /proc.
-long residentKb(pid_t pid) {
-  std::ifstream f(fmt::format("/proc/{}/status", pid));
-  for (std::string line; std::getline(f, line);)
-    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
-  return -1;
-}
-
 // ribd as its own process, started while a script is still adding routes; the test reads
 // its tables as any agent would, through readers of the shared tables.
 TEST_F(NetlinkRibNetnsTest, RibdStartedWhileRoutesAreAddedPublishesTheKernelsTables) {

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -21,6 +22,24 @@ namespace PimTest {
 inline bool isRoot() { return ::geteuid() == 0; }
 
 inline int sh(const std::string& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()); }
+
+// A child running cmd through the shell, to be stopped and reaped by its pid.
+inline pid_t spawn(const std::string& cmd) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  return pid;
+}
+
+// Resident kilobytes of process pid, -1 if it cannot be read.
+inline long residentKb(pid_t pid) {
+  std::ifstream f(fmt::format("/proc/{}/status", pid));
+  for (std::string line; std::getline(f, line);)
+    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+  return -1;
+}
 
 // Runs fn inside namespace ns (a name under /run/netns) and comes back.
 template <typename F>
