@@ -55,11 +55,15 @@
 #include <string>
 #include <unordered_map>
 
-#include "Pim/PimRpHashStatus.h"
-#include "Pim/RpfReview.h"
-#include "Pim/platform/PimCore.h"
+// Before PimRpHashStatus.h, whose Routing::Pim::Drobe would hide ::Drobe from them.
+#include "Pim/RpfTable.h"
 #include "Pim/platform/Routing.h"
 #include "Pim/platform/routing/Nexthop.h"
+// clang-format off
+#include "Pim/PimRpHashStatus.h"
+// clang-format on
+#include "Pim/RpfReview.h"
+#include "Pim/platform/PimCore.h"
 
 namespace Routing::Pim {
 
