@@ -454,6 +454,16 @@ std::size_t RpfRouteSmImpl::memoryBytes() const noexcept {
 
 }  // namespace
 
+RpfRouteTracking rpfRouteTracking(Kel::Ptr<Routing::NexthopVrfConfig> uribConfig,
+                                  Kel::Ptr<Routing::NexthopVrfConfig> mribConfig,
+                                  Kel::Ptr<Routing::NexthopVrfStatus> uribStatus,
+                                  Kel::Ptr<Routing::NexthopVrfStatus> mribStatus) {
+  auto ub = Routing::NexthopBacklog::create(uribStatus, uribConfig);
+  auto mb = Routing::NexthopBacklog::create(mribStatus, mribConfig);
+  return {std::move(uribConfig), std::move(mribConfig), std::move(uribStatus),
+          std::move(mribStatus), std::move(ub),         std::move(mb)};
+}
+
 Kel::Ptr<RpfRouteSm> rpfRouteSmFactory(Nimo::AddressFamily af, Kel::Ptr<const RpfConfig> rpfConfig,
                                        Kel::Ptr<RpfStatus> status,
                                        Kel::Ptr<const Routing::Multicast::Fib::Config> mfibConfig,

@@ -41,9 +41,7 @@
 // Threading: event-loop thread only; no locks.
 //
 // Usage:
-//   Routing::Pim::RpfRouteTracking t{uCfg, mCfg, uStatus, mStatus,
-//                                    Routing::NexthopBacklog::create(uStatus, uCfg),
-//                                    Routing::NexthopBacklog::create(mStatus, mCfg)};
+//   auto t = Routing::Pim::rpfRouteTracking(uCfg, mCfg, uStatus, mStatus);
 //   auto sm = Routing::Pim::rpfRouteSmFactory(Nimo::AddressFamily::ipv4, config, status,
 //                                             mfibConfig, clock, loop.timers(), t);
 //   config->rpfConfigInfoIs(key, RpfConfigInfo(rpfTable->doLookup(src, grp).rpf));
@@ -76,6 +74,12 @@ struct RpfRouteTracking {
   Kel::Ptr<Routing::NexthopBacklog> uribBacklog;
   Kel::Ptr<Routing::NexthopBacklog> mribBacklog;
 };
+
+// The tracking over both RIBs' configuration and status, with a new backlog for each.
+RpfRouteTracking rpfRouteTracking(Kel::Ptr<Routing::NexthopVrfConfig> uribConfig,
+                                  Kel::Ptr<Routing::NexthopVrfConfig> mribConfig,
+                                  Kel::Ptr<Routing::NexthopVrfStatus> uribStatus,
+                                  Kel::Ptr<Routing::NexthopVrfStatus> mribStatus);
 
 struct RouteSourceInfo {
   explicit RouteSourceInfo(const Nimo::IpGenAddr& a) : addr(a) {}

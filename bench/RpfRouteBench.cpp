@@ -107,12 +107,7 @@ struct Rig {
     rib[0]->commit();
   }
   void startMachine() {
-    RpfRouteTracking t{cfg[0],
-                       cfg[1],
-                       st[0],
-                       st[1],
-                       Routing::NexthopBacklog::create(st[0], cfg[0]),
-                       Routing::NexthopBacklog::create(st[1], cfg[1])};
+    const auto t = rpfRouteTracking(cfg[0], cfg[1], st[0], st[1]);
     sm = rpfRouteSmFactory(kV4, config, status, nullptr, clock, pimLoop.timers(), t);
   }
   // Turns a loop, stepping the clock to timers due within 0.1 s, until busy() is false

@@ -17,6 +17,8 @@
 #include <tuple>
 #include <vector>
 
+#include "Pim/platform/Ulm.h"
+
 namespace PimTest {
 
 inline bool isRoot() { return ::geteuid() == 0; }
@@ -42,6 +44,16 @@ inline pid_t spawn(const std::string& cmd) {
     ::_exit(127);
   }
   return pid;
+}
+
+// Turns loop until done() holds, 20 s at most; done()'s last answer.
+template <typename Fn>
+bool waitLoop(Ulm::EventLoop& loop, Fn&& done) {
+  for (int i = 0; i < 400; ++i) {
+    if (done()) return true;
+    loop.runOnce(0.05);
+  }
+  return done();
 }
 
 // Runs fn inside namespace ns (a name under /run/netns) and comes back.

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "Pim/RpfRouteSm.h"
@@ -97,24 +98,11 @@ class RpfRouteNetnsTest : public ::testing::TestWithParam<Family> {
   }
   void start() {
     sm_ = nullptr;
-    RpfRouteTracking t{cfg_[0],
-                       cfg_[1],
-                       st_[0],
-                       st_[1],
-                       Routing::NexthopBacklog::create(st_[0], cfg_[0]),
-                       Routing::NexthopBacklog::create(st_[1], cfg_[1])};
+    const auto t = rpfRouteTracking(cfg_[0], cfg_[1], st_[0], st_[1]);
     sm_ = rpfRouteSmFactory(GetParam().af, config_, status_, nullptr, loop_.clock(), loop_.timers(),
                             t);
   }
-  // Runs the loop until done() or 20 s.
-  template <typename Fn>
-  bool waitFor(Fn&& done) {
-    for (int i = 0; i < 400; ++i) {
-      if (done()) return true;
-      loop_.runOnce(0.05);
-    }
-    return done();
-  }
+  bool waitFor(const std::function<bool()>& done) { return PimTest::waitLoop(loop_, done); }
   // What is published until observed() holds (20 s at most) and `settle` seconds after;
   // observed defaults to "something was published".
   Keys published(std::function<bool()> observed = {}, double settle = 0.5) {
@@ -149,17 +137,14 @@ class RpfRouteNetnsTest : public ::testing::TestWithParam<Family> {
   // The agent's first Rpf for a new route is a placeholder on the unicast RIB; the first
   // resolution of its source publishes it and the agent writes the real one. True once every
   // route points at gwA.
-  bool routesUp(std::initializer_list<const Keys*> keys) {
-    const Family& f = GetParam();
-    const char* any = f.af == Nimo::AddressFamily::ipv4 ? "0.0.0.0/0" : "::/0";
-    for (const Keys* ks : keys)
-      for (const RouteKey& k : *ks)
-        config_->rpfConfigInfoIs(k, RpfConfigInfo(PimTest::rpfOn(any, k.source())));
+  bool routesUp(const Keys& keys) {
+    const char* any = GetParam().af == Nimo::AddressFamily::ipv4 ? "0.0.0.0/0" : "::/0";
+    for (const RouteKey& k : keys)
+      config_->rpfConfigInfoIs(k, RpfConfigInfo(PimTest::rpfOn(any, k.source())));
     const bool up = waitFor([&] {
-      for (const Keys* ks : keys)
-        for (const RouteKey& k : *ks)
-          if (!(neighbor(k) == IpGenAddr(f.gwA))) return false;
-      return true;
+      return std::all_of(keys.begin(), keys.end(), [&](const RouteKey& k) {
+        return neighbor(k) == IpGenAddr(GetParam().gwA);
+      });
     });
     published([] { return true; });  // what is left of the start
     return up;
@@ -185,7 +170,7 @@ class RpfRouteNetnsTest : public ::testing::TestWithParam<Family> {
 TEST_P(RpfRouteNetnsTest, KernelRouteChangesPublishExactlyTheirDependents) {
   const Family& f = GetParam();
   const Keys k1 = keysOf(f.s1), k2 = keysOf(f.s2);
-  ASSERT_TRUE(routesUp({&k1, &k2}));
+  ASSERT_TRUE(routesUp(k1) && routesUp(k2));
   EXPECT_TRUE(registeredBoth(f.s1) && registeredBoth(f.s2));
 
   ASSERT_EQ(ip("route replace {} via {}", f.s1Prefix, f.gwB), 0);
@@ -218,7 +203,7 @@ TEST_P(RpfRouteNetnsTest, KernelRouteChangesPublishExactlyTheirDependents) {
 TEST_P(RpfRouteNetnsTest, ChurnAndCrashes) {
   const Family& f = GetParam();
   const Keys k1 = keysOf(f.s1), k2 = keysOf(f.s2);
-  ASSERT_TRUE(routesUp({&k1, &k2}));
+  ASSERT_TRUE(routesUp(k1) && routesUp(k2));
   // 1,000 replaces of S1's prefix in a burst: S1's routes at most once per review pass, and
   // the backlog never larger than the tracked set.
   const std::string batch = fmt::format("/tmp/rrt{}.batch", ::getpid());
