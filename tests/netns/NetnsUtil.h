@@ -17,13 +17,15 @@
 #include <tuple>
 #include <vector>
 
+#include "Pim/platform/Ulm.h"
+
 namespace PimTest {
 
 inline bool isRoot() { return ::geteuid() == 0; }
 
 inline int sh(const std::string& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()); }
 
-// A child running cmd through the shell, to be stopped and reaped by its pid.
+// Starts cmd under sh (use exec in it so that the pid is the program's); the caller stops and reaps it.
 inline pid_t spawn(const std::string& cmd) {
   const pid_t pid = ::fork();
   if (pid == 0) {
@@ -39,6 +41,16 @@ inline long residentKb(pid_t pid) {
   for (std::string line; std::getline(f, line);)
     if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
   return -1;
+}
+
+// Turns loop until done() holds, 20 s at most; done()'s last answer.
+template <typename Fn>
+bool waitLoop(Ulm::EventLoop& loop, Fn&& done) {
+  for (int i = 0; i < 400; ++i) {
+    if (done()) return true;
+    loop.runOnce(0.05);
+  }
+  return done();
 }
 
 // Runs fn inside namespace ns (a name under /run/netns) and comes back.

@@ -65,14 +65,9 @@ class NhtNetnsTest : public ::testing::Test {
       EXPECT_EQ(PimTest::waitChild(p, 10), 0);
     }
   }
-  // Runs the loop until done() or 20 s.
   template <typename Fn>
   bool waitFor(Fn&& done) {
-    for (int i = 0; i < 400; ++i) {
-      if (done()) return true;
-      loop_.runOnce(0.05);
-    }
-    return done();
+    return PimTest::waitLoop(loop_, done);
   }
   std::set<IpGenAddr> drain(Routing::NexthopBacklog& b) {
     std::set<IpGenAddr> out;
