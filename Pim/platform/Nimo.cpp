@@ -315,29 +315,51 @@ void Pkt::updateSharedIovec() {
 }
 
 // ---------------------------------------------------------------------------------------
-// Checksums. Native-order 32-bit words summed into a 64-bit accumulator, folded and
-// byte-swapped once at the end (RFC 1071 section 2: byte-order independence).
+// Checksums. Native-order 64-bit words summed with end-around carry (a one's-complement
+// sum, congruent modulo 0xffff to the sum of the 16-bit words, since 0xffff divides
+// 2^64 - 1), folded and byte-swapped once at the end (RFC 1071 section 2: byte-order
+// independence). Four independent sums keep each add-with-carry waiting on its own
+// chain only: two instructions per 8 bytes instead of four per 8 bytes on one chain.
+
+namespace {
+
+inline std::uint64_t addCarry(std::uint64_t a, std::uint64_t b) noexcept {
+  a += b;
+  return a + (a < b);
+}
+
+}  // namespace
 
 std::uint64_t checksumAdd(std::uint64_t acc, const void* data, std::size_t len) noexcept {
   auto p = static_cast<const std::uint8_t*>(data);
+  std::uint64_t s0 = acc, s1 = 0, s2 = 0, s3 = 0;
   while (len >= 32) {
-    std::uint64_t w[4];
-    std::memcpy(w, p, 32);
-    for (std::uint64_t x : w) acc += (x & 0xffffffffu) + (x >> 32);
+    // Word by word: a 32-byte copy would go through the stack.
+    std::uint64_t w0, w1, w2, w3;
+    std::memcpy(&w0, p, 8);
+    std::memcpy(&w1, p + 8, 8);
+    std::memcpy(&w2, p + 16, 8);
+    std::memcpy(&w3, p + 24, 8);
+    s0 = addCarry(s0, w0);
+    s1 = addCarry(s1, w1);
+    s2 = addCarry(s2, w2);
+    s3 = addCarry(s3, w3);
     p += 32;
     len -= 32;
   }
+  // At most seven 32-bit words and a 16-bit and an 8-bit one: no carry out of 64 bits.
+  std::uint64_t tail = 0;
   while (len >= 4) {
     std::uint32_t w;
     std::memcpy(&w, p, 4);
-    acc += w;
+    tail += w;
     p += 4;
     len -= 4;
   }
   if (len >= 2) {
     std::uint16_t w;
     std::memcpy(&w, p, 2);
-    acc += w;
+    tail += w;
     p += 2;
     len -= 2;
   }
@@ -346,9 +368,9 @@ std::uint64_t checksumAdd(std::uint64_t acc, const void* data, std::size_t len) 
     // first byte in memory of that word.
     std::uint16_t w = 0;
     std::memcpy(&w, p, 1);
-    acc += w;
+    tail += w;
   }
-  return acc;
+  return addCarry(addCarry(addCarry(s0, s1), addCarry(s2, s3)), tail);
 }
 
 std::uint16_t checksumFold(std::uint64_t acc) noexcept {
