@@ -199,10 +199,18 @@ IOSm::IOSm(const L3::VrfName& vrf, Ulm::EventLoop& loop)
       intfDirReactor_(std::make_unique<IntfDirReactor>(*this)),
       statusReactor_(std::make_unique<StatusReactor>(*this)),
       attrLogReactor_(std::make_unique<AttrLogReactor>(*this)),
-      txReactor_(std::make_unique<TxReactor>(*this)) {}
+      txReactor_(std::make_unique<TxReactor>(*this)),
+      txCommitTimer_(loop.timers(), [this] { txCommit(); }) {}
 
 IOSm::~IOSm() {
   if (pimPamManager_ && pimPamManager_->pam()) pimPamManager_->pam()->loopIs(nullptr);
+  if (txCommitTimer_.armed()) txCommit();
+}
+
+void IOSm::pimCountersIs(const Kel::Ptr<Routing::Pim::Drobe::MessageCounters>& c) {
+  if (c == pimCounters_) return;
+  if (txCommitTimer_.armed()) txCommit();  // the old table's counts go out first
+  pimCounters_ = c;
 }
 
 std::string IOSm::prefix() const { return fmt::format("<Vrf:{}>", vrf_.name()); }

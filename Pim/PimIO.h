@@ -254,7 +254,7 @@ class IOSm : public Kel::Entity {
   const Kel::Ptr<Routing::Pim::Drobe::MessageCounters>& pimCounters() const noexcept {
     return pimCounters_;
   }
-  void pimCountersIs(const Kel::Ptr<Routing::Pim::Drobe::MessageCounters>& c) { pimCounters_ = c; }
+  void pimCountersIs(const Kel::Ptr<Routing::Pim::Drobe::MessageCounters>& c);
   const Kel::Ptr<Routing::Pim::Status>& pimStatus() const noexcept { return pimStatus_; }
   void pimStatusIs(const Kel::Ptr<Routing::Pim::Status>& s);
   void pimConfigCollIs(const Kel::Ptr<const Routing::Pim::ConfigColl>& c) { pimConfigColl_ = c; }
@@ -377,6 +377,8 @@ class IOSm : public Kel::Entity {
   bool drop(const RxPktContext& ctx, MessageCounterType ct, int subtype = 255);
   // Transmit helpers (PimIOTx.cpp).
   bool txFail(TxState& tx, MessageCounterType ct);
+  void txCounted();
+  void txCommit();
   bool txResolveIntf(TxState& tx);
   bool txChooseAddresses(TxState& tx);
   bool txWriteAndSend(TxState& tx);
@@ -436,6 +438,7 @@ class IOSm : public Kel::Entity {
   std::optional<std::uint8_t> txSockTos_, txSockTtl_;
   bool txSockTtlMulticast_ = false;
   std::string txLast_;
+  Ulm::Timer txCommitTimer_;  // the sends' counts go out once per loop turn (txCounted)
 };
 
 Kel::Ptr<IOSm> iOSmFactory(const L3::VrfName& vrf, Ulm::EventLoop& loop);

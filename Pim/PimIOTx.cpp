@@ -161,8 +161,23 @@ Kel::Ptr<Nimo::Pkt> IOSm::txBuffer() {
 bool IOSm::txFail(TxState& tx, MessageCounterType ct) {
   pimPamManager_->txPamCounter()->errorInc();
   updateCounter(MessageCounterDirection::tx, tx.type, tx.subtype, tx.intf, ct);
-  if (pimCounters_ && pimCounters_->writable()) pimCounters_->msgCounterCommit();
+  txCounted();
   return false;
+}
+
+// A send's count reaches the shared table with the next commit, made once in the next
+// loop turn for every send of this one (the rhythm the tables are made for; the receive
+// path commits once per drain). Per message, the commit and its wake-up scan would cost
+// more than the rest of the counting. The writer's own view is updated at once.
+void IOSm::txCounted() {
+  if (!txCommitTimer_.armed() && pimCounters_ && pimCounters_->writable()) {
+    txCommitTimer_.deadlineIs(loop_.timers().now());
+  }
+}
+
+void IOSm::txCommit() {
+  txCommitTimer_.cancel();
+  if (pimCounters_ && pimCounters_->writable()) pimCounters_->msgCounterCommit();
 }
 
 void IOSm::txPkt() {
@@ -445,7 +460,7 @@ bool IOSm::txSend(TxState& tx, std::uint32_t len) {
     updateCounter(MessageCounterDirection::tx, tx.type, tx.subtype, tx.intf,
                   MessageCounterType::success);
   }
-  if (pimCounters_ && pimCounters_->writable()) pimCounters_->msgCounterCommit();
+  txCounted();
   return ok;
 }
 

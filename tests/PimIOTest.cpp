@@ -730,9 +730,11 @@ TEST_P(TxSampleTest, EverySampleIsWrittenBehindItsHeaderAndCounted) {
       {3, {false, 1, 192}},  {4, {false, 1, 192}},  {5, {false, 1, 192}},
       {8, {true, 255, 192}}, {10, {false, 1, 192}}, {-1, {true, 255, 192}}};  // -1: Null-Register
   int expectedDf = 0;
+  Kel::Ptr<P::Message> hello;
   for (const Bytes& ip : PimDump::sampleMessages(v6)) {
     auto msg = t.received(ip);
     ASSERT_TRUE(msg) << toHex(ip);
+    if (msg->messageType() == 0) hello = msg;
     const Nimo::IpGenAddr src = msg->srcIp(), dst = msg->dstIp();
     const bool isNull =
         msg->messageType() == 1 && !static_cast<P::RegisterMessage&>(*msg).rcvdPkt();
@@ -761,6 +763,27 @@ TEST_P(TxSampleTest, EverySampleIsWrittenBehindItsHeaderAndCounted) {
   EXPECT_EQ(t.rig.mgr->txPamCounter()->count(), 12u);
   EXPECT_EQ(t.rig.mgr->txPamCounter()->processed(), 12u);
   EXPECT_EQ(t.rig.mgr->txPamCounter()->error(), 0u);
+
+  // Readers get the sends' counts with one commit in the next loop turn.
+  namespace D = Routing::Pim::Drobe;
+  auto reader =
+      D::messageCountersFactory(D::MessageCounters::mountPath(GetParam(), t.rig.vrf, "tx"));
+  reader->mountReader(t.rig.loop);
+  const D::CounterKey hellos(0, 255, Nimo::IntfId("eth1"));
+  auto shared = [&] {
+    auto d = reader->msgCounter(hellos);
+    return d ? d->txMsgCounter().count(MessageCounterType::success) : 0u;
+  };
+  ASSERT_TRUE(hello);
+  t.rig.loop.runOnce(0);
+  const std::uint32_t before = shared();
+  EXPECT_EQ(before, t.rig.tx(0, "eth1", MessageCounterType::success));
+  t.rig.send(hello, "eth1");
+  t.rig.send(hello, "eth1");
+  EXPECT_EQ(t.rig.tx(0, "eth1", MessageCounterType::success), before + 2);
+  EXPECT_EQ(shared(), before);
+  t.rig.loop.runOnce(0);
+  EXPECT_EQ(shared(), before + 2);
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, TxSampleTest,

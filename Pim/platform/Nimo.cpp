@@ -6,6 +6,10 @@
 #include <algorithm>
 #include <new>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace Nimo {
 
 // ---------------------------------------------------------------------------------------
@@ -339,29 +343,86 @@ void Pkt::updateSharedIovec() {
 }
 
 // ---------------------------------------------------------------------------------------
-// Checksums. Native-order 32-bit words summed into a 64-bit accumulator, folded and
-// byte-swapped once at the end (RFC 1071 section 2: byte-order independence).
+// Checksums. Native-order 64-bit words summed with end-around carry (a one's-complement
+// sum, congruent modulo 0xffff to the sum of the 16-bit words, since 0xffff divides
+// 2^64 - 1), folded and byte-swapped once at the end (RFC 1071 section 2: byte-order
+// independence). Four independent sums keep each add-with-carry waiting on its own
+// chain only: two instructions per 8 bytes instead of four per 8 bytes on one chain.
+
+namespace {
+
+inline std::uint64_t addCarry(std::uint64_t a, std::uint64_t b) noexcept {
+  a += b;
+  return a + (a < b);
+}
+
+#if defined(__x86_64__)
+// Where the processor has AVX2 (checked once at run time: the build targets plain x86-64),
+// 32-byte blocks are summed as 32-bit words widened into 64-bit lanes: no carries to keep
+// (a lane overflows only after 2^32 words), and a 32-bit word is congruent to the sum of
+// its two 16-bit halves modulo 0xffff. A quarter less time than the carry chains on a
+// full-MTU message, which the receive path verifies and the transmit path writes.
+[[gnu::target("avx2")]] std::uint64_t sumBlocksAvx2(const std::uint8_t* p,
+                                                    std::size_t blocks) noexcept {
+  const __m256i zero = _mm256_setzero_si256();
+  __m256i lo = zero, hi = zero;
+  for (std::size_t i = 0; i < blocks; ++i, p += 32) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+    lo = _mm256_add_epi64(lo, _mm256_unpacklo_epi32(v, zero));
+    hi = _mm256_add_epi64(hi, _mm256_unpackhi_epi32(v, zero));
+  }
+  alignas(32) std::uint64_t lanes[4];
+  _mm256_store_si256(reinterpret_cast<__m256i*>(lanes), _mm256_add_epi64(lo, hi));
+  return addCarry(addCarry(lanes[0], lanes[1]), addCarry(lanes[2], lanes[3]));
+}
+
+// Read during static initialisation too: before then it is false, the portable path.
+const bool kHaveAvx2 = [] {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2") != 0;
+}();
+#endif
+
+}  // namespace
 
 std::uint64_t checksumAdd(std::uint64_t acc, const void* data, std::size_t len) noexcept {
   auto p = static_cast<const std::uint8_t*>(data);
+  std::uint64_t s0 = acc, s1 = 0, s2 = 0, s3 = 0;
+#if defined(__x86_64__)
+  if (len >= 64 && kHaveAvx2) {
+    const std::size_t blocks = len / 32;
+    s1 = sumBlocksAvx2(p, blocks);
+    p += blocks * 32;
+    len -= blocks * 32;
+  }
+#endif
   while (len >= 32) {
-    std::uint64_t w[4];
-    std::memcpy(w, p, 32);
-    for (std::uint64_t x : w) acc += (x & 0xffffffffu) + (x >> 32);
+    // Word by word: a 32-byte copy would go through the stack.
+    std::uint64_t w0, w1, w2, w3;
+    std::memcpy(&w0, p, 8);
+    std::memcpy(&w1, p + 8, 8);
+    std::memcpy(&w2, p + 16, 8);
+    std::memcpy(&w3, p + 24, 8);
+    s0 = addCarry(s0, w0);
+    s1 = addCarry(s1, w1);
+    s2 = addCarry(s2, w2);
+    s3 = addCarry(s3, w3);
     p += 32;
     len -= 32;
   }
+  // At most seven 32-bit words and a 16-bit and an 8-bit one: no carry out of 64 bits.
+  std::uint64_t tail = 0;
   while (len >= 4) {
     std::uint32_t w;
     std::memcpy(&w, p, 4);
-    acc += w;
+    tail += w;
     p += 4;
     len -= 4;
   }
   if (len >= 2) {
     std::uint16_t w;
     std::memcpy(&w, p, 2);
-    acc += w;
+    tail += w;
     p += 2;
     len -= 2;
   }
@@ -370,9 +431,9 @@ std::uint64_t checksumAdd(std::uint64_t acc, const void* data, std::size_t len) 
     // first byte in memory of that word.
     std::uint16_t w = 0;
     std::memcpy(&w, p, 1);
-    acc += w;
+    tail += w;
   }
-  return acc;
+  return addCarry(addCarry(addCarry(s0, s1), addCarry(s2, s3)), tail);
 }
 
 std::uint16_t checksumFold(std::uint64_t acc) noexcept {
