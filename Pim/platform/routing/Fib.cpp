@@ -48,11 +48,12 @@ std::optional<std::uint32_t> FecWriterGen<F>::acquire(std::span<const Via> vias)
     FLICK_TRACE(routingTrace(), 1, "{}{} vias", kRefusedFecText, vias.size());
     return std::nullopt;
   }
-  std::vector<Via> key(vias.begin(), vias.end());
-  if (auto it = byContent_.find(key); it != byContent_.end()) {
+  key_.assign(vias.begin(), vias.end());
+  if (auto it = byContent_.find(key_); it != byContent_.end()) {
     ++byId_[it->second].refs;
     return it->second;
   }
+  std::vector<Via> key = key_;
   // The id comes from the content, so that a restarted writer republishing the same routes
   // gives them the same records (its readers resync without a notice per route).
   auto id = static_cast<std::uint32_t>(ViasHash()(key));
@@ -133,7 +134,8 @@ Kel::Ptr<RouteWriterGen<F>> RouteWriterGen<F>::create(std::string_view path, std
 template <Nimo::AddressFamily F>
 bool RouteWriterGen<F>::routeIs(const Nimo::IpGenPrefix& prefix, RouteType type,
                                 std::uint32_t metric, std::uint8_t preference,
-                                std::span<const Via> vias) {
+                                std::span<const Via> vias, bool* changed) {
+  if (changed) *changed = false;
   scratch_.assign(vias.begin(), vias.end());
   std::sort(scratch_.begin(), scratch_.end());
   scratch_.erase(std::unique(scratch_.begin(), scratch_.end()), scratch_.end());
@@ -149,6 +151,10 @@ bool RouteWriterGen<F>::routeIs(const Nimo::IpGenPrefix& prefix, RouteType type,
   }
   r.fecId = *fec;
   const std::optional<Route> old = table_->find(r.prefix);
+  if (old && *old == r) {
+    fecs_->release(r.fecId);  // the old record still holds it
+    return true;
+  }
   if (!table_->is(r)) {
     fecs_->release(r.fecId);
     ++refused_;
@@ -156,6 +162,7 @@ bool RouteWriterGen<F>::routeIs(const Nimo::IpGenPrefix& prefix, RouteType type,
     return false;
   }
   if (old) fecs_->release(old->fecId);
+  if (changed) *changed = true;
   return true;
 }
 

@@ -226,6 +226,7 @@ class FecWriterGen : public Kel::PtrInterface {
   Kel::Ptr<Kel::Clock> clock_;
   Kel::Time grace_;
   std::unordered_map<std::vector<Via>, std::uint32_t, ViasHash> byContent_;
+  std::vector<Via> key_;  // acquire's look-up key, reused
   std::unordered_map<std::uint32_t, Fec> byId_;
   std::vector<std::uint32_t> unreferenced_;  // ids whose refs dropped to 0, oldest first
   std::uint64_t refused_ = 0;
@@ -243,9 +244,10 @@ class RouteWriterGen : public Kel::PtrInterface {
   static Kel::Ptr<RouteWriterGen> create(std::string_view path, std::string_view name,
                                          Kel::Ptr<FecWriterGen<F>> fecs, std::uint32_t maxRoutes);
 
-  // Inserts or replaces the route of prefix (masked here). False when refused.
+  // Inserts or replaces the route of prefix (masked here). False when refused; *changed
+  // (if given) says whether the record differs from the one it replaced.
   bool routeIs(const Nimo::IpGenPrefix& prefix, RouteType type, std::uint32_t metric,
-               std::uint8_t preference, std::span<const Via> vias);
+               std::uint8_t preference, std::span<const Via> vias, bool* changed = nullptr);
   bool routeDel(const Nimo::IpGenPrefix& prefix);
   // Commits the FEC table, then the routes.
   void commit();
