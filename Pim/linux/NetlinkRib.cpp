@@ -38,6 +38,14 @@ constexpr int kReadsPerTurn = 256;
 // Bounds the discarding read before a re-dump (a socket buffer's worth and more).
 constexpr int kDrainReads = 1 << 16;
 
+// An optional 32-bit attribute into *v; false when present but too short to hold one.
+bool u32(const nlattr* a, std::uint32_t* v) {
+  if (!a) return true;
+  if (nla_len(a) < 4) return false;
+  *v = nla_get_u32(a);
+  return true;
+}
+
 // RTNH_ALIGN without its signed mask.
 constexpr std::size_t align4(std::size_t n) { return (n + 3) & ~std::size_t{3}; }
 
@@ -262,17 +270,11 @@ int parseKernelRoute(nlmsghdr* h, KernelRoute* out) {
   const std::size_t addrLen = v6 ? 16 : 4;
   nlattr* tb[RTA_MAX + 1] = {};
   if (const int err = nlmsg_parse(h, sizeof(rtmsg), tb, RTA_MAX, nullptr); err < 0) return err;
-  const auto u32 = [&tb](int type, std::uint32_t* v) {
-    if (!tb[type]) return true;
-    if (nla_len(tb[type]) < 4) return false;
-    *v = nla_get_u32(tb[type]);
-    return true;
-  };
   out->table = rtm->rtm_table;
   out->metric = out->nhId = 0;
   std::uint32_t oif = 0;
-  if (!u32(RTA_TABLE, &out->table) || !u32(RTA_PRIORITY, &out->metric) ||
-      !u32(RTA_NH_ID, &out->nhId) || !u32(RTA_OIF, &oif))
+  if (!u32(tb[RTA_TABLE], &out->table) || !u32(tb[RTA_PRIORITY], &out->metric) ||
+      !u32(tb[RTA_NH_ID], &out->nhId) || !u32(tb[RTA_OIF], &oif))
     return -NLE_INVAL;
   // The default route carries no RTA_DST.
   std::uint8_t dst[16] = {};
@@ -410,15 +412,10 @@ void NetlinkRibSm::applyRoute(nlmsghdr* h, bool fromDump) {
 int parseKernelNexthop(nlmsghdr* h, KernelNexthopObject* out) {
   nlattr* tb[NHA_MAX + 1] = {};
   if (const int err = nlmsg_parse(h, sizeof(nhmsg), tb, NHA_MAX, nullptr); err < 0) return err;
-  const auto u32 = [&tb](int type, std::uint32_t* v) {
-    if (!tb[type]) return true;
-    if (nla_len(tb[type]) < 4) return false;
-    *v = nla_get_u32(tb[type]);
-    return true;
-  };
   out->id = 0;
   out->nh = {};
-  if (!tb[NHA_ID] || !u32(NHA_ID, &out->id) || !u32(NHA_OIF, &out->nh.ifIndex)) return -NLE_INVAL;
+  if (!tb[NHA_ID] || !u32(tb[NHA_ID], &out->id) || !u32(tb[NHA_OIF], &out->nh.ifIndex))
+    return -NLE_INVAL;
   const auto* nhm = static_cast<const nhmsg*>(nlmsg_data(h));
   out->nh.flags = nhm->nh_flags;
   out->blackhole = tb[NHA_BLACKHOLE] != nullptr;
