@@ -631,6 +631,10 @@ void NetlinkRibSm::resync() {
   }
   nhChanged_ = false;  // every route is resolved against the fresh objects below
   if (objects != nhObjects_) renameWanted_ = true;
+  // Grown once rather than by doubling (the start-up ingest). The unicast table is sized for
+  // every mirrored prefix, which over-counts by the multicast RIB's own prefixes.
+  v4_.rib[0]->reserve(static_cast<std::uint32_t>(v4_.kernel.size()));
+  v6_.rib[0]->reserve(static_cast<std::uint32_t>(v6_.kernel.size()));
   const std::size_t differ = publishAll(v4_, before4) + publishAll(v6_, before6);
   renameWanted_ = false;
   // After lost notices the kernel may drop more without a second ENOBUFS while the socket

@@ -142,8 +142,10 @@ struct PrefixHash {
 
 // Prefix -> V in one open-addressing array (linear probing, erase by backward shift): the
 // adapter's per-prefix state without a node allocation and a pointer chase per route, which
-// a node-based map cost at every ingest step. Inserting invalidates iterators and
-// references; erasing moves entries.
+// a node-based map cost at every ingest step. Beside the entries, one byte per slot: zero
+// when free, else 0x80 and seven bits of the key's hash, so that a probe passes most
+// occupied slots without touching their entry (a cache miss each, which led the ingest
+// profile). Inserting invalidates iterators and references; erasing moves entries.
 template <typename V>
 class PrefixMap {
  public:
@@ -171,15 +173,16 @@ class PrefixMap {
   bool empty() const noexcept { return size_ == 0; }
   const_iterator find(const Nimo::IpGenPrefix& k) const {
     if (size_ == 0) return end();
-    const std::size_t i = probe(k);
+    const std::size_t i = probe(k, PrefixHash()(k));
     return {this, used_[i] ? i : slots_.size()};
   }
   std::size_t count(const Nimo::IpGenPrefix& k) const { return find(k) != end(); }
   V& operator[](const Nimo::IpGenPrefix& k) {
     if ((size_ + 1) * 8 > slots_.size() * 7) rehash(std::max<std::size_t>(16, slots_.size() * 2));
-    const std::size_t i = probe(k);
+    const std::size_t h = PrefixHash()(k);
+    const std::size_t i = probe(k, h);
     if (!used_[i]) {
-      used_[i] = 1;
+      used_[i] = tag(h);
       slots_[i].first = k;
       ++size_;
     }
@@ -187,13 +190,14 @@ class PrefixMap {
   }
   bool erase(const Nimo::IpGenPrefix& k) {
     if (size_ == 0) return false;
-    std::size_t hole = probe(k);
+    std::size_t hole = probe(k, PrefixHash()(k));
     if (!used_[hole]) return false;
     const std::size_t mask = slots_.size() - 1;
     for (std::size_t j = (hole + 1) & mask; used_[j]; j = (j + 1) & mask) {
       // j's entry fills the hole unless its home slot lies cyclically in (hole, j].
-      if (((j - bucket(slots_[j].first)) & mask) >= ((j - hole) & mask)) {
+      if (((j - bucket(PrefixHash()(slots_[j].first))) & mask) >= ((j - hole) & mask)) {
         slots_[hole] = std::move(slots_[j]);
+        used_[hole] = used_[j];
         hole = j;
       }
     }
@@ -215,13 +219,16 @@ class PrefixMap {
   }
 
  private:
-  std::size_t bucket(const Nimo::IpGenPrefix& k) const noexcept {
-    return static_cast<std::size_t>((PrefixHash()(k) * 0x9e3779b97f4a7c15u) >> shift_);
+  std::size_t bucket(std::size_t h) const noexcept {
+    return static_cast<std::size_t>((h * 0x9e3779b97f4a7c15u) >> shift_);
   }
-  std::size_t probe(const Nimo::IpGenPrefix& k) const noexcept {
+  static std::uint8_t tag(std::size_t h) noexcept { return static_cast<std::uint8_t>(0x80 | h); }
+  // k's slot, else the free slot that ends its probe path; h: k's PrefixHash.
+  std::size_t probe(const Nimo::IpGenPrefix& k, std::size_t h) const noexcept {
     const std::size_t mask = slots_.size() - 1;
-    std::size_t i = bucket(k);
-    while (used_[i] && !(slots_[i].first == k)) i = (i + 1) & mask;
+    const std::uint8_t t = tag(h);
+    std::size_t i = bucket(h);
+    while (used_[i] && !(used_[i] == t && slots_[i].first == k)) i = (i + 1) & mask;
     return i;
   }
   std::size_t next(std::size_t i) const noexcept {
@@ -238,8 +245,8 @@ class PrefixMap {
     for (std::size_t s = n; s > 1; s >>= 1) --shift_;
     for (std::size_t i = 0; i < old.size(); ++i) {
       if (!oldUsed[i]) continue;
-      const std::size_t at = probe(old[i].first);
-      used_[at] = 1;
+      const std::size_t at = probe(old[i].first, PrefixHash()(old[i].first));
+      used_[at] = oldUsed[i];
       slots_[at] = std::move(old[i]);
     }
   }

@@ -48,10 +48,16 @@ std::optional<std::uint32_t> FecWriterGen<F>::acquire(std::span<const Via> vias)
     FLICK_TRACE(routingTrace(), 1, "{}{} vias", kRefusedFecText, vias.size());
     return std::nullopt;
   }
+  if (last_ && std::equal(vias.begin(), vias.end(), last_->vias.begin(), last_->vias.end())) {
+    ++last_->refs;
+    return lastId_;
+  }
   key_.assign(vias.begin(), vias.end());
   if (auto it = byContent_.find(key_); it != byContent_.end()) {
-    ++byId_[it->second].refs;
-    return it->second;
+    lastId_ = it->second;
+    last_ = &byId_[lastId_];
+    ++last_->refs;
+    return lastId_;
   }
   std::vector<Via> key = key_;
   // The id comes from the content, so that a restarted writer republishing the same routes
@@ -75,7 +81,8 @@ std::optional<std::uint32_t> FecWriterGen<F>::acquire(std::span<const Via> vias)
     }
   }
   byContent_.emplace(key, id);
-  byId_.emplace(id, Fec{std::move(key), 1, 0});
+  lastId_ = id;
+  last_ = &byId_.emplace(id, Fec{std::move(key), 1, 0}).first->second;
   return id;
 }
 
@@ -96,6 +103,7 @@ void FecWriterGen<F>::erase(std::uint32_t id) {
       static_cast<std::uint32_t>((it->second.vias.size() + kViasPerPart - 1) / kViasPerPart);
   for (std::uint32_t p = 0; p < parts; ++p) table_->del(FecKey{id, p});
   byContent_.erase(it->second.vias);
+  if (last_ == &it->second) last_ = nullptr;
   byId_.erase(it);
 }
 
