@@ -6,6 +6,8 @@ set(PIM_FUZZ_TARGETS readHeader readUnicastAddress readGroupAddress readSourceAd
     readCrpAdvMessage readDfElectionMessage pimdumpFrame processPkt
     readPortFrame)
 set(PIM_FUZZ_PLATFORM_TARGETS drobeReader)  # own input format and seeds; not in FuzzInput.h
+# As the platform targets, linked with pimlinux; seeds in fuzz/seeds/<target>.
+set(PIM_FUZZ_LINUX_TARGETS netlinkRoute)
 set(PIM_FUZZ_SUPPORT_SOURCES ${CMAKE_CURRENT_LIST_DIR}/FuzzInput.cpp
     ${CMAKE_CURRENT_LIST_DIR}/FuzzSeedsSamples.cpp)
 set(PIM_FUZZ_TARGET_SOURCES "")

@@ -194,6 +194,22 @@ TEST_F(DrobeTest, FullTableRefusesWithTraceAndCountAndKeepsItsContents) {
   EXPECT_TRUE(w->is(TVal::make({100}, 1)));
 }
 
+TEST_F(DrobeTest, ReserveGrowsInOneStepUpToTheMaximumAndReadersKeepEveryEntry) {
+  auto w = W::create(kPath, {"rec", 8, 0, 64});
+  Mirror m;
+  auto r = mirrored(m);
+  for (std::uint32_t n : {4u, 40u, 1000u}) {
+    const std::uint32_t before = w->capacity();
+    ASSERT_TRUE(w->reserve(n));
+    EXPECT_EQ(w->capacity(), std::max(before, std::min(n, 64u)));
+    for (std::uint32_t id = 0; id < std::min(n, 40u); ++id) ASSERT_TRUE(w->is(TVal::make({id}, n)));
+    EXPECT_EQ(w->capacity(), std::max(before, std::min(n, 64u)));  // no growth on the way
+    publish(*w);
+    EXPECT_EQ(m.rows.size(), std::min(n, 40u));
+  }
+  EXPECT_EQ(m.torn, 0u);
+}
+
 TEST_F(DrobeTest, DeletionKeepsProbeChainsAndTombstonesAreReusedAndReclaimed) {
   auto w = W::create(kPath, {"rec", 16, 0});
   Mirror m;

@@ -1,9 +1,13 @@
 // The RPF lookup over real shared-memory route tables: next-hop validity, the equal-cost
 // hash, the RIB order, backups, the traces, and the failure cases of input tables.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <random>
 #include <sstream>
@@ -227,6 +231,40 @@ TEST_F(RpfTest, TrieAheadOfTableWalksToParent) {
   capture_.clear();
   EXPECT_TRUE(!table_->doLookup(IpGenAddr("10.0.1.9"), IpGenAddr("232.1.1.1")));
   EXPECT_TRUE(traced(" No route "));
+}
+
+// A writer caught copying the /24's slot (its sequence word odd, as between the writer's
+// two stores) must not make the lookup take the /24 for absent and answer with the /16:
+// no notice would correct that later.
+TEST_F(RpfTest, RouteMidRewriteIsNotTakenForAbsent) {
+  routesAre("urib 10.0.0.0/16 2 0 0 10.0.1.2@eth1\nurib 10.0.1.0/24 2 0 0 10.0.2.2@eth2");
+  const int fd = ::open(urib_->table().file().c_str(), O_RDWR);
+  struct stat st {};
+  ASSERT_TRUE(fd >= 0 && ::fstat(fd, &st) == 0) << urib_->table().file();
+  const auto size = static_cast<std::size_t>(st.st_size);
+  void* map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  ::close(fd);
+  ASSERT_NE(map, MAP_FAILED);
+  // A live slot's body: state, padding, the key's hash, then the record (prefix first).
+  const IpGenPrefix p24("10.0.1.0/24");
+  const std::uint32_t hash = p24.hash();
+  auto* words = static_cast<std::uint64_t*>(map);
+  std::uint64_t* seq = nullptr;
+  for (std::size_t i = 1; i + 4 < size / 8 && !seq; ++i) {
+    const auto* body = reinterpret_cast<const std::uint8_t*>(words + i);
+    if (body[0] == 0xA5 && std::memcmp(body + 4, &hash, 4) == 0 &&
+        std::memcmp(body + 8, &p24, sizeof p24) == 0)
+      seq = words + i - 1;
+  }
+  ASSERT_NE(seq, nullptr) << "the /24's slot";
+  *seq += 1;  // odd: being written
+  const RpfInfo during = table_->doLookup(IpGenAddr("10.0.1.9"), IpGenAddr("232.1.1.1"));
+  *seq += 1;  // written
+  const RpfInfo after = table_->doLookup(IpGenAddr("10.0.1.9"), IpGenAddr("232.1.1.1"));
+  ::munmap(map, size);
+  EXPECT_TRUE(!during) << during.rpf.prefix;  // not the /16
+  EXPECT_EQ(after.rpf.prefix, p24);
+  EXPECT_EQ(after.rpf.rpfIntf, IntfId("eth2"));
 }
 
 TEST_F(RpfTest, UnsetHandlesReadAsEmptyRibs) {

@@ -79,6 +79,15 @@ TEST_F(RoutingTablesTest, WriterSharesFecsAndDeletesThemAfterGrace) {
   clock_->advance(0.2);
   urib->commit();
   EXPECT_EQ(fecs->fecCount(), 2u);
+  // The FEC acquired last goes, then its vias come back: published afresh.
+  ASSERT_TRUE(urib->routeIs(nthPrefix(0), V4::RouteType::remote, 0, 1, viaSet(5)));
+  ASSERT_TRUE(urib->routeDel(nthPrefix(0)));
+  urib->commit();
+  clock_->advance(2.1);
+  urib->commit();
+  EXPECT_EQ(fecs->fecCount(), 2u);
+  ASSERT_TRUE(urib->routeIs(nthPrefix(0), V4::RouteType::remote, 0, 1, viaSet(5)));
+  EXPECT_TRUE(fecs->table().lookup({urib->table().find(nthPrefix(0))->fecId, 0}).found());
   // A full table refuses and counts; the route keeps its old record.
   auto small = V4::RouteWriter::create(kPath, "small", fecs, 2);
   EXPECT_TRUE(small->routeIs(nthPrefix(0), V4::RouteType::remote, 0, 1, viaSet(1)));

@@ -8,8 +8,6 @@
 #include <netlink/attr.h>
 #include <netlink/msg.h>
 #include <netlink/netlink.h>
-#include <netlink/route/nexthop.h>
-#include <netlink/route/route.h>
 #include <netlink/socket.h>
 #include <sys/socket.h>
 
@@ -39,6 +37,17 @@ constexpr std::size_t kRecvBuffer = 1 << 20;
 constexpr int kReadsPerTurn = 256;
 // Bounds the discarding read before a re-dump (a socket buffer's worth and more).
 constexpr int kDrainReads = 1 << 16;
+
+// An optional 32-bit attribute into *v; false when present but too short to hold one.
+bool u32(const nlattr* a, std::uint32_t* v) {
+  if (!a) return true;
+  if (nla_len(a) < 4) return false;
+  *v = nla_get_u32(a);
+  return true;
+}
+
+// RTNH_ALIGN without its signed mask.
+constexpr std::size_t align4(std::size_t n) { return (n + 3) & ~std::size_t{3}; }
 
 template <Nimo::AddressFamily F>
 Nimo::IpGenAddr zeroAddr() {
@@ -252,66 +261,104 @@ void NetlinkRibSm::dispatch(nlmsghdr* h, bool fromDump) {
   }
 }
 
-void NetlinkRibSm::applyRoute(nlmsghdr* h, bool fromDump) {
-  if (h->nlmsg_len < NLMSG_LENGTH(sizeof(rtmsg))) return;
+int parseKernelRoute(nlmsghdr* h, KernelRoute* out) {
+  if (h->nlmsg_len < NLMSG_LENGTH(sizeof(rtmsg))) return -NLE_MSG_TOOSHORT;
   const auto* rtm = static_cast<const rtmsg*>(nlmsg_data(h));
   const bool v6 = rtm->rtm_family == AF_INET6;
-  if (!v6 && rtm->rtm_family != AF_INET) return;
-  nlattr* tableAttr = nlmsg_find_attr(h, sizeof(rtmsg), RTA_TABLE);
-  const std::uint32_t table = tableAttr ? nla_get_u32(tableAttr) : rtm->rtm_table;
-  const bool mirrored = table == RT_TABLE_MAIN || table == RT_TABLE_LOCAL ||
-                        (config_.mribTable != 0 && table == config_.mribTable);
-  const bool typeKept = rtm->rtm_type == RTN_UNICAST || rtm->rtm_type == RTN_LOCAL ||
-                        rtm->rtm_type == RTN_BLACKHOLE || rtm->rtm_type == RTN_UNREACHABLE ||
-                        rtm->rtm_type == RTN_PROHIBIT;
-  if (!mirrored || !typeKept || rtm->rtm_tos != 0 || (rtm->rtm_flags & RTM_F_CLONED)) {
-    ++skipped_;
-    return;
-  }
-  // Prefix from the raw attribute: the default route carries no RTA_DST.
-  std::uint8_t dst[16] = {};
-  if (nlattr* a = nlmsg_find_attr(h, sizeof(rtmsg), RTA_DST)) {
-    const auto len = static_cast<std::size_t>(nla_len(a));
-    if (len != (v6 ? 16u : 4u) || rtm->rtm_dst_len > len * 8) {
-      ++skipped_;
-      return;
-    }
-    std::memcpy(dst, nla_data(a), len);
-  }
+  if (!v6 && rtm->rtm_family != AF_INET) return -NLE_AF_NOSUPPORT;
   const auto af = v6 ? Nimo::AddressFamily::ipv6 : Nimo::AddressFamily::ipv4;
-  const Nimo::IpGenPrefix prefix =
-      Nimo::IpGenPrefix(Nimo::IpGenAddr(af, dst), rtm->rtm_dst_len).masked();
+  const std::size_t addrLen = v6 ? 16 : 4;
+  nlattr* tb[RTA_MAX + 1] = {};
+  if (const int err = nlmsg_parse(h, sizeof(rtmsg), tb, RTA_MAX, nullptr); err < 0) return err;
+  out->table = rtm->rtm_table;
+  out->metric = out->nhId = 0;
+  std::uint32_t oif = 0;
+  if (!u32(tb[RTA_TABLE], &out->table) || !u32(tb[RTA_PRIORITY], &out->metric) ||
+      !u32(tb[RTA_NH_ID], &out->nhId) || !u32(tb[RTA_OIF], &oif))
+    return -NLE_INVAL;
+  // The default route carries no RTA_DST.
+  std::uint8_t dst[16] = {};
+  if (rtm->rtm_dst_len > addrLen * 8) return -NLE_INVAL;
+  if (tb[RTA_DST]) {
+    if (static_cast<std::size_t>(nla_len(tb[RTA_DST])) != addrLen) return -NLE_INVAL;
+    std::memcpy(dst, nla_data(tb[RTA_DST]), addrLen);
+  }
+  out->prefix = Nimo::IpGenPrefix(Nimo::IpGenAddr(af, dst), rtm->rtm_dst_len).masked();
+  out->type = rtm->rtm_type;
+  out->protocol = rtm->rtm_protocol;
+  out->tos = rtm->rtm_tos;
+  out->flags = rtm->rtm_flags;
+  out->nhs.clear();
+  // One next hop from a gateway attribute and an interface; false: none of this family.
+  const auto add = [&](nlattr* gateway, nlattr* via, std::uint32_t ifIndex, std::uint32_t flags) {
+    KernelRoute::Nexthop nh;
+    nh.ifIndex = ifIndex;
+    nh.flags = flags & kUnusable;
+    if (gateway) {
+      // An IPv4 route through an IPv6 gateway comes as RTA_VIA; a gateway attribute of
+      // another length is malformed.
+      if (static_cast<std::size_t>(nla_len(gateway)) != addrLen) return false;
+      nh.gateway = Nimo::IpGenAddr(af, static_cast<const std::uint8_t*>(nla_data(gateway)));
+    } else if (via) {
+      return true;
+    }
+    out->nhs.push_back(nh);
+    return true;
+  };
+  if (nlattr* mp = tb[RTA_MULTIPATH]) {
+    auto* at = static_cast<std::uint8_t*>(nla_data(mp));
+    auto rem = static_cast<std::size_t>(nla_len(mp));
+    while (rem >= sizeof(rtnexthop)) {
+      const auto* rtnh = reinterpret_cast<const rtnexthop*>(at);
+      if (rtnh->rtnh_len < sizeof(rtnexthop) || rtnh->rtnh_len > rem) return -NLE_INVAL;
+      nlattr* ntb[RTA_MAX + 1] = {};
+      const int attrLen = rtnh->rtnh_len - static_cast<int>(align4(sizeof(rtnexthop)));
+      if (attrLen > 0 &&
+          nla_parse(ntb, RTA_MAX, reinterpret_cast<nlattr*>(at + align4(sizeof(rtnexthop))),
+                    attrLen, nullptr) < 0)
+        return -NLE_INVAL;
+      if (!add(ntb[RTA_GATEWAY], ntb[RTA_VIA], static_cast<std::uint32_t>(rtnh->rtnh_ifindex),
+               rtnh->rtnh_flags))
+        return -NLE_INVAL;
+      const std::size_t step = align4(rtnh->rtnh_len);
+      if (step >= rem) break;
+      at += step;
+      rem -= step;
+    }
+  } else if (oif != 0 || tb[RTA_GATEWAY] || tb[RTA_VIA]) {
+    // A single next hop's flags travel in the route header.
+    if (!add(tb[RTA_GATEWAY], tb[RTA_VIA], oif, rtm->rtm_flags)) return -NLE_INVAL;
+  }
+  std::sort(out->nhs.begin(), out->nhs.end());
+  return 0;
+}
 
-  rtnl_route* r = nullptr;
-  if (const int err = rtnl_route_parse(h, &r); err < 0) {
+void NetlinkRibSm::applyRoute(nlmsghdr* h, bool fromDump) {
+  KernelRoute& r = parsed_;
+  if (const int err = parseKernelRoute(h, &r); err < 0) {
     ++skipped_;
-    FLICK_TRACE(linuxTrace(), 1, "{}{}", kParseFailedText, nl_geterror(err));
+    // Another family is no error: the route groups carry no others, but a dump may.
+    if (err != -NLE_AF_NOSUPPORT)
+      FLICK_TRACE(linuxTrace(), 1, "{}{}", kParseFailedText, nl_geterror(err));
     return;
   }
-  Entry e;
-  e.table = table;
-  e.metric = rtnl_route_get_priority(r);
-  e.type = rtm->rtm_type;
-  e.protocol = rtm->rtm_protocol;
-  if (nlattr* a = nlmsg_find_attr(h, sizeof(rtmsg), RTA_NH_ID)) e.nhId = nla_get_u32(a);
-  const int count = rtnl_route_get_nnexthops(r);
-  for (int i = 0; i < count; ++i) {
-    rtnl_nexthop* nh = rtnl_route_nexthop_n(r, i);
-    Nh x;
-    x.ifIndex = static_cast<std::uint32_t>(rtnl_route_nh_get_ifindex(nh));
-    // A single next hop's flags travel in the route header.
-    x.flags = rtnl_route_nh_get_flags(nh) | (count == 1 ? rtm->rtm_flags & kUnusable : 0);
-    if (nl_addr* gw = rtnl_route_nh_get_gateway(nh)) {
-      auto a = addrOf(nl_addr_get_family(gw), nl_addr_get_binary_addr(gw), nl_addr_get_len(gw));
-      if (!a || a->af() != af) continue;  // an IPv4 route through an IPv6 gateway: no Via
-      x.gateway = *a;
-    } else if (rtnl_route_nh_get_via(nh)) {
-      continue;
-    }
-    e.nhs.push_back(x);
+  const bool v6 = r.prefix.af() == Nimo::AddressFamily::ipv6;
+  const bool mirrored = r.table == RT_TABLE_MAIN || r.table == RT_TABLE_LOCAL ||
+                        (config_.mribTable != 0 && r.table == config_.mribTable);
+  const bool typeKept = r.type == RTN_UNICAST || r.type == RTN_LOCAL || r.type == RTN_BLACKHOLE ||
+                        r.type == RTN_UNREACHABLE || r.type == RTN_PROHIBIT;
+  if (!mirrored || !typeKept || r.tos != 0 || (r.flags & RTM_F_CLONED)) {
+    ++skipped_;
+    return;
   }
-  rtnl_route_put(r);
-  std::sort(e.nhs.begin(), e.nhs.end());
+  const Nimo::IpGenPrefix& prefix = r.prefix;
+  Entry e;
+  e.table = r.table;
+  e.metric = r.metric;
+  e.type = r.type;
+  e.protocol = r.protocol;
+  e.nhId = r.nhId;
+  e.nhs = r.nhs;
 
   // Next hops are one by (gateway, interface); flags are their state. Nh's order sorts by
   // these two first, so this order agrees with it.
@@ -351,8 +398,9 @@ void NetlinkRibSm::applyRoute(nlmsghdr* h, bool fromDump) {
     const bool namesObject =
         std::any_of(slot.begin(), slot.end(), [](const Entry& x) { return x.nhId != 0; });
     if (namesObject) fam.withNhId.insert(prefix);
-    if (slot.empty()) fam.kernel.erase(prefix);
-    if (!fromDump) publish(fam, prefix);
+    const bool gone = slot.empty();
+    if (gone) fam.kernel.erase(prefix);
+    if (!fromDump) publish(fam, prefix, gone ? nullptr : &slot);
   };
   if (v6) {
     apply(v6_);
@@ -361,34 +409,48 @@ void NetlinkRibSm::applyRoute(nlmsghdr* h, bool fromDump) {
   }
 }
 
-void NetlinkRibSm::applyNexthop(nlmsghdr* h) {
+int parseKernelNexthop(nlmsghdr* h, KernelNexthopObject* out) {
   nlattr* tb[NHA_MAX + 1] = {};
-  if (nlmsg_parse(h, sizeof(nhmsg), tb, NHA_MAX, nullptr) < 0 || !tb[NHA_ID]) {
-    ++skipped_;
-    return;
-  }
-  const std::uint32_t id = nla_get_u32(tb[NHA_ID]);
-  nhChanged_ = true;
-  if (h->nlmsg_type == RTM_DELNEXTHOP) {
-    nhObjects_.erase(id);
-    return;
-  }
+  if (const int err = nlmsg_parse(h, sizeof(nhmsg), tb, NHA_MAX, nullptr); err < 0) return err;
+  out->id = 0;
+  out->nh = {};
+  if (!tb[NHA_ID] || !u32(tb[NHA_ID], &out->id) || !u32(tb[NHA_OIF], &out->nh.ifIndex))
+    return -NLE_INVAL;
   const auto* nhm = static_cast<const nhmsg*>(nlmsg_data(h));
-  NhObject o;
-  o.nh.flags = nhm->nh_flags;
-  o.blackhole = tb[NHA_BLACKHOLE] != nullptr;
-  if (tb[NHA_OIF]) o.nh.ifIndex = nla_get_u32(tb[NHA_OIF]);
+  out->nh.flags = nhm->nh_flags;
+  out->blackhole = tb[NHA_BLACKHOLE] != nullptr;
   if (tb[NHA_GATEWAY]) {
     auto a = addrOf(nhm->nh_family, nla_data(tb[NHA_GATEWAY]),
                     static_cast<std::size_t>(nla_len(tb[NHA_GATEWAY])));
-    if (a) o.nh.gateway = *a;
+    if (!a) return -NLE_INVAL;
+    out->nh.gateway = *a;
   }
+  out->group.clear();
   if (tb[NHA_GROUP]) {
     const auto n = static_cast<std::size_t>(nla_len(tb[NHA_GROUP])) / sizeof(nexthop_grp);
-    const auto* g = static_cast<const nexthop_grp*>(nla_data(tb[NHA_GROUP]));
-    for (std::size_t i = 0; i < n; ++i) o.group.push_back(g[i].id);
+    const auto* g = static_cast<const std::uint8_t*>(nla_data(tb[NHA_GROUP]));
+    for (std::size_t i = 0; i < n; ++i) {
+      nexthop_grp m;
+      std::memcpy(&m, g + i * sizeof m, sizeof m);
+      out->group.push_back(m.id);
+    }
   }
-  nhObjects_[id] = std::move(o);
+  return 0;
+}
+
+void NetlinkRibSm::applyNexthop(nlmsghdr* h) {
+  NhObject o;
+  if (const int err = parseKernelNexthop(h, &o); err < 0) {
+    ++skipped_;
+    FLICK_TRACE(linuxTrace(), 1, "{}{}", kParseFailedText, nl_geterror(err));
+    return;
+  }
+  nhChanged_ = true;
+  if (h->nlmsg_type == RTM_DELNEXTHOP) {
+    nhObjects_.erase(o.id);
+    return;
+  }
+  nhObjects_[o.id] = std::move(o);
 }
 
 // --- Publishing --------------------------------------------------------------------------
@@ -447,8 +509,13 @@ bool NetlinkRibSm::resolve(Family<F>& fam, const Entry& e, bool hostPrefix,
 
 template <Nimo::AddressFamily F>
 void NetlinkRibSm::publish(Family<F>& fam, const Nimo::IpGenPrefix& p) {
+  auto it = fam.kernel.find(p);
+  publish(fam, p, it == fam.kernel.end() ? nullptr : &it->second);
+}
+
+template <Nimo::AddressFamily F>
+void NetlinkRibSm::publish(Family<F>& fam, const Nimo::IpGenPrefix& p, const Slot* slot) {
   using RouteType = typename FamilyTraits<F>::RouteType;
-  auto slotIt = fam.kernel.find(p);
   for (std::size_t rib = 0; rib < 2; ++rib) {
     RouteWriterGen<F>* w = fam.rib[rib].ptr();
     if (!w) continue;
@@ -456,16 +523,18 @@ void NetlinkRibSm::publish(Family<F>& fam, const Nimo::IpGenPrefix& p) {
     const Entry* best = nullptr;
     RouteType type = RouteType::invalid;
     bool waits = false;
-    if (slotIt != fam.kernel.end()) {
-      std::vector<const Entry*> order;
-      for (const Entry& e : slotIt->second) {
+    if (slot) {
+      auto& order = fam.order;
+      order.clear();
+      for (const Entry& e : *slot) {
         const bool inRib = rib == 0 ? e.table == RT_TABLE_MAIN || e.table == RT_TABLE_LOCAL
                                     : e.table == config_.mribTable;
         if (inRib) order.push_back(&e);
       }
-      std::sort(order.begin(), order.end(), [](const Entry* a, const Entry* b) {
-        return before(a->table, a->metric, b->table, b->metric);
-      });
+      if (order.size() > 1)
+        std::sort(order.begin(), order.end(), [](const Entry* a, const Entry* b) {
+          return before(a->table, a->metric, b->table, b->metric);
+        });
       for (const Entry* e : order) {
         if (resolve(fam, *e, p.maskLen() == FamilyTraits<F>::kBits, &type, &waits)) {
           best = e;
@@ -473,17 +542,18 @@ void NetlinkRibSm::publish(Family<F>& fam, const Nimo::IpGenPrefix& p) {
         }
       }
     }
-    const auto old = w->table().find(p);
+    bool changed = false;
     if (best) {
-      w->routeIs(p, type, best->metric, 0, fam.vias);
-    } else if (old) {
-      w->routeDel(p);
+      w->routeIs(p, type, best->metric, 0, fam.vias, &changed);
+    } else {
+      changed = w->routeDel(p);
     }
-    if (w->table().find(p) != old) changed_.push_back({F, static_cast<RibKind>(rib), p});
+    // Nobody to tell (ribd): a start-up ingest records nothing.
+    if (changed && !notifiees_.empty()) changed_.push_back({F, static_cast<RibKind>(rib), p});
     if (rib == 0) {
       if (waits && !best) {
         fam.waitingSet.insert(p);
-      } else {
+      } else if (!fam.waitingSet.empty()) {
         fam.waitingSet.erase(p);
       }
     }
@@ -494,11 +564,12 @@ template <Nimo::AddressFamily F>
 std::size_t NetlinkRibSm::publishAll(Family<F>& fam, const Kernel& before) {
   const bool all = renameWanted_ || &before == &fam.kernel;
   std::size_t differ = 0;
+  const bool fresh = before.empty();  // the first dump: nothing to compare with
   for (const auto& [p, slot] : fam.kernel) {
-    auto old = before.find(p);
+    auto old = fresh ? before.end() : before.find(p);
     const bool differs = old == before.end() || old->second != slot;
     differ += differs;
-    if (all || differs) publish(fam, p);
+    if (all || differs) publish(fam, p, &slot);
   }
   if (&before == &fam.kernel) return 0;
   for (const auto& [p, slot] : before) {
@@ -531,6 +602,8 @@ void NetlinkRibSm::resync() {
   Kernel before4, before6;
   before4.swap(v4_.kernel);
   before6.swap(v6_.kernel);
+  v4_.kernel.reserve(before4.size());
+  v6_.kernel.reserve(before6.size());
   v4_.withNhId.clear();
   v6_.withNhId.clear();
   // What the event socket holds now predates the dump, which covers it; and after lost
@@ -558,6 +631,10 @@ void NetlinkRibSm::resync() {
   }
   nhChanged_ = false;  // every route is resolved against the fresh objects below
   if (objects != nhObjects_) renameWanted_ = true;
+  // Grown once rather than by doubling (the start-up ingest). The unicast table is sized for
+  // every mirrored prefix, which over-counts by the multicast RIB's own prefixes.
+  v4_.rib[0]->reserve(static_cast<std::uint32_t>(v4_.kernel.size()));
+  v6_.rib[0]->reserve(static_cast<std::uint32_t>(v6_.kernel.size()));
   const std::size_t differ = publishAll(v4_, before4) + publishAll(v6_, before6);
   renameWanted_ = false;
   // After lost notices the kernel may drop more without a second ENOBUFS while the socket

@@ -4,8 +4,9 @@
 // Sources. Two netlink sockets in the namespace netNs: an event socket joined to the route,
 // next-hop, link and address groups, and a dump socket. Start-up joins the groups first,
 // then dumps next-hop objects and routes, then applies what arrived meanwhile. Each message
-// is parsed (rtnl_route_parse; next-hop objects with libnl's attribute functions),
-// translated and freed: no libnl cache holds routes.
+// is parsed in place with libnl's attribute functions (parseKernelRoute below, RTA_MULTIPATH
+// included), translated and dropped: no libnl object or cache holds routes, since a libnl
+// route object per message cost more than the rest of the ingest together.
 //
 // What is published (tables at Routing::ribMountPath(af, vrf), both families):
 //   kernel route                                   table    route type (Fib.h codes)
@@ -69,12 +70,15 @@
 //   loop.run();                              // tables follow `ip route`
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "Pim/platform/Kel.h"
@@ -87,6 +91,171 @@ struct nl_sock;
 struct nlmsghdr;
 
 namespace Routing {
+
+// One kernel route message (RTM_NEWROUTE or RTM_DELROUTE) as the adapter reads it.
+struct KernelRoute {
+  struct Nexthop {
+    Nimo::IpGenAddr gateway;  // unset: device only
+    std::uint32_t ifIndex = 0;
+    std::uint32_t flags = 0;  // RTNH_F_DEAD and RTNH_F_LINKDOWN only
+    friend bool operator==(const Nexthop&, const Nexthop&) = default;
+    friend auto operator<=>(const Nexthop&, const Nexthop&) = default;
+  };
+  Nimo::IpGenPrefix prefix;  // masked
+  std::uint32_t table = 0;
+  std::uint32_t metric = 0;
+  std::uint32_t nhId = 0;  // RTA_NH_ID; 0: none
+  std::uint8_t type = 0;   // RTN_*
+  std::uint8_t protocol = 0;
+  std::uint8_t tos = 0;
+  std::uint32_t flags = 0;  // rtm_flags
+  // Sorted. Next hops through a gateway of the other family (RTA_VIA) are left out: they
+  // make no via of this family.
+  std::vector<Nexthop> nhs;
+};
+
+// One next-hop object message (RTM_NEWNEXTHOP or RTM_DELNEXTHOP).
+struct KernelNexthopObject {
+  std::uint32_t id = 0;
+  KernelRoute::Nexthop nh;  // flags: nh_flags whole
+  bool blackhole = false;
+  std::vector<std::uint32_t> group;  // member ids; empty: a single next hop
+  friend bool operator==(const KernelNexthopObject&, const KernelNexthopObject&) = default;
+};
+
+// Parse h (its nlmsg_len bytes must be readable) into *out, reusing out's storage. 0, or
+// a negative libnl error code (NLE_*) when the message is malformed (a route: or of a
+// family other than IPv4 and IPv6).
+int parseKernelRoute(nlmsghdr* h, KernelRoute* out);
+int parseKernelNexthop(nlmsghdr* h, KernelNexthopObject* out);
+
+// Word-wise: the byte-wise IpGenAddr::hash was a tenth of the ingest.
+struct PrefixHash {
+  std::size_t operator()(const Nimo::IpGenPrefix& p) const noexcept {
+    std::uint64_t w[2];
+    std::memcpy(w, p.address().bytes(), sizeof w);
+    const std::uint64_t h =
+        (w[0] * 0x9e3779b97f4a7c15u) ^ (w[1] * 0xc2b2ae3d27d4eb4fu) ^ p.maskLen();
+    return static_cast<std::size_t>(h ^ (h >> 32));
+  }
+};
+
+// Prefix -> V in one open-addressing array (linear probing, erase by backward shift): the
+// adapter's per-prefix state without a node allocation and a pointer chase per route, which
+// a node-based map cost at every ingest step. Beside the entries, one byte per slot: zero
+// when free, else 0x80 and seven bits of the key's hash, so that a probe passes most
+// occupied slots without touching their entry (a cache miss each, which led the ingest
+// profile). Inserting invalidates iterators and references; erasing moves entries.
+template <typename V>
+class PrefixMap {
+ public:
+  using value_type = std::pair<Nimo::IpGenPrefix, V>;
+  class const_iterator {
+   public:
+    const value_type& operator*() const { return m_->slots_[i_]; }
+    const value_type* operator->() const { return &m_->slots_[i_]; }
+    const_iterator& operator++() {
+      i_ = m_->next(i_ + 1);
+      return *this;
+    }
+    friend bool operator==(const const_iterator&, const const_iterator&) = default;
+
+   private:
+    friend class PrefixMap;
+    const_iterator(const PrefixMap* m, std::size_t i) : m_(m), i_(i) {}
+    const PrefixMap* m_ = nullptr;
+    std::size_t i_ = 0;
+  };
+
+  const_iterator begin() const { return {this, next(0)}; }
+  const_iterator end() const { return {this, slots_.size()}; }
+  std::size_t size() const noexcept { return size_; }
+  bool empty() const noexcept { return size_ == 0; }
+  const_iterator find(const Nimo::IpGenPrefix& k) const {
+    if (size_ == 0) return end();
+    const std::size_t i = probe(k, PrefixHash()(k));
+    return {this, used_[i] ? i : slots_.size()};
+  }
+  std::size_t count(const Nimo::IpGenPrefix& k) const { return find(k) != end(); }
+  V& operator[](const Nimo::IpGenPrefix& k) {
+    if ((size_ + 1) * 8 > slots_.size() * 7) rehash(std::max<std::size_t>(16, slots_.size() * 2));
+    const std::size_t h = PrefixHash()(k);
+    const std::size_t i = probe(k, h);
+    if (!used_[i]) {
+      used_[i] = tag(h);
+      slots_[i].first = k;
+      ++size_;
+    }
+    return slots_[i].second;
+  }
+  bool erase(const Nimo::IpGenPrefix& k) {
+    if (size_ == 0) return false;
+    std::size_t hole = probe(k, PrefixHash()(k));
+    if (!used_[hole]) return false;
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t j = (hole + 1) & mask; used_[j]; j = (j + 1) & mask) {
+      // j's entry fills the hole unless its home slot lies cyclically in (hole, j].
+      if (((j - bucket(PrefixHash()(slots_[j].first))) & mask) >= ((j - hole) & mask)) {
+        slots_[hole] = std::move(slots_[j]);
+        used_[hole] = used_[j];
+        hole = j;
+      }
+    }
+    used_[hole] = 0;
+    slots_[hole] = value_type{};
+    --size_;
+    return true;
+  }
+  void reserve(std::size_t n) {
+    std::size_t want = 16;
+    while (want * 7 < n * 8) want *= 2;
+    if (want > slots_.size()) rehash(want);
+  }
+  void swap(PrefixMap& o) noexcept {
+    slots_.swap(o.slots_);
+    used_.swap(o.used_);
+    std::swap(size_, o.size_);
+    std::swap(shift_, o.shift_);
+  }
+
+ private:
+  std::size_t bucket(std::size_t h) const noexcept {
+    return static_cast<std::size_t>((h * 0x9e3779b97f4a7c15u) >> shift_);
+  }
+  static std::uint8_t tag(std::size_t h) noexcept { return static_cast<std::uint8_t>(0x80 | h); }
+  // k's slot, else the free slot that ends its probe path; h: k's PrefixHash.
+  std::size_t probe(const Nimo::IpGenPrefix& k, std::size_t h) const noexcept {
+    const std::size_t mask = slots_.size() - 1;
+    const std::uint8_t t = tag(h);
+    std::size_t i = bucket(h);
+    while (used_[i] && !(used_[i] == t && slots_[i].first == k)) i = (i + 1) & mask;
+    return i;
+  }
+  std::size_t next(std::size_t i) const noexcept {
+    while (i < used_.size() && !used_[i]) ++i;
+    return i < used_.size() ? i : slots_.size();
+  }
+  void rehash(std::size_t n) {  // n: a power of two
+    std::vector<value_type> old;
+    std::vector<std::uint8_t> oldUsed(n, 0);
+    old.resize(n);
+    old.swap(slots_);
+    oldUsed.swap(used_);
+    shift_ = 64;
+    for (std::size_t s = n; s > 1; s >>= 1) --shift_;
+    for (std::size_t i = 0; i < old.size(); ++i) {
+      if (!oldUsed[i]) continue;
+      const std::size_t at = probe(old[i].first, PrefixHash()(old[i].first));
+      used_[at] = oldUsed[i];
+      slots_[at] = std::move(old[i]);
+    }
+  }
+
+  std::vector<value_type> slots_;
+  std::vector<std::uint8_t> used_;
+  std::size_t size_ = 0;
+  unsigned shift_ = 64;
+};
 
 struct NetlinkRibConfig {
   std::string vrf = "default";
@@ -142,13 +311,7 @@ class NetlinkRibSm : public Kel::Entity {
   void resync();
 
  private:
-  struct Nh {
-    Nimo::IpGenAddr gateway;  // unset: device only
-    std::uint32_t ifIndex = 0;
-    std::uint32_t flags = 0;  // RTNH_F_*
-    friend bool operator==(const Nh&, const Nh&) = default;
-    friend auto operator<=>(const Nh&, const Nh&) = default;
-  };
+  using Nh = KernelRoute::Nexthop;
   // One kernel route: a candidate for its prefix.
   struct Entry {
     std::uint32_t table = 0;
@@ -160,16 +323,8 @@ class NetlinkRibSm : public Kel::Entity {
     friend bool operator==(const Entry&, const Entry&) = default;
   };
   using Slot = std::vector<Entry>;  // a prefix's candidates, a handful at most
-  struct PrefixHash {
-    std::size_t operator()(const Nimo::IpGenPrefix& p) const noexcept { return p.hash(); }
-  };
-  using Kernel = std::unordered_map<Nimo::IpGenPrefix, Slot, PrefixHash>;
-  struct NhObject {
-    Nh nh;
-    bool blackhole = false;
-    std::vector<std::uint32_t> group;
-    friend bool operator==(const NhObject&, const NhObject&) = default;
-  };
+  using Kernel = PrefixMap<Slot>;
+  using NhObject = KernelNexthopObject;
   template <Nimo::AddressFamily F>
   struct Family {
     Kel::Ptr<FecWriterGen<F>> fecs;
@@ -178,6 +333,7 @@ class NetlinkRibSm : public Kel::Entity {
     std::unordered_set<Nimo::IpGenPrefix, PrefixHash> withNhId;    // prefixes naming an object
     std::unordered_set<Nimo::IpGenPrefix, PrefixHash> waitingSet;  // no usable candidate yet
     std::vector<ViaGen<F>> vias;                                   // scratch
+    std::vector<const Entry*> order;                               // scratch
   };
   struct DirWatch : Interface::IntfStatusDir::NotifieeConst {
     NetlinkRibSm* owner = nullptr;
@@ -191,6 +347,9 @@ class NetlinkRibSm : public Kel::Entity {
   void applyNexthop(nlmsghdr* h);
   template <Nimo::AddressFamily F>
   void publish(Family<F>& fam, const Nimo::IpGenPrefix& p);
+  // The same, given p's candidates (null: none).
+  template <Nimo::AddressFamily F>
+  void publish(Family<F>& fam, const Nimo::IpGenPrefix& p, const Slot* slot);
   template <Nimo::AddressFamily F>
   std::size_t publishAll(Family<F>& fam, const Kernel& before);
   template <Nimo::AddressFamily F>
@@ -226,6 +385,7 @@ class NetlinkRibSm : public Kel::Entity {
   };
   std::vector<Changed> changed_;
   std::vector<std::uint8_t> buf_;
+  KernelRoute parsed_;  // scratch
   std::uint64_t resyncs_ = 0, overflows_ = 0, skipped_ = 0, messages_ = 0;
   Kel::NotifieeList<NotifieeConst> notifiees_;
 };

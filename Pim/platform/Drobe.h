@@ -260,6 +260,10 @@ class Writer : public Kel::PtrInterface {
   // table is full.
   template <typename Init, typename F>
   bool update(const K& k, Init&& init, F&& fn);
+  // Grows the table now, in one step, to hold n entries (at most its maximum): a writer
+  // that knows its size ahead skips the intermediate growths and their copies. False if
+  // the growth failed (the table keeps its size and grows as usual).
+  bool reserve(std::uint32_t n);
   // Remove; false if k was absent.
   bool del(const K& k);
   void delAll();
@@ -317,7 +321,7 @@ class Writer : public Kel::PtrInterface {
  private:
   Writer(std::string_view path, const CollectionInfo& info, const detail::Layout& layout);
   static detail::Layout layoutFor(std::uint32_t capacity, std::uint32_t ringSize);
-  bool grow();
+  bool grow(std::uint32_t cap);
   std::uint32_t nextLive(std::uint32_t from) const noexcept;
   void markDirty(std::uint32_t slot);
   void queueKey(std::uint32_t slot, const K& k);
@@ -576,7 +580,9 @@ typename Writer<K, V>::Probe Writer<K, V>::probe(const K& k, std::uint32_t h) {
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
 bool Writer<K, V>::insertAt(std::uint32_t slot, std::uint32_t h, const K& k, const V& v) {
-  if (live_ >= layout_.capacity && layout_.capacity < maxCapacity_ && grow()) {
+  if (live_ >= layout_.capacity && layout_.capacity < maxCapacity_ &&
+      grow(static_cast<std::uint32_t>(
+          std::min<std::uint64_t>(std::uint64_t{layout_.capacity} * 2, maxCapacity_)))) {
     slot = probe(k, h).slot;
   }
   if (live_ >= layout_.capacity || slot == layout_.slotCount) {
@@ -830,11 +836,16 @@ void Writer<K, V>::sweepTombstones(std::uint32_t slot) {
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
-bool Writer<K, V>::grow() {
-  // Twice the entries (at most the maximum) in a new file beside the current one; it
-  // replaces the current one at the next commit, as one whole-collection change.
-  const std::uint32_t cap = static_cast<std::uint32_t>(
-      std::min<std::uint64_t>(std::uint64_t{layout_.capacity} * 2, maxCapacity_));
+bool Writer<K, V>::reserve(std::uint32_t n) {
+  n = std::min(n, maxCapacity_);
+  return n <= layout_.capacity || grow(n);
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+bool Writer<K, V>::grow(std::uint32_t cap) {
+  // cap entries in a new file beside the current one; it replaces the current one at the
+  // next commit, as one whole-collection change.
   const detail::Layout layout = layoutFor(cap, layout_.ringSize);
   auto next = std::make_unique<detail::WriterCore>(*core_, layout);
   if (!next->ok()) return false;

@@ -28,6 +28,7 @@
 #include <sys/uio.h>
 
 #include <array>
+#include <bit>
 #include <compare>
 #include <cstdint>
 #include <cstring>
@@ -99,14 +100,30 @@ class IpGenAddr {
   std::string str() const;            // "None" when unset
   std::uint32_t hash() const noexcept;
 
-  friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
+  // Two 64-bit words rather than a memcmp call: addresses are compared on every route
+  // and table probe, and the call costs more than the comparison.
+  friend bool operator==(const IpGenAddr& a, const IpGenAddr& b) noexcept {
+    std::uint64_t x[2], y[2];
+    std::memcpy(x, a.bytes_.data(), sizeof x);
+    std::memcpy(y, b.bytes_.data(), sizeof y);
+    return a.af_ == b.af_ && ((x[0] ^ y[0]) | (x[1] ^ y[1])) == 0;
+  }
+  // Family, then the bytes in network order (big-endian words compare as the bytes do).
   friend std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) noexcept {
     if (auto c = a.af_ <=> b.af_; c != 0) return c;
-    int m = std::memcmp(a.bytes_.data(), b.bytes_.data(), a.bytes_.size());
-    return m <=> 0;
+    const std::uint64_t x0 = a.word(0), y0 = b.word(0);
+    if (x0 != y0) return x0 <=> y0;
+    return a.word(1) <=> b.word(1);
   }
 
  private:
+  std::uint64_t word(int i) const noexcept {
+    std::uint64_t w;
+    std::memcpy(&w, bytes_.data() + 8 * i, sizeof w);
+    if constexpr (std::endian::native == std::endian::little) w = __builtin_bswap64(w);
+    return w;
+  }
+
   AddressFamily af_ = AddressFamily::ipunknown;
   std::array<std::uint8_t, 16> bytes_{};
 };

@@ -48,11 +48,18 @@ std::optional<std::uint32_t> FecWriterGen<F>::acquire(std::span<const Via> vias)
     FLICK_TRACE(routingTrace(), 1, "{}{} vias", kRefusedFecText, vias.size());
     return std::nullopt;
   }
-  std::vector<Via> key(vias.begin(), vias.end());
-  if (auto it = byContent_.find(key); it != byContent_.end()) {
-    ++byId_[it->second].refs;
-    return it->second;
+  if (last_ && std::equal(vias.begin(), vias.end(), last_->vias.begin(), last_->vias.end())) {
+    ++last_->refs;
+    return lastId_;
   }
+  key_.assign(vias.begin(), vias.end());
+  if (auto it = byContent_.find(key_); it != byContent_.end()) {
+    lastId_ = it->second;
+    last_ = &byId_[lastId_];
+    ++last_->refs;
+    return lastId_;
+  }
+  std::vector<Via> key = key_;
   // The id comes from the content, so that a restarted writer republishing the same routes
   // gives them the same records (its readers resync without a notice per route).
   auto id = static_cast<std::uint32_t>(ViasHash()(key));
@@ -74,7 +81,8 @@ std::optional<std::uint32_t> FecWriterGen<F>::acquire(std::span<const Via> vias)
     }
   }
   byContent_.emplace(key, id);
-  byId_.emplace(id, Fec{std::move(key), 1, 0});
+  lastId_ = id;
+  last_ = &byId_.emplace(id, Fec{std::move(key), 1, 0}).first->second;
   return id;
 }
 
@@ -95,6 +103,7 @@ void FecWriterGen<F>::erase(std::uint32_t id) {
       static_cast<std::uint32_t>((it->second.vias.size() + kViasPerPart - 1) / kViasPerPart);
   for (std::uint32_t p = 0; p < parts; ++p) table_->del(FecKey{id, p});
   byContent_.erase(it->second.vias);
+  if (last_ == &it->second) last_ = nullptr;
   byId_.erase(it);
 }
 
@@ -133,7 +142,8 @@ Kel::Ptr<RouteWriterGen<F>> RouteWriterGen<F>::create(std::string_view path, std
 template <Nimo::AddressFamily F>
 bool RouteWriterGen<F>::routeIs(const Nimo::IpGenPrefix& prefix, RouteType type,
                                 std::uint32_t metric, std::uint8_t preference,
-                                std::span<const Via> vias) {
+                                std::span<const Via> vias, bool* changed) {
+  if (changed) *changed = false;
   scratch_.assign(vias.begin(), vias.end());
   std::sort(scratch_.begin(), scratch_.end());
   scratch_.erase(std::unique(scratch_.begin(), scratch_.end()), scratch_.end());
@@ -149,6 +159,10 @@ bool RouteWriterGen<F>::routeIs(const Nimo::IpGenPrefix& prefix, RouteType type,
   }
   r.fecId = *fec;
   const std::optional<Route> old = table_->find(r.prefix);
+  if (old && *old == r) {
+    fecs_->release(r.fecId);  // the old record still holds it
+    return true;
+  }
   if (!table_->is(r)) {
     fecs_->release(r.fecId);
     ++refused_;
@@ -156,6 +170,7 @@ bool RouteWriterGen<F>::routeIs(const Nimo::IpGenPrefix& prefix, RouteType type,
     return false;
   }
   if (old) fecs_->release(old->fecId);
+  if (changed) *changed = true;
   return true;
 }
 

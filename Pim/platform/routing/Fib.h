@@ -226,7 +226,12 @@ class FecWriterGen : public Kel::PtrInterface {
   Kel::Ptr<Kel::Clock> clock_;
   Kel::Time grace_;
   std::unordered_map<std::vector<Via>, std::uint32_t, ViasHash> byContent_;
+  std::vector<Via> key_;  // acquire's look-up key, reused
   std::unordered_map<std::uint32_t, Fec> byId_;
+  // The FEC acquire found or made last (null once erased): routes come in runs over the
+  // same next hops, and a run then costs one compare per route instead of two look-ups.
+  std::uint32_t lastId_ = 0;
+  Fec* last_ = nullptr;
   std::vector<std::uint32_t> unreferenced_;  // ids whose refs dropped to 0, oldest first
   std::uint64_t refused_ = 0;
 };
@@ -243,10 +248,13 @@ class RouteWriterGen : public Kel::PtrInterface {
   static Kel::Ptr<RouteWriterGen> create(std::string_view path, std::string_view name,
                                          Kel::Ptr<FecWriterGen<F>> fecs, std::uint32_t maxRoutes);
 
-  // Inserts or replaces the route of prefix (masked here). False when refused.
+  // Inserts or replaces the route of prefix (masked here). False when refused; *changed
+  // (if given) says whether the record differs from the one it replaced.
   bool routeIs(const Nimo::IpGenPrefix& prefix, RouteType type, std::uint32_t metric,
-               std::uint8_t preference, std::span<const Via> vias);
+               std::uint8_t preference, std::span<const Via> vias, bool* changed = nullptr);
   bool routeDel(const Nimo::IpGenPrefix& prefix);
+  // Room for this many routes now (a writer about to load a table it has counted).
+  void reserve(std::uint32_t routes) { table_->reserve(routes); }
   // Commits the FEC table, then the routes.
   void commit();
 
