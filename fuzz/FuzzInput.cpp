@@ -234,16 +234,28 @@ std::vector<std::vector<std::uint8_t>> seeds(std::string_view target) {
     }
   }
   if (target == "readPortFrame") {
-    // A Join/Prune framed (its IPv4 checksum has no pseudo-header, so it decodes) and a
-    // keep-alive.
+    // A PORT Join/Prune per family (the IPv4 checksum has no pseudo-header, so it decodes),
+    // one with an unknown option after its Join/Prune, a keep-alive and an unknown type.
     for (Family f : {Family::Ipv4, Family::Ipv6}) {
       auto jp = writtenJoinPrune(f, false);
-      const auto len = static_cast<std::uint16_t>(jp.size() + 4);
-      jp.insert(jp.begin(), {0, 1, static_cast<std::uint8_t>(len >> 8),
-                             static_cast<std::uint8_t>(len), 0, 0, 0, 0});
+      const auto n = static_cast<std::uint8_t>(jp.size());  // small: one group, one source
+      jp.insert(jp.begin(), {0, 1,
+                             0, static_cast<std::uint8_t>(n + 16),
+                             0, 0,
+                             0, 0,
+                             1, 1,
+                             1, 1,
+                             0, 0,
+                             0, 7,
+                             0, f == Family::Ipv4 ? std::uint8_t{1} : std::uint8_t{2},
+                             0, n});
       out.push_back(encode(f, 0, false, jp));
     }
-    out.push_back(encode(Family::Ipv4, 2, false, {0, 2, 0, 4, 0, 0, 0, 0}));
+    auto extra = out.back();
+    extra.insert(extra.end(), {0, 9, 0, 2, 0xab, 0xcd});
+    extra[1 + 3] += 6;
+    out.push_back(extra);
+    out.push_back(encode(Family::Ipv4, 2, false, {0, 2, 0, 0, 0, 7, 0, 2, 0, 0}));
   }
   for (auto& seed : sampleSeeds(target)) out.push_back(std::move(seed));
   return out;
