@@ -46,16 +46,22 @@ struct PortEnd {
     }
     return done();
   }
-  bool send(std::uint16_t holdTime) {
+  // The Join/Prune that send(holdTime) posts: one group and source of the peer's family.
+  static Kel::Ptr<Routing::Pim::Packet::JoinPruneMessage> joinPrune(const IpGenAddr& peer,
+                                                                    std::uint16_t holdTime) {
     auto data = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
-    data->upstreamNeighborIs(peerAddr);
+    data->upstreamNeighborIs(peer);
     data->holdTimeIs(holdTime);
-    const bool v4 = peerAddr.af() == Nimo::AddressFamily::ipv4;
+    const bool v4 = peer.af() == Nimo::AddressFamily::ipv4;
     data->joinPruneGroupDataIs(
             Nimo::IpGenPrefix(IpGenAddr(v4 ? "232.1.1.1" : "ff3e::1"), v4 ? 32 : 128))
         .joinedSourceIs(IpGenAddr(v4 ? "10.1.1.1" : "2001:db8::1"));
     auto jp = Kel::Ptr<Routing::Pim::Packet::JoinPruneMessage>::make();
     jp->joinPruneDataIs(data);
+    return jp;
+  }
+  bool send(std::uint16_t holdTime) {
+    const auto jp = joinPrune(peerAddr, holdTime);
     const auto before = mgr->txSuccess();
     mgr->txMessageInfo()->neighborAddrIs(peerAddr);
     mgr->txMessageInfo()->joinPruneMessageIs(jp);
