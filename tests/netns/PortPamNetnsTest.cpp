@@ -362,6 +362,51 @@ TEST_F(PortPamNetnsTest, LinkDownLosesTheAssociationWithinABound) {
   std::printf("association lost %.2f s after the link went down\n", a.lostAfter);
 }
 
+// Both veths at 1280 bytes: a Join/Prune of 300 sources (about 2.4 KB over IPv4, 5.5 KB
+// over IPv6) arrives, and no SCTP packet larger than the link leaves A (an nftables
+// counter after routing, before the kernel would fragment it), in either family.
+TEST_F(PortPamNetnsTest, PathMtuFollowsTheLink) {
+  if (PimTest::sh("command -v nft") != 0) GTEST_SKIP() << "nft (nftables) is not installed";
+  const std::string setup = fmt::format(
+      "ip -n {0} link set {1} mtu 1280 && ip -n {2} link set {3} mtu 1280 && "
+      "ip netns exec {0} nft add table inet mtu && "
+      "ip netns exec {0} nft add chain inet mtu out '{{ type filter hook postrouting priority 0; "
+      "}}' && ip netns exec {0} nft add rule inet mtu out meta nfproto ipv4 meta l4proto 132 "
+      "meta length gt 1280 counter && ip netns exec {0} nft add rule inet mtu out "
+      "meta nfproto ipv6 meta l4proto 132 meta length gt 1280 counter",
+      net->a, net->vethA, net->b, net->vethB);
+  if (PimTest::sh(setup) != 0) GTEST_SKIP() << "the kernel refuses the MTU or the nftables rule";
+  for (const Family& f : {kFamilies[0], kFamilies[1]}) {
+    Child cb, ca;
+    cb.start([&] {
+      PimTest::PortEnd end(net->b, net->vethB, net->ifIndexB, f.a);
+      return receiver(end, 1, false);
+    });
+    ca.start([&] {
+      PimTest::PortEnd end(net->a, net->vethA, net->ifIndexA, f.b);
+      Report r;
+      end.connect();
+      r.cameUp = end.runUntil([&] { return end.mgr->sctpStatus()->upCount() == 1; }, 10);
+      if (r.cameUp) r.sent += end.send(1, 300);
+      end.runUntil([&] { return end.mgr->sctpStatus()->upCount() == 0; }, 20);
+      return r;
+    });
+    Report a, b;
+    EXPECT_TRUE(cb.report(b, 40)) << f.a;
+    EXPECT_TRUE(ca.report(a, 40)) << f.a;
+    EXPECT_TRUE(a.cameUp) << f.a;
+    EXPECT_EQ(a.sent, 1u) << f.a;
+    EXPECT_EQ(b.received, 1u) << f.a;
+  }
+  const auto out = PimTest::runCommand("ip netns exec " + net->a + " nft list table inet mtu");
+  std::size_t clean = 0;  // one counter per family
+  for (auto at = out.out.find("packets 0 "); at != std::string::npos;
+       at = out.out.find("packets 0 ", at + 1)) {
+    ++clean;
+  }
+  EXPECT_EQ(clean, 2u) << out.out;
+}
+
 TEST_F(PortPamNetnsTest, KernelSocketsWhereTheKernelHasSctp) {
   const int fd = ::socket(AF_INET6, SOCK_SEQPACKET, IPPROTO_SCTP);
   if (fd < 0) {
