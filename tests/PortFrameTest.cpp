@@ -79,65 +79,39 @@ TEST_F(PortFrameTest, JoinPruneGoesRoundInBothFamiliesAndEveryPrefixFails) {
 }
 
 TEST_F(PortFrameTest, MalformedMessagesFailAndUnknownOnesAreSteppedOver) {
+  // The line is the warning when the message is consumed, else the error.
   struct Row {
-    Bytes in;
-    std::uint32_t offset;
-    std::uint32_t consumed;
-    std::uint16_t joinPrunes, unknownOptions;
-    std::string error, warning;
+    const char* in;
+    std::uint32_t offset, consumed, joinPrunes, unknownOptions;
+    std::string line;
   };
   const Row rows[] = {
       // Accepted: unknown type, keep-alive with a body, options of every kind, none at all.
-      {{0, 3, 0, 2, 9, 9}, 0, 6, 0, 0, "", "Warning: Port Message - Unknown Type: 3 Length: 2"},
-      {{0, 2, 0, 2, 9, 9, 0, 2, 0, 0}, 0, 6, 0, 0, "", ""},
-      {{0, 1, 0, 22, 0, 0, 0, 0, 1, 1, 1, 1, 0, 0, 0, 2, 0, 9, 0, 0, 0, 1, 0, 2, 0x23, 0},
-       0,
-       26,
-       1,
-       1,
-       "",
+      {"0003 0002 0909", 0, 6, 0, 0, "Warning: Port Message - Unknown Type: 3 Length: 2"},
+      {"0002 0002 0909 0002 0000", 0, 6, 0, 0, ""},
+      {"0001 0016 00000000 01010101 00000002 0009 0000 0001 0002 2300", 0, 26, 1, 1,
        "Warning: Port Join/Prune - Unknown Option - Type: 9"},
-      {{0, 1, 0, 12, 0xff, 0xff, 0xff, 0xff, 1, 1, 1, 1, 0, 0, 0, 2}, 0, 16, 0, 0, "", ""},
+      {"0001 000c ffffffff 01010101 00000002", 0, 16, 0, 0, ""},
       // Refused: each with one line.
-      {{0, 1, 0, 11, 0, 0, 0, 0, 1, 1, 1, 1, 0, 0, 0},
-       0,
-       0,
-       0,
-       0,
-       "Invalid Port Join/Prune - Message Length: 11 Expected: 12",
-       ""},
-      {{0, 1, 0, 14, 0, 0, 0, 0, 1, 1, 1, 1, 0, 0, 0, 2, 0, 1},
-       0,
-       0,
-       0,
-       0,
-       "Invalid Port Join/Prune - Option Header - Remaining: 2",
-       ""},
-      {{0, 1, 0, 16, 0, 0, 0, 0, 1, 1, 1, 1, 0, 0, 0, 2, 0, 1, 0, 9},
-       0,
-       0,
-       0,
-       0,
-       "Invalid Port Join/Prune - Option Type: 1 Length: 9 Remaining: 0",
-       ""},
-      {{0, 1, 0xff, 0xff, 0, 0, 0, 0},
-       0,
-       0,
-       0,
-       0,
-       "Invalid Port Message - Message Length: 65535 Remaining: 4",
-       ""},
-      {{0, 2, 0, 0}, 3, 0, 0, 0, "Invalid Port Message - Header - Read Error - Remaining: 1", ""},
+      {"0001 000b 00000000 01010101 000000", 0, 0, 0, 0,
+       "Invalid Port Join/Prune - Message Length: 11 Expected: 12"},
+      {"0001 000e 00000000 01010101 00000002 0001", 0, 0, 0, 0,
+       "Invalid Port Join/Prune - Option Header - Remaining: 2"},
+      {"0001 0010 00000000 01010101 00000002 0001 0009", 0, 0, 0, 0,
+       "Invalid Port Join/Prune - Option Type: 1 Length: 9 Remaining: 0"},
+      {"0001 ffff 00000000", 0, 0, 0, 0,
+       "Invalid Port Message - Message Length: 65535 Remaining: 4"},
+      {"0002 0000", 3, 0, 0, 0, "Invalid Port Message - Header - Read Error - Remaining: 1"},
   };
   for (const auto& r : rows) {
     clear();
     PortMessage m;
-    EXPECT_EQ(readPortMessage(PimTest::pkt(r.in), r.offset, m), r.consumed) << r.error;
-    EXPECT_EQ(errors(), only(r.error));
-    EXPECT_EQ(warnings(), only(r.warning));
+    EXPECT_EQ(readPortMessage(PimTest::pkt(PimTest::hex(r.in)), r.offset, m), r.consumed) << r.in;
+    EXPECT_EQ(r.consumed ? warnings() : errors(), only(r.line)) << r.in;
+    EXPECT_EQ((r.consumed ? errors() : warnings()), only("")) << r.in;
     if (r.consumed == 0) continue;
-    EXPECT_EQ(m.joinPrunes, r.joinPrunes) << r.warning;
-    EXPECT_EQ(m.unknownOptions, r.unknownOptions) << r.warning;
+    EXPECT_EQ(m.joinPrunes, r.joinPrunes) << r.in;
+    EXPECT_EQ(m.unknownOptions, r.unknownOptions) << r.in;
   }
   // Writer refusals: a message too short to be PIM, one too long for the length fields,
   // no room for the headers.
