@@ -150,9 +150,12 @@ void PortPamManager::handleTxMessageInfo() {
   if (id == 0) return refuse("No Association");
   jp->srcIpIs(portMessageAddr(nbr.af()));
   jp->dstIpIs(portMessageAddr(nbr.af()));
+  // The Interface ID of our interface towards the neighbour, as our Hello announces it.
+  InterfaceId ifId;
+  if (const auto intf = pimStatus_->pimIntf(n->key().intfId())) ifId = intf->portInterfaceId();
   txPkt_->sizeIsUncleared(Nimo::SctpPam::kDefaultMaxRxPktData);
-  const std::uint32_t len = jp->writeJoinPruneMessage(txPkt_, kPortHeaderSize, nullptr);
-  const std::uint32_t frame = len ? writePortHeader(txPkt_, 0, kPortTypeJoinPrune, len) : 0;
+  const std::uint32_t len = jp->writeJoinPruneMessage(txPkt_, kPortJoinPruneOffset, nullptr);
+  const std::uint32_t frame = len ? writePortJoinPrune(txPkt_, 0, ifId, nbr.af(), len) : 0;
   if (frame == 0) return refuse("Write Error");
   if (!sctpPam_->doSendMsg(txPkt_->data(0), frame, id)) return refuse("Send Error");
   ++txSuccess_;
@@ -168,35 +171,54 @@ void PortPamManager::handleReadable() {
 
 void PortPamManager::rxMessage(const Kel::Ptr<Nimo::Pkt>& pkt) {
   const Nimo::IpGenAddr src = sctpPam_->rxSrcIpAddr();
-  // Bounded: every frame read consumes at least its 4-byte header.
+  const auto invalid = [&](const char* what) {
+    ++rxInvalid_;
+    FLICK_TRACE(portTrace(), 1, "{}: RX: Invalid {} From {} - Association {}", name().str(), what,
+                src, sctpPam_->rxAssociationId());
+  };
+  // Bounded: every message read consumes at least its 4-byte header.
   for (std::uint32_t at = 0; at < pkt->size();) {
-    PortFrame f;
-    const std::uint32_t n = readPortFrame(pkt, at, f);
-    if (n == 0) {
-      ++rxInvalid_;
-      FLICK_TRACE(portTrace(), 1, "{}: RX: Invalid Port Message From {} - Association {}",
-                  name().str(), src, sctpPam_->rxAssociationId());
-      return;
-    }
+    PortMessage m;
+    const std::uint32_t n = readPortMessage(pkt, at, m);
+    // The rest of this SCTP message cannot be framed; the next one starts afresh.
+    if (n == 0) return invalid("Port Message");
     at += n;
-    if (f.type != kPortTypeJoinPrune) continue;
-    auto jp = Kel::Ptr<Packet::JoinPruneMessage>::make();
-    jp->srcIpIs(portMessageAddr(src.af()));
-    jp->dstIpIs(portMessageAddr(src.af()));
-    // A copy ending with the frame: the decoder reads to the end of its packet.
-    if (jp->readJoinPruneMessage(Nimo::Pkt::copyOf(pkt->data(f.pimOffset), f.pimLength, 0), 0,
-                                 nullptr) == 0) {
-      ++rxInvalid_;
-      FLICK_TRACE(portTrace(), 1, "{}: RX: Invalid Join/Prune From {} - Association {}",
-                  name().str(), src, sctpPam_->rxAssociationId());
-      continue;
-    }
-    ++rxSuccess_;
-    rxAssociationId_ = sctpPam_->rxAssociationId();
-    rxMessageInfo_->neighborAddrIs(src);
-    rxMessageInfo_->joinPruneMessageIs(jp);
-    rxMessageInfo_->countInc();
+    rxSkipped_ += m.unknownOptions + (m.known() ? 0u : 1u);
+    if (m.type != kPortTypeJoinPrune) continue;
+    forEachPortOption(*pkt, m, [&](const PortOption& o) {
+      const auto af = portOptionFamily(o.type);
+      if (af && !rxJoinPrune(pkt, o, *af, m.interfaceId, src)) invalid("Join/Prune");
+    });
   }
+}
+
+bool PortPamManager::rxJoinPrune(const Kel::Ptr<Nimo::Pkt>& pkt, const PortOption& o,
+                                 Nimo::AddressFamily af, InterfaceId ifId,
+                                 const Nimo::IpGenAddr& src) {
+  auto jp = Kel::Ptr<Packet::JoinPruneMessage>::make();
+  jp->srcIpIs(portMessageAddr(af));
+  jp->dstIpIs(portMessageAddr(af));
+  // A copy ending with the option: the decoder reads to the end of its packet.
+  if (jp->readJoinPruneMessage(Nimo::Pkt::copyOf(pkt->data(o.offset), o.length, 0), 0, nullptr) ==
+      0) {
+    return false;
+  }
+  // The sender's Interface ID names the interface of ours its Hello came on; a zero one
+  // names nothing. A walk of the neighbours per message: an index is for when it shows.
+  Nimo::IntfId intf;
+  if (pimStatus_ && ifId != InterfaceId{}) {
+    pimStatus_->neighborForEach([&](const D::Neighbor& nb) {
+      if (nb.portInfo().interfaceId() == ifId) intf = nb.key().intfId();
+    });
+  }
+  ++rxSuccess_;
+  rxAssociationId_ = sctpPam_->rxAssociationId();
+  rxInterfaceId_ = ifId;
+  rxMessageInfo_->intfIdIs(intf);
+  rxMessageInfo_->neighborAddrIs(src);
+  rxMessageInfo_->joinPruneMessageIs(jp);
+  rxMessageInfo_->countInc();
+  return true;
 }
 
 Kel::Ptr<PortPamManager> portPamManagerFactory(const Kel::Name& name,

@@ -6,13 +6,19 @@
 // (sctpStatus) it keeps, and two MessageInfo records:
 //   - txMessageInfo: the agent posts a Join/Prune with neighborAddr set; the manager finds
 //     the neighbour's record in the PIM status, the association whose peer is the record's
-//     connection address, writes the message with the codec, frames it (PortFrame.h) and
-//     sends it on that association. Sent and refused messages are counted (txSuccess,
-//     txInvalid) and refusals traced.
-//   - rxMessageInfo: each Join/Prune received is decoded and posted with neighborAddr the
-//     association's peer; rxAssociationId() names the association it came on. A message
-//     that fails to frame or decode is counted (rxInvalid) and traced; the association stays.
-// The checksum inside a frame uses the unspecified addresses (PortFrame.h).
+//     connection address, writes the message with the codec, frames it as a PORT Join/Prune
+//     (PortFrame.h) with the Interface ID of our interface towards the neighbour (the
+//     interface record's portInterfaceId; zero without one) and sends it on that
+//     association. Sent and refused messages are counted (txSuccess, txInvalid) and
+//     refusals traced.
+//   - rxMessageInfo: each Join/Prune option received is decoded and posted with neighborAddr
+//     the association's peer and intfId the interface of the neighbour record whose Hello
+//     announced the message's Interface ID (empty when none did); rxAssociationId() and
+//     rxInterfaceId() tell where it came from. A PORT message that fails to frame drops the
+//     rest of its SCTP message, and a Join/Prune that fails to decode is dropped alone: each
+//     counted (rxInvalid) and traced; the association stays. Unknown PORT message types and
+//     options are stepped over and counted (rxSkipped); keep-alives are consumed silently.
+// The checksum inside a message uses the unspecified addresses (PortFrame.h).
 //
 // The PIM status: the record has no attribute for it, yet getPamForNeighbor and
 // setupNeighborAssociation read the neighbour records (portInfo, transportProtocol) of the
@@ -57,6 +63,7 @@
 #include "Pim/PimDrobe.h"
 #include "Pim/PimPam.h"
 #include "Pim/PimReliableTypes.h"
+#include "Pim/PortFrame.h"
 #include "Pim/platform/Flicklog.h"
 #include "Pim/platform/Kel.h"
 #include "Pim/platform/Nimo.h"
@@ -115,10 +122,13 @@ class PortPamManager : public Kel::Entity {
 
   // The association the last posted rxMessageInfo came on.
   Nimo::Sctp::AssociationId rxAssociationId() const noexcept { return rxAssociationId_; }
+  // The sender's Interface ID in the last posted rxMessageInfo.
+  InterfaceId rxInterfaceId() const noexcept { return rxInterfaceId_; }
   std::uint64_t txSuccess() const noexcept { return txSuccess_; }
   std::uint64_t txInvalid() const noexcept { return txInvalid_; }
   std::uint64_t rxSuccess() const noexcept { return rxSuccess_; }
   std::uint64_t rxInvalid() const noexcept { return rxInvalid_; }
+  std::uint64_t rxSkipped() const noexcept { return rxSkipped_; }
 
   void handleTxMessageInfo();
   void handleReadable();
@@ -128,6 +138,8 @@ class PortPamManager : public Kel::Entity {
   class RxReactor;
   std::optional<Routing::Pim::Drobe::Neighbor> neighborByAddress(const Nimo::IpGenAddr& a) const;
   void rxMessage(const Kel::Ptr<Nimo::Pkt>& pkt);
+  bool rxJoinPrune(const Kel::Ptr<Nimo::Pkt>& pkt, const PortOption& o, Nimo::AddressFamily af,
+                   InterfaceId ifId, const Nimo::IpGenAddr& src);
   Nimo::NamespaceName netNs_;
   Kel::Ptr<Routing::Pim::Drobe::Status> pimStatus_;
   Nimo::SctpPam::BackendFactory backend_;
@@ -141,7 +153,8 @@ class PortPamManager : public Kel::Entity {
   bool enabled_ = false;
   bool initialized_ = false;
   Nimo::Sctp::AssociationId rxAssociationId_ = 0;
-  std::uint64_t txSuccess_ = 0, txInvalid_ = 0, rxSuccess_ = 0, rxInvalid_ = 0;
+  InterfaceId rxInterfaceId_;
+  std::uint64_t txSuccess_ = 0, txInvalid_ = 0, rxSuccess_ = 0, rxInvalid_ = 0, rxSkipped_ = 0;
   Kel::Ptr<Nimo::Pkt> txPkt_;
 };
 

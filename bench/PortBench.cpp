@@ -93,9 +93,9 @@ int main(int argc, char** argv) {
       jp.dstIpIs(jp.srcIp());
       jp.joinPruneDataIs(data);
       const std::uint32_t len =
-          jp.writeJoinPruneMessage(frame, Routing::Pim::Reliable::kPortHeaderSize, nullptr);
-      frame->sizeIs(Routing::Pim::Reliable::writePortHeader(
-          frame, 0, Routing::Pim::Reliable::kPortTypeJoinPrune, len));
+          jp.writeJoinPruneMessage(frame, Routing::Pim::Reliable::kPortJoinPruneOffset, nullptr);
+      frame->sizeIs(
+          Routing::Pim::Reliable::writePortJoinPrune(frame, 0, {}, Nimo::AddressFamily::ipv4, len));
     }
     pollfd pf{p[0], POLLIN, 0};
     const auto waitB = [&] {

@@ -1,6 +1,7 @@
 // Fuzz harness support: input decoding, seeds. See FuzzInput.h.
 #include "fuzz/FuzzInput.h"
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 
@@ -234,16 +235,30 @@ std::vector<std::vector<std::uint8_t>> seeds(std::string_view target) {
     }
   }
   if (target == "readPortFrame") {
-    // A Join/Prune framed (its IPv4 checksum has no pseudo-header, so it decodes) and a
-    // keep-alive.
+    // A PORT Join/Prune per family (the IPv4 checksum has no pseudo-header, so it decodes),
+    // one with an unknown option after its Join/Prune, a keep-alive and an unknown type.
+    const auto be16 = [](std::size_t v) {
+      return std::array<std::uint8_t, 2>{static_cast<std::uint8_t>(v >> 8),
+                                         static_cast<std::uint8_t>(v)};
+    };
     for (Family f : {Family::Ipv4, Family::Ipv6}) {
       auto jp = writtenJoinPrune(f, false);
-      const auto len = static_cast<std::uint16_t>(jp.size() + 4);
-      jp.insert(jp.begin(), {0, 1, static_cast<std::uint8_t>(len >> 8),
-                             static_cast<std::uint8_t>(len), 0, 0, 0, 0});
+      const auto n = be16(jp.size()), total = be16(jp.size() + 16);
+      jp.insert(
+          jp.begin(),
+          {0,    1,   total[0], total[1], 0, 0,
+           0,    0,   1,        1,        1, 1,
+           0,    0,   0,        7,        0, f == Family::Ipv4 ? std::uint8_t{1} : std::uint8_t{2},
+           n[0], n[1]});
       out.push_back(encode(f, 0, false, jp));
     }
-    out.push_back(encode(Family::Ipv4, 2, false, {0, 2, 0, 4, 0, 0, 0, 0}));
+    auto extra = out.back();  // after the context byte, Message Length at 3 and 4
+    extra.insert(extra.end(), {0, 9, 0, 2, 0xab, 0xcd});
+    const auto longer = be16(static_cast<std::size_t>(extra[3] << 8 | extra[4]) + 6);
+    extra[3] = longer[0];
+    extra[4] = longer[1];
+    out.push_back(extra);
+    out.push_back(encode(Family::Ipv4, 2, false, {0, 2, 0, 0, 0, 7, 0, 2, 0, 0}));
   }
   for (auto& seed : sampleSeeds(target)) out.push_back(std::move(seed));
   return out;

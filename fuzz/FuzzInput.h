@@ -74,7 +74,7 @@ std::uint32_t pimdumpFrame(const std::uint8_t* data, std::size_t size);
 // The receive path (IOSm::processPkt): byte 0 its own context (ProcessPktFuzz.cpp), then
 // the IP packet as the socket hands it over; 1 when accepted, else 0.
 std::uint32_t processPkt(const std::uint8_t* data, std::size_t size);
-// The framing of PIM over a reliable transport, and the Join/Prune inside a frame.
+// The PORT messages of PIM over a reliable transport, and the Join/Prunes inside.
 std::uint32_t readPortFrame(const std::uint8_t* data, std::size_t size);
 
 // The targets by name: the fuzzers' binary suffix (pimfuzz_<name>) and corpus directory.

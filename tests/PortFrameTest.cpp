@@ -1,4 +1,4 @@
-// PortFrame: the TLV around PIM messages on a reliable-transport association.
+// PortFrame: the PORT messages around PIM Join/Prunes on a reliable-transport association.
 #include <gtest/gtest.h>
 
 #include "Pim/PimMessage.h"
@@ -12,8 +12,10 @@ using PimTest::Bytes;
 
 class PortFrameTest : public PimTest::TraceTest {};
 
-// A Join/Prune for one group, written behind a frame header; the frame's bytes.
-Bytes framedJoinPrune(Nimo::AddressFamily af) {
+const InterfaceId kIfId(0x0a000001, 0x01020304);
+
+// A Join/Prune for one group written inside a PORT Join/Prune message; the message's bytes.
+Bytes portJoinPrune(Nimo::AddressFamily af) {
   const bool v4 = af == Nimo::AddressFamily::ipv4;
   auto data = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
   data->upstreamNeighborIs(Nimo::IpGenAddr(v4 ? "10.0.0.2" : "2001:db8::2"));
@@ -26,79 +28,99 @@ Bytes framedJoinPrune(Nimo::AddressFamily af) {
   m.dstIpIs(portMessageAddr(af));
   m.joinPruneDataIs(data);
   auto pkt = Nimo::Pkt::create(1500);
-  const std::uint32_t n = m.writeJoinPruneMessage(pkt, kPortHeaderSize, nullptr);
+  const std::uint32_t n = m.writeJoinPruneMessage(pkt, kPortJoinPruneOffset, nullptr);
   EXPECT_NE(n, 0u);
-  EXPECT_EQ(writePortHeader(pkt, 0, kPortTypeJoinPrune, n), kPortHeaderSize + n);
-  return PimTest::bytesOf(*pkt, kPortHeaderSize + n);
+  EXPECT_EQ(writePortJoinPrune(pkt, 0, kIfId, af, n), kPortJoinPruneOffset + n);
+  return PimTest::bytesOf(*pkt, kPortJoinPruneOffset + n);
 }
 
 TEST_F(PortFrameTest, JoinPruneGoesRoundInBothFamiliesAndEveryPrefixFails) {
   for (const auto af : {Nimo::AddressFamily::ipv4, Nimo::AddressFamily::ipv6}) {
-    const Bytes frame = framedJoinPrune(af);
-    const auto len = static_cast<std::uint16_t>(frame.size() - 4);
-    EXPECT_EQ(PimTest::toHex(Bytes(frame.begin(), frame.begin() + 8)),
-              PimTest::toHex({0, 1, static_cast<std::uint8_t>(len >> 8),
-                              static_cast<std::uint8_t>(len), 0, 0, 0, 0}));
-    // Two frames back to back, as on a byte stream: the first ends where the second starts.
-    Bytes two = frame;
-    two.insert(two.end(), frame.begin(), frame.end());
-    PortFrame f;
-    ASSERT_EQ(readPortFrame(PimTest::pkt(two), 0, f), frame.size());
-    EXPECT_EQ(f.pimOffset, kPortHeaderSize);
-    EXPECT_EQ(f.pimLength, frame.size() - kPortHeaderSize);
-    ASSERT_EQ(readPortFrame(PimTest::pkt(two), static_cast<std::uint32_t>(frame.size()), f),
-              frame.size());
-    EXPECT_EQ(f.pimOffset, frame.size() + kPortHeaderSize);
-    // The message inside decodes with the unspecified pseudo-header addresses.
+    const Bytes msg = portJoinPrune(af);
+    const auto pim = static_cast<std::uint8_t>(msg.size() - kPortJoinPruneOffset);
+    const std::uint8_t opt = af == Nimo::AddressFamily::ipv4 ? 1 : 2;
+    EXPECT_EQ(PimTest::toHex(Bytes(msg.begin(), msg.begin() + kPortJoinPruneOffset)),
+              PimTest::toHex({0,    1,   0, static_cast<std::uint8_t>(pim + 16),
+                              0,    0,   0, 0,
+                              0x0a, 0,   0, 1,
+                              1,    2,   3, 4,
+                              0,    opt, 0, pim}));
+    // A keep-alive and then the Join/Prune, as they follow each other on the association.
+    Bytes two = {0, 2, 0, 0};
+    two.insert(two.end(), msg.begin(), msg.end());
+    const auto pkt = PimTest::pkt(two);
+    PortMessage m;
+    ASSERT_EQ(readPortMessage(pkt, 0, m), 4u);
+    EXPECT_EQ(m.type, kPortTypeKeepAlive);
+    ASSERT_EQ(readPortMessage(pkt, 4, m), msg.size());
+    EXPECT_EQ(m.interfaceId, kIfId);
+    EXPECT_EQ(m.joinPrunes, 1u);
+    std::vector<PortOption> opts;
+    forEachPortOption(*pkt, m, [&](const PortOption& o) { opts.push_back(o); });
+    ASSERT_EQ(opts.size(), 1u);
+    EXPECT_EQ(portOptionFamily(opts[0].type), af);
+    EXPECT_EQ(opts[0].offset, 4 + kPortJoinPruneOffset);
+    EXPECT_EQ(opts[0].length, pim);
+    // The option's value decodes with the unspecified pseudo-header addresses.
     auto rx = Kel::Ptr<Routing::Pim::Packet::JoinPruneMessage>::make();
     rx->srcIpIs(portMessageAddr(af));
     rx->dstIpIs(portMessageAddr(af));
-    ASSERT_EQ(rx->readJoinPruneMessage(
-                  PimTest::pkt(Bytes(frame.begin() + kPortHeaderSize, frame.end())), 0, nullptr),
-              f.pimLength);
+    ASSERT_EQ(
+        rx->readJoinPruneMessage(Nimo::Pkt::copyOf(pkt->data(opts[0].offset), pim, 0), 0, nullptr),
+        pim);
     EXPECT_EQ(rx->joinPruneData()->holdTime(), 210);
-    for (long n = 0; n < static_cast<long>(frame.size()); ++n) {
+    // Cut anywhere before its end, the message fails with one line.
+    for (long n = 0; n < static_cast<long>(msg.size()); ++n) {
       clear();
-      EXPECT_EQ(readPortFrame(PimTest::pkt(Bytes(frame.begin(), frame.begin() + n)), 0, f), 0u)
-          << n;
+      EXPECT_EQ(readPortMessage(PimTest::pkt(Bytes(msg.begin(), msg.begin() + n)), 0, m), 0u) << n;
       EXPECT_EQ(errors().size(), 1u) << n;
     }
   }
 }
 
-TEST_F(PortFrameTest, BadFramesFailWithOneLine) {
+TEST_F(PortFrameTest, MalformedMessagesFailAndUnknownOnesAreSteppedOver) {
+  // The line is the warning when the message is consumed, else the error.
   struct Row {
-    Bytes in;
-    std::uint32_t offset;
-    std::string error;
+    const char* in;
+    std::uint32_t offset, consumed, joinPrunes, unknownOptions;
+    std::string line;
   };
   const Row rows[] = {
-      {{0, 3, 0, 8, 0, 0, 0, 0, 0x23, 0, 0, 0}, 0, "Invalid Port Frame - Unknown Type: 3"},
-      {{0, 1, 0, 7, 0, 0, 0, 0, 0x23, 0, 0},
-       0,
-       "Invalid Port Frame - Join/Prune Length: 7 Expected: 8"},
-      {{0, 2, 0, 5, 0, 0, 0, 0, 0}, 0, "Invalid Port Frame - Keep-Alive Length: 5 Expected: 4"},
-      {{0, 1, 0xff, 0xff, 0, 0, 0, 0},
-       0,
-       "Invalid Port Frame - Message Length: 65535 Remaining: 4"},
-      {{0, 2, 0, 4, 0, 0, 0, 0}, 9, "Invalid Port Frame - Header - Read Error - Remaining: 0"},
+      // Accepted: unknown type, keep-alive with a body, options of every kind, none at all.
+      {"0003 0002 0909", 0, 6, 0, 0, "Warning: Port Message - Unknown Type: 3 Length: 2"},
+      {"0002 0002 0909 0002 0000", 0, 6, 0, 0, ""},
+      {"0001 0016 00000000 01010101 00000002 0009 0000 0001 0002 2300", 0, 26, 1, 1,
+       "Warning: Port Join/Prune - Unknown Option - Type: 9"},
+      {"0001 000c ffffffff 01010101 00000002", 0, 16, 0, 0, ""},
+      // Refused: each with one line.
+      {"0001 000b 00000000 01010101 000000", 0, 0, 0, 0,
+       "Invalid Port Join/Prune - Message Length: 11 Expected: 12"},
+      {"0001 000e 00000000 01010101 00000002 0001", 0, 0, 0, 0,
+       "Invalid Port Join/Prune - Option Header - Remaining: 2"},
+      {"0001 0010 00000000 01010101 00000002 0001 0009", 0, 0, 0, 0,
+       "Invalid Port Join/Prune - Option Type: 1 Length: 9 Remaining: 0"},
+      {"0001 ffff 00000000", 0, 0, 0, 0,
+       "Invalid Port Message - Message Length: 65535 Remaining: 4"},
+      {"0002 0000", 3, 0, 0, 0, "Invalid Port Message - Header - Read Error - Remaining: 1"},
   };
   for (const auto& r : rows) {
     clear();
-    PortFrame f;
-    EXPECT_EQ(readPortFrame(PimTest::pkt(r.in), r.offset, f), 0u) << r.error;
-    EXPECT_EQ(errors(), only(r.error));
+    PortMessage m;
+    EXPECT_EQ(readPortMessage(PimTest::pkt(PimTest::hex(r.in)), r.offset, m), r.consumed) << r.in;
+    EXPECT_EQ(r.consumed ? warnings() : errors(), only(r.line)) << r.in;
+    EXPECT_EQ((r.consumed ? errors() : warnings()), only("")) << r.in;
+    if (r.consumed == 0) continue;
+    EXPECT_EQ(m.joinPrunes, r.joinPrunes) << r.in;
+    EXPECT_EQ(m.unknownOptions, r.unknownOptions) << r.in;
   }
-  // Keep-alive: consumed, no message.
-  PortFrame f;
-  EXPECT_EQ(readPortFrame(PimTest::pkt({0, 2, 0, 4, 0, 0, 0, 0}), 0, f), 8u);
-  EXPECT_EQ(f.pimLength, 0u);
-  // Writer refusals: a message too short to be PIM, a keep-alive with a body, no room.
-  auto small = Nimo::Pkt::create(10);
-  EXPECT_EQ(writePortHeader(small, 0, kPortTypeJoinPrune, 3), 0u);
-  EXPECT_EQ(writePortHeader(small, 0, kPortTypeKeepAlive, 4), 0u);
-  EXPECT_EQ(writePortHeader(small, 0, kPortTypeJoinPrune, 4), 0u);
-  EXPECT_EQ(writePortHeader(small, 0, 7, 0), 0u);
+  // Writer refusals: a message too short to be PIM, one too long for the length fields,
+  // no room for the headers.
+  auto small = Nimo::Pkt::create(kPortJoinPruneOffset + 3);
+  EXPECT_EQ(writePortJoinPrune(small, 0, kIfId, Nimo::AddressFamily::ipv4, 3), 0u);
+  EXPECT_EQ(writePortJoinPrune(small, 0, kIfId, Nimo::AddressFamily::ipv4, 0xfff0), 0u);
+  EXPECT_EQ(writePortJoinPrune(small, 0, kIfId, Nimo::AddressFamily::ipv4, 4), 0u);
+  EXPECT_EQ(writePortKeepAlive(small, kPortJoinPruneOffset), 0u);
+  EXPECT_EQ(writePortKeepAlive(small, 0), 4u);
 }
 
 }  // namespace

@@ -30,9 +30,10 @@ struct PortPamTest : ::testing::Test {
     trace.levelIs(9);
   }
   void TearDown() override { trace.levelIs(0); }
-  void neighbor(const char* addr, const char* conn, Protocol p = Protocol::Sctp) {
+  void neighbor(const char* addr, const char* conn, Protocol p = Protocol::Sctp,
+                InterfaceId id = {}) {
     D::Neighbor nb(D::NeighborKey(IpGenAddr(addr), kIntf), 105, {}, {}, {});
-    nb.portInfoIs(NeighborInfo(IpGenAddr(conn), CapabilityFlags(false, true), {}));
+    nb.portInfoIs(NeighborInfo(IpGenAddr(conn), CapabilityFlags(false, true), id));
     nb.transportProtocolIs(p);
     ASSERT_TRUE(status->neighborIs(nb));
     status->neighborCommit();
@@ -133,7 +134,10 @@ TEST_F(PortPamTest, SetupConnectsOnceToARealConnectionAddress) {
 TEST_F(PortPamTest, JoinPruneGoesOutFramedAndComesBackDecodedGarbageIsCounted) {
   mgr->enabledIs(true);
   mgr->handleInitialized();
-  neighbor("10.0.0.2", "10.9.0.2");
+  D::Intf intf(kIntf, Nimo::IpGenAddrWithMask("10.0.0.1/24"));
+  intf.portInterfaceIdIs(InterfaceId(1, 2));
+  ASSERT_TRUE(status->pimIntfIs(intf));
+  neighbor("10.0.0.2", "10.9.0.2", Protocol::Sctp, InterfaceId(9, 9));
   auto jp = Kel::Ptr<Routing::Pim::Packet::JoinPruneMessage>::make();
   auto data = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
   data->upstreamNeighborIs(IpGenAddr("10.0.0.2"));
@@ -158,18 +162,39 @@ TEST_F(PortPamTest, JoinPruneGoesOutFramedAndComesBackDecodedGarbageIsCounted) {
   EXPECT_EQ(fake->sent[0].id, 5u);
   EXPECT_EQ(mgr->txSuccess(), 1u);
   EXPECT_EQ(mgr->sctpPam()->txBytes(), fake->sent[0].bytes.size());
-  // What went out comes back in on the association, then garbage on the same one.
-  fake->message({fake->sent[0].bytes}, 5, IpGenAddr("10.9.0.2"));
-  fake->message({{0, 1, 0, 8, 0, 0, 0, 0, 0x23, 0, 0, 0}}, 5, IpGenAddr("10.9.0.2"));
-  fake->message({{9, 9}}, 5, IpGenAddr("10.9.0.2"));
+  // Our interface's Interface ID and an IPv4 Join/Prune option.
+  PimTest::Bytes msg = fake->sent[0].bytes;
+  ASSERT_GT(msg.size(), kPortJoinPruneOffset);
+  const auto pim = static_cast<std::uint16_t>(msg.size() - kPortJoinPruneOffset);
+  EXPECT_EQ(PimTest::Bytes(msg.begin() + 8, msg.begin() + 20),
+            (PimTest::Bytes{0, 0, 0, 1, 0, 0, 0, 2, 0, 1, static_cast<std::uint8_t>(pim >> 8),
+                            static_cast<std::uint8_t>(pim)}));
+  // It comes back as the neighbour would send it, with the neighbour's Interface ID, behind
+  // a keep-alive and an unknown message type, and with an unknown option after it.
+  for (std::size_t i = 8; i < 16; ++i) msg[i] = (i == 11 || i == 15) ? 9 : 0;
+  msg[3] += 4;
+  msg.insert(msg.end(), {0, 7, 0, 0});
+  PimTest::Bytes in = {0, 2, 0, 0, 0, 5, 0, 1, 0xaa};
+  in.insert(in.end(), msg.begin(), msg.end());
+  const IpGenAddr peer("10.9.0.2");
+  fake->message({in}, 5, peer);
+  // Garbage on the same association: a Join/Prune option that does not decode (the good
+  // message after it still arrives), then a message whose length runs past its end.
+  PimTest::Bytes bad = {0, 1, 0, 18, 0, 0, 0, 0, 0, 0, 0, 9, 0, 0, 0, 9, 0, 1, 0, 2, 0x23, 0};
+  bad.insert(bad.end(), msg.begin(), msg.end());
+  fake->message({bad}, 5, peer);
+  fake->message({{0, 1, 0, 40, 0, 0}}, 5, peer);
   mgr->handleReadable();
-  EXPECT_EQ(mgr->rxSuccess(), 1u);
+  EXPECT_EQ(mgr->rxSuccess(), 2u);
   EXPECT_EQ(mgr->rxInvalid(), 2u);
+  EXPECT_EQ(mgr->rxSkipped(), 3u);  // the unknown type and two unknown options
   const auto rx = mgr->rxMessageInfo()->joinPruneMessage();
   ASSERT_TRUE(rx);
   EXPECT_EQ(rx->joinPruneData()->holdTime(), 210);
-  EXPECT_EQ(mgr->rxMessageInfo()->neighborAddr(), IpGenAddr("10.9.0.2"));
-  EXPECT_EQ(mgr->rxMessageInfo()->count(), 1u);
+  EXPECT_EQ(mgr->rxMessageInfo()->neighborAddr(), peer);
+  EXPECT_EQ(mgr->rxMessageInfo()->intfId(), kIntf);
+  EXPECT_EQ(mgr->rxInterfaceId(), InterfaceId(9, 9));
+  EXPECT_EQ(mgr->rxMessageInfo()->count(), 2u);
   EXPECT_EQ(mgr->rxAssociationId(), 5u);
   EXPECT_EQ(mgr->sctpStatus()->upCount(), 1u);
   EXPECT_EQ(lines(1).size(), 3u);  // one refusal, two invalid messages

@@ -1,7 +1,13 @@
 // Nimo::SctpPam through the fake behind its system-call seam: the receive loop (pieces,
 // oversize, notifications), association events into the status, refusals when closed or
 // disabled.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "Pim/platform/Flicklog.h"
 #include "tests/SctpFake.h"
@@ -165,6 +171,38 @@ TEST_F(SctpPamTest, NoBackendLeavesItClosedAndEveryOperationFailsCleanly) {
   EXPECT_EQ(errors().size(), 5u);
   EXPECT_EQ(errors()[2], "Port: doConnect - Failed - Socket Closed");
   EXPECT_EQ(f->opened, 1);  // nothing retried
+}
+
+// Built without libusrsctp (the NoUsrsctpBuild test's tree): asking for the userland stack,
+// or falling back to it from a kernel without SCTP, fails with an errno and says why.
+TEST_F(SctpPamTest, UserlandAbsentSaysSo) {
+  if (Nimo::Sctp::userlandAvailable()) GTEST_SKIP() << "built with libusrsctp";
+  struct Row {
+    const char* backend;  // PIM_SCTP_BACKEND; null: unset
+    std::vector<std::string> lines;
+  };
+  const int kernelErr = [] {
+    const int fd = ::socket(AF_INET6, SOCK_SEQPACKET, IPPROTO_SCTP);
+    return fd < 0 ? errno : (::close(fd), 0);
+  }();
+  const Row rows[] = {
+      {"userland",
+       {"Userland SCTP - Not Built In - Kernel Error: 0",
+        "Port: createSocket - Failed - Error: 95"}},
+      {nullptr,
+       {fmt::format("Userland SCTP - Not Built In - Kernel Error: {}", kernelErr),
+        fmt::format("Port: createSocket - Failed - Error: {}", kernelErr)}},
+  };
+  for (const auto& r : rows) {
+    if (!r.backend && kernelErr == 0) continue;  // the kernel's sockets serve: nothing to say
+    if (r.backend) ::setenv("PIM_SCTP_BACKEND", r.backend, 1);
+    auto p = Kel::Ptr<Nimo::SctpPam>::make("Port", "", Nimo::SctpPam::BackendFactory{});
+    capture.clear();
+    EXPECT_FALSE(p->createSocket());
+    ::unsetenv("PIM_SCTP_BACKEND");
+    EXPECT_EQ(errors(), r.lines);
+    EXPECT_EQ(p->createErrors(), 1u);
+  }
 }
 
 }  // namespace

@@ -628,9 +628,10 @@ Kel::Ptr<IpPam> ipPamFactory(const Kel::Name& name, AddressFamily af, std::uint8
 //     where the kernel has SCTP, and create one userland SctpPam per process.
 //   - keeps its raw sockets open for the object's life; closing them makes the kernel
 //     answer SCTP with ICMP protocol-unreachable and kills the peers' associations.
-//   - has no path-MTU discovery: each association's path MTU is set from pathMtu (the
-//     link MTU less 32 for IPv4 and 52 for IPv6; the SCTP header is not counted) with
-//     PMTUD disabled.
+//   - has no path-MTU discovery: each association's path MTU is set when it is made, with
+//     PMTUD disabled, from the route's MTU towards the peer (the link's, read once per
+//     peer address through a connected UDP socket) less 32 for IPv4 and 52 for IPv6 (IP
+//     and SCTP headers), or from pathMtu where one is set.
 //
 // Attributes and operations, and the socket call each maps to:
 //   createSocket()   socket(AF_INET6, SOCK_SEQPACKET, IPPROTO_SCTP), O_NONBLOCK,
@@ -762,7 +763,8 @@ class Backend {
   virtual void close() = 0;
   // Calls readable (on the loop) whenever the socket may have something to read.
   virtual void loopIs(Ulm::EventLoop* loop, std::function<void()> readable) = 0;
-  // The path MTU each new association gets (userland: no PMTU discovery).
+  // The path MTU each new association gets (userland: no PMTU discovery); 0: each peer's
+  // from the link towards it.
   virtual void pathMtuIs(std::uint32_t) {}
   // Retransmission timeout bounds of new associations, in milliseconds (SCTP_RTOINFO).
   virtual int rtoIs(std::uint32_t initialMs, std::uint32_t minMs, std::uint32_t maxMs) = 0;
@@ -875,7 +877,7 @@ class SctpPam : public Kel::Entity {
   std::uint32_t autoCloseTime_ = 0;
   std::uint32_t optionFlags_ = 0;
   int backlog_ = kDefaultBacklog;
-  std::uint32_t pathMtu_ = 1500 - 52;
+  std::uint32_t pathMtu_ = 0;  // 0: from the link (userland); the kernel discovers its own
   Kel::Ptr<Sctp::Status> status_;
   IpGenAddr rxSrcIpAddr_;
   std::uint16_t rxSrcPort_ = 0;

@@ -29,6 +29,7 @@ std::unique_ptr<Sctp::Backend> defaultBackend(const NamespaceName& netNs, int& e
   auto u = Sctp::userlandBackend();
   if (!u) {
     FLICK_TRACE(sctpTrace(), 1, "Userland SCTP - Not Built In - Kernel Error: {}", err);
+    if (err == 0) err = ENOTSUP;  // the kernel was not asked: still an errno to report
     return nullptr;
   }
   err = -u->open(netNs);

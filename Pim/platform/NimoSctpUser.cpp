@@ -36,6 +36,7 @@ constexpr double kTimerPeriod = 0.010;
 struct Peer {
   IpGenAddr addr;
   std::uint32_t scopeId = 0;
+  std::uint32_t pathMtu = 0;  // from the link towards it, less the IP and SCTP headers
 };
 
 class UserBackend;
@@ -56,6 +57,9 @@ class UserBackend final : public Backend {
       NetNsGuard ns(netNs, userTrace());
       if (!ns.ok()) return -ENOENT;
       raw4_ = ::socket(AF_INET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, kIpProtoSctp);
+      // Never sent on: connected to a peer, they tell the route's MTU towards it.
+      probe4_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+      probe6_ = ::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
       if (raw4_ < 0) return fail();
       raw6_ = ::socket(AF_INET6, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, kIpProtoSctp);
       if (raw6_ < 0) return fail();
@@ -63,7 +67,7 @@ class UserBackend final : public Backend {
     if (!gInitialised) {
       usrsctp_init_nothreads(0, output, nullptr);
       // Neither the stack's own PMTU discovery nor its address scanning reaches our
-      // sockets; the path MTU is set per association instead.
+      // sockets; the path MTU is set per peer instead (pathMtuBefore).
       usrsctp_sysctl_set_sctp_auto_asconf(0);
       gInitialised = true;
     }
@@ -101,7 +105,9 @@ class UserBackend final : public Backend {
   int listen(int backlog) override { return usrsctp_listen(so_, backlog) == 0 ? 0 : -errno; }
   int connect(const Endpoint& peerEp) override {
     if (isLinkLocal(peerEp.addr) && peerEp.scopeId == 0) return -EINVAL;
-    sockaddr_conn sc = conn(peerFor(peerEp.addr, peerEp.scopeId), peerEp.port);
+    Peer* peerP = peerFor(peerEp.addr, peerEp.scopeId);
+    pathMtuBefore(*peerP);
+    sockaddr_conn sc = conn(peerP, peerEp.port);
     if (usrsctp_connect(so_, reinterpret_cast<sockaddr*>(&sc), sizeof sc) == 0) return 0;
     const int err = errno;
     flush();
@@ -114,7 +120,9 @@ class UserBackend final : public Backend {
     sockaddr* dst = nullptr;
     int count = 0;
     if (id == 0) {
-      sc = conn(peerFor(to.addr, to.scopeId), to.port);
+      Peer* peerP = peerFor(to.addr, to.scopeId);
+      pathMtuBefore(*peerP);  // this send may start an association
+      sc = conn(peerP, to.port);
       dst = reinterpret_cast<sockaddr*>(&sc);
       count = 1;
     }
@@ -184,6 +192,10 @@ class UserBackend final : public Backend {
     if (raw4_ >= 0) ::close(raw4_);
     if (raw6_ >= 0) ::close(raw6_);
     raw4_ = raw6_ = -1;
+    for (int fd : {probe4_, probe6_})
+      if (fd >= 0) ::close(fd);
+    probe4_ = probe6_ = -1;
+    futureMtu_ = 0;
     if (gOwner == this) gOwner = nullptr;
   }
   void loopIs(Ulm::EventLoop* loop, std::function<void()> readable) override {
@@ -202,14 +214,7 @@ class UserBackend final : public Backend {
   }
   void pathMtuIs(std::uint32_t mtu) override {
     pathMtu_ = mtu;
-    if (!so_) return;
-    sctp_paddrparams pp{};
-    pp.spp_assoc_id = SCTP_FUTURE_ASSOC;
-    pp.spp_pathmtu = mtu;
-    pp.spp_flags = SPP_PMTUD_DISABLE;
-    if (usrsctp_setsockopt(so_, IPPROTO_SCTP, SCTP_PEER_ADDR_PARAMS, &pp, sizeof pp) != 0) {
-      FLICK_TRACE(userTrace(), 1, "Userland SCTP - Path MTU {} - Failed - Error: {}", mtu, errno);
-    }
+    if (mtu) futureMtuIs(mtu);
   }
 
   // The stack's output: one SCTP packet to the peer behind addr.
@@ -259,10 +264,53 @@ class UserBackend final : public Backend {
     const std::uint32_t scope = isLinkLocal(addr) ? scopeId : 0;
     auto& slot = peers_[{addr, scope}];
     if (!slot) {
-      slot = std::make_unique<Peer>(Peer{addr, scope});
+      slot = std::make_unique<Peer>(Peer{addr, scope, linkPathMtu(addr, scope)});
       usrsctp_register_address(slot.get());
     }
     return slot.get();
+  }
+  // The route's MTU towards addr (the link's, unless a route says less) less the IP and
+  // SCTP headers: what the stack may put in one packet without the kernel fragmenting it.
+  // Without a route, the least any IPv6 link carries.
+  std::uint32_t linkPathMtu(const IpGenAddr& addr, std::uint32_t scope) const {
+    const bool v4 = addr.af() == AddressFamily::ipv4;
+    const std::uint32_t headers = v4 ? 20 + 12 : 40 + 12;
+    const int fd = v4 ? probe4_ : probe6_;
+    int mtu = 0;
+    socklen_t len = sizeof mtu;
+    sockaddr_in to4{};
+    sockaddr_in6 to6 = toSockAddr6(Endpoint{addr, 9, scope});
+    to4.sin_family = AF_INET;
+    to4.sin_port = htons(9);
+    if (v4) std::memcpy(&to4.sin_addr, addr.bytes(), 4);
+    const auto* to =
+        v4 ? reinterpret_cast<const sockaddr*>(&to4) : reinterpret_cast<const sockaddr*>(&to6);
+    if (fd < 0 || ::connect(fd, to, v4 ? sizeof to4 : sizeof to6) != 0 ||
+        ::getsockopt(fd, v4 ? IPPROTO_IP : IPPROTO_IPV6, v4 ? IP_MTU : IPV6_MTU, &mtu, &len) != 0 ||
+        static_cast<std::uint32_t>(mtu) <= headers) {
+      mtu = 1280;
+    }
+    sockaddr none{};
+    none.sa_family = AF_UNSPEC;
+    if (fd >= 0) (void)::connect(fd, &none, sizeof none);
+    FLICK_TRACE(userTrace(), 5, "Userland SCTP - Peer {} - Path MTU {}", addr,
+                static_cast<std::uint32_t>(mtu) - headers);
+    return static_cast<std::uint32_t>(mtu) - headers;
+  }
+  // Associations take the stack's default path MTU when they are made, so the default is
+  // the peer's before anything that may make one with it; a set pathMtu wins.
+  void pathMtuBefore(const Peer& peerP) { futureMtuIs(pathMtu_ ? pathMtu_ : peerP.pathMtu); }
+  void futureMtuIs(std::uint32_t mtu) {
+    if (!so_ || mtu == futureMtu_) return;
+    sctp_paddrparams pp{};
+    pp.spp_assoc_id = SCTP_FUTURE_ASSOC;
+    pp.spp_pathmtu = mtu;
+    pp.spp_flags = SPP_PMTUD_DISABLE;
+    if (usrsctp_setsockopt(so_, IPPROTO_SCTP, SCTP_PEER_ADDR_PARAMS, &pp, sizeof pp) != 0) {
+      FLICK_TRACE(userTrace(), 1, "Userland SCTP - Path MTU {} - Failed - Error: {}", mtu, errno);
+      return;
+    }
+    futureMtu_ = mtu;
   }
   // The stack asked for a read while it ran: tell the owner now that it has returned.
   void flush() {
@@ -285,8 +333,9 @@ class UserBackend final : public Backend {
         if (static_cast<std::size_t>(n) <= at) continue;
       }
       const Endpoint src = fromSockAddr(reinterpret_cast<const sockaddr*>(&from));
-      usrsctp_conninput(peerFor(src.addr, src.scopeId), buf_ + at, static_cast<std::size_t>(n) - at,
-                        0);
+      Peer* peerP = peerFor(src.addr, src.scopeId);
+      pathMtuBefore(*peerP);  // this packet may complete an association
+      usrsctp_conninput(peerP, buf_ + at, static_cast<std::size_t>(n) - at, 0);
     }
     flush();
   }
@@ -312,7 +361,10 @@ class UserBackend final : public Backend {
   std::function<void()> readable_;
   std::unique_ptr<Ulm::Timer> timer_;
   std::chrono::steady_clock::time_point last_;
-  std::uint32_t pathMtu_ = 1500 - 52;
+  int probe4_ = -1;
+  int probe6_ = -1;
+  std::uint32_t pathMtu_ = 0;    // set by the owner; 0: each peer's from its link
+  std::uint32_t futureMtu_ = 0;  // the stack's default for new associations now
   bool pending_ = false;
   std::uint8_t buf_[65536];
 };

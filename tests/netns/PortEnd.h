@@ -46,16 +46,27 @@ struct PortEnd {
     }
     return done();
   }
-  bool send(std::uint16_t holdTime) {
+  // The Join/Prune that send(holdTime) posts: one group of the peer's family and `sources`
+  // sources (10.1.x.y or 2001:db8::x:y).
+  static Kel::Ptr<Routing::Pim::Packet::JoinPruneMessage> joinPrune(const IpGenAddr& peer,
+                                                                    std::uint16_t holdTime,
+                                                                    int sources = 1) {
     auto data = Kel::Ptr<Routing::Pim::JoinPruneData>::make();
-    data->upstreamNeighborIs(peerAddr);
+    data->upstreamNeighborIs(peer);
     data->holdTimeIs(holdTime);
-    const bool v4 = peerAddr.af() == Nimo::AddressFamily::ipv4;
-    data->joinPruneGroupDataIs(
-            Nimo::IpGenPrefix(IpGenAddr(v4 ? "232.1.1.1" : "ff3e::1"), v4 ? 32 : 128))
-        .joinedSourceIs(IpGenAddr(v4 ? "10.1.1.1" : "2001:db8::1"));
+    const bool v4 = peer.af() == Nimo::AddressFamily::ipv4;
+    auto& group = data->joinPruneGroupDataIs(
+        Nimo::IpGenPrefix(IpGenAddr(v4 ? "232.1.1.1" : "ff3e::1"), v4 ? 32 : 128));
+    for (int i = 1; i <= sources; ++i) {
+      group.joinedSourceIs(IpGenAddr(v4 ? fmt::format("10.1.{}.{}", i / 256, i % 256).c_str()
+                                        : fmt::format("2001:db8::{:x}", i).c_str()));
+    }
     auto jp = Kel::Ptr<Routing::Pim::Packet::JoinPruneMessage>::make();
     jp->joinPruneDataIs(data);
+    return jp;
+  }
+  bool send(std::uint16_t holdTime, int sources = 1) {
+    const auto jp = joinPrune(peerAddr, holdTime, sources);
     const auto before = mgr->txSuccess();
     mgr->txMessageInfo()->neighborAddrIs(peerAddr);
     mgr->txMessageInfo()->joinPruneMessageIs(jp);

@@ -1,11 +1,19 @@
 // PIM over SCTP between two namespaces with real associations: a PortPamManager in each
 // (the userland backend here, the kernel's where it has SCTP), one end per process since a
 // userland stack is one per process. B runs in a child and reports on a pipe; A runs here.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/wait.h>
 
+#include <cctype>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
 
 #include "Pim/PortPam.h"
 #include "tests/PimTestUtil.h"
@@ -38,6 +46,7 @@ struct Report {
   std::uint32_t assocId = 0, lastAssocId = 0;
   std::size_t assocs = 0, up = 0, upAtPeak = 0;
   bool cameUp = false, endSeen = false;
+  double lostAfter = 0;
   char src[64] = {};
   char backend[16] = {};
 };
@@ -78,9 +87,9 @@ void sendAll(PimTest::PortEnd& a, int count, Report& r) {
   }
 }
 
-// B: counts Join/Prunes (in order by hold time) until `expect` or the bound, then reports;
-// its manager goes with the child.
-Report receiver(PimTest::PortEnd& b, int expect, bool connectToo) {
+// B: counts Join/Prunes (in order by hold time) until `expect` or the bound, stays `linger`
+// seconds more, then reports; its manager goes with the child.
+Report receiver(PimTest::PortEnd& b, int expect, bool connectToo, double linger = 0.3) {
   Report r;
   if (connectToo) b.connect();
   std::uint16_t last = 0;
@@ -100,7 +109,7 @@ Report receiver(PimTest::PortEnd& b, int expect, bool connectToo) {
         return b.mgr->rxSuccess() >= static_cast<std::uint64_t>(expect);
       },
       60);
-  b.runUntil([] { return false; }, 0.3);  // A's last acknowledgements
+  b.runUntil([] { return false; }, linger);  // A's last acknowledgements
   r.received = b.mgr->rxSuccess();
   r.invalid = b.mgr->rxInvalid();
   r.assocId = b.mgr->rxAssociationId();
@@ -208,6 +217,194 @@ TEST_F(PortPamNetnsTest, ThousandJoinPrunesThroughFivePercentLossAllArriveInOrde
   // The rule dropped something: the counter of the rule is not zero.
   const auto out = PimTest::runCommand("ip netns exec " + net->b + " nft list table inet loss");
   EXPECT_EQ(out.out.find("packets 0 "), std::string::npos) << out.out;
+}
+
+// tshark does not dissect PORT, but it dissects SCTP: captured on A's veth, the association
+// runs between the PIM ports with good CRC32c, no ICMP, and A's DATA chunks carry, in TSN
+// order and with payload protocol 0, exactly the PORT messages A wrote.
+TEST_F(PortPamNetnsTest, TsharkSeesThePortMessagesInOrderOnTheWire) {
+  if (PimTest::sh("command -v tshark >/dev/null") != 0) GTEST_SKIP() << "tshark is not installed";
+  const std::string file = fmt::format("/tmp/portpam-{}.pcapng", ::getpid());
+  const std::string log = file + ".log";
+  struct Remove {
+    std::string a, b;
+    ~Remove() { std::remove(a.c_str()), std::remove(b.c_str()); }
+  } remove{file, log};
+  const pid_t cap = ::fork();
+  if (cap == 0) {
+    const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ::dup2(fd, 1);
+    ::dup2(fd, 2);
+    ::execlp("ip", "ip", "netns", "exec", net->a.c_str(), "tshark", "-n", "-i", net->vethA.c_str(),
+             "-f", "sctp or icmp or icmp6", "-w", file.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  const auto logText = [&] {
+    std::ifstream in(log);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  bool capturing = false;
+  for (int i = 0; i < 1500 && !capturing; ++i) {
+    capturing = logText().find("Capturing on") != std::string::npos;
+    if (!capturing) ::usleep(10000);
+  }
+  if (!capturing) {
+    ::kill(cap, SIGKILL);
+    PimTest::waitChild(cap, 20);
+    FAIL() << "tshark did not start: " << logText();
+  }
+  constexpr int kCount = 20;
+  Report a, b;
+  run(kFamilies[0], kCount, false, false, a, b);
+  ::kill(cap, SIGINT);
+  EXPECT_EQ(PimTest::waitChild(cap, 20), 0) << logText();
+  ASSERT_EQ(b.received, static_cast<std::uint64_t>(kCount));
+  // What A wrote: the manager's framing of each Join/Prune (no interface record: Interface
+  // ID zero).
+  std::vector<std::string> wrote;
+  for (std::uint16_t i = 1; i <= kCount; ++i) {
+    const auto jp = PimTest::PortEnd::joinPrune(IpGenAddr(kFamilies[0].b), i);
+    jp->srcIpIs(portMessageAddr(Nimo::AddressFamily::ipv4));
+    jp->dstIpIs(jp->srcIp());
+    auto pkt = Nimo::Pkt::create(1500);
+    const std::uint32_t n = jp->writeJoinPruneMessage(pkt, kPortJoinPruneOffset, nullptr);
+    const std::uint32_t len = writePortJoinPrune(pkt, 0, {}, Nimo::AddressFamily::ipv4, n);
+    std::string hex = PimTest::toHex(PimTest::bytesOf(*pkt, len));  // tshark's: no spaces
+    std::erase_if(hex, [](char c) { return std::isspace(static_cast<unsigned char>(c)); });
+    wrote.push_back(hex);
+  }
+  const auto fields = PimTest::runCommand(
+      "tshark -n -r '" + file +
+          "' -o sctp.checksum:crc-32c -Y sctp -T fields -E separator='|' -E occurrence=a"
+          " -E aggregator=, -e ip.src -e sctp.srcport -e sctp.dstport -e sctp.checksum.status"
+          " -e sctp.data_tsn -e sctp.data_payload_proto_id -e data.data",
+      false);
+  ASSERT_EQ(fields.exitCode, 0) << fields.out;
+  const auto split = [](const std::string& s, char sep) {
+    std::vector<std::string> out;
+    std::stringstream in(s);
+    for (std::string f; std::getline(in, f, sep);) out.push_back(f);
+    return out;
+  };
+  // By TSN: a chunk sent again (the stack's minimum retransmission timeout here is below
+  // the peer's delayed acknowledgement) carries the same TSN, and tshark shows no payload
+  // for it.
+  std::map<unsigned long, std::string> byTsn;
+  for (const auto& line : split(fields.out, '\n')) {
+    auto f = split(line, '|');
+    f.resize(7);
+    EXPECT_EQ(f[1], "8471") << line;
+    EXPECT_EQ(f[2], "8471") << line;
+    EXPECT_EQ(f[3], "1") << line;  // checksum good
+    if (f[0] != kFamilies[0].a || f[4].empty()) continue;
+    const auto tsn = split(f[4], ','), ppid = split(f[5], ','), data = split(f[6], ',');
+    for (std::size_t i = 0; i < tsn.size(); ++i) {
+      EXPECT_EQ(ppid.at(i), "0") << line;
+      const auto [at, first] = byTsn.emplace(std::stoul(tsn[i]), "");
+      if (data.size() == tsn.size()) {
+        if (at->second.empty()) at->second = data[i];
+        EXPECT_EQ(at->second, data[i]) << "TSN " << at->first << " sent twice, differently";
+      } else {
+        EXPECT_TRUE(data.empty() && !first) << "a first sending without its payload: " << line;
+      }
+    }
+  }
+  ASSERT_EQ(byTsn.size(), wrote.size()) << fields.out;
+  std::size_t i = 0;
+  for (const auto& [tsn, payload] : byTsn) {
+    EXPECT_EQ(tsn, byTsn.begin()->first + i) << "TSNs not consecutive";
+    EXPECT_EQ(payload, wrote[i]) << "TSN " << tsn;
+    ++i;
+  }
+  const auto icmp = PimTest::runCommand(
+      "tshark -n -r '" + file + "' -Y 'icmp or (icmpv6 and icmpv6.type < 128)'", false);
+  EXPECT_EQ(icmp.exitCode, 0);
+  EXPECT_EQ(icmp.out, "");  // no error of either ICMP (neighbour discovery is not one)
+}
+
+// A's veth taken down under a live association: A's status shows it lost, not shut down,
+// within the wait's bound of 15 s. PortEnd caps the retransmission timeout at 400 ms, so
+// with the stack's 10 retransmissions of a DATA chunk it gives up after about 4.4 s.
+TEST_F(PortPamNetnsTest, LinkDownLosesTheAssociationWithinABound) {
+  Child cb, ca;
+  cb.start([&] {
+    PimTest::PortEnd end(net->b, net->vethB, net->ifIndexB, kFamilies[0].a);
+    return receiver(end, 1, false, 3);  // gone only after A's link is down
+  });
+  ca.start([&] {
+    PimTest::PortEnd end(net->a, net->vethA, net->ifIndexA, kFamilies[0].b);
+    Report r;
+    end.connect();
+    r.cameUp = end.runUntil([&] { return end.mgr->sctpStatus()->upCount() == 1; }, 10);
+    if (!r.cameUp) return r;
+    const auto id = end.mgr->sctpStatus()->association().begin()->first;
+    r.sent += end.send(1);
+    end.runUntil([] { return false; }, 0.5);  // delivered and acknowledged
+    if (PimTest::sh(fmt::format("ip -n {} link set {} down", net->a, net->vethA)) != 0) return r;
+    const auto t0 = std::chrono::steady_clock::now();
+    r.sent += end.send(2);  // data outstanding: retransmissions start at once
+    r.endSeen = end.runUntil(
+        [&] {
+          const auto* s = end.mgr->sctpStatus()->association(id);
+          return s && s->state == Nimo::Sctp::AssocState::Lost;
+        },
+        15);
+    r.lostAfter = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    return r;
+  });
+  Report a, b;
+  EXPECT_TRUE(cb.report(b, 30));
+  EXPECT_TRUE(ca.report(a, 30));
+  ASSERT_TRUE(a.cameUp);
+  EXPECT_EQ(a.sent, 2u);
+  EXPECT_EQ(b.received, 1u);
+  EXPECT_TRUE(a.endSeen) << "not lost within 15 s";
+  std::printf("association lost %.2f s after the link went down\n", a.lostAfter);
+}
+
+// Both veths at 1280 bytes: a Join/Prune of 300 sources (about 2.4 KB over IPv4, 5.5 KB
+// over IPv6) arrives, and no SCTP packet larger than the link leaves A (an nftables
+// counter after routing, before the kernel would fragment it), in either family.
+TEST_F(PortPamNetnsTest, PathMtuFollowsTheLink) {
+  if (PimTest::sh("command -v nft") != 0) GTEST_SKIP() << "nft (nftables) is not installed";
+  const std::string setup = fmt::format(
+      "ip -n {0} link set {1} mtu 1280 && ip -n {2} link set {3} mtu 1280 && "
+      "ip netns exec {0} nft add table inet mtu && "
+      "ip netns exec {0} nft add chain inet mtu out '{{ type filter hook postrouting priority 0; "
+      "}}' && ip netns exec {0} nft add rule inet mtu out meta nfproto ipv4 meta l4proto 132 "
+      "meta length gt 1280 counter && ip netns exec {0} nft add rule inet mtu out "
+      "meta nfproto ipv6 meta l4proto 132 meta length gt 1280 counter",
+      net->a, net->vethA, net->b, net->vethB);
+  if (PimTest::sh(setup) != 0) GTEST_SKIP() << "the kernel refuses the MTU or the nftables rule";
+  for (const Family& f : {kFamilies[0], kFamilies[1]}) {
+    Child cb, ca;
+    cb.start([&] {
+      PimTest::PortEnd end(net->b, net->vethB, net->ifIndexB, f.a);
+      return receiver(end, 1, false);
+    });
+    ca.start([&] {
+      PimTest::PortEnd end(net->a, net->vethA, net->ifIndexA, f.b);
+      Report r;
+      end.connect();
+      r.cameUp = end.runUntil([&] { return end.mgr->sctpStatus()->upCount() == 1; }, 10);
+      if (r.cameUp) r.sent += end.send(1, 300);
+      end.runUntil([&] { return end.mgr->sctpStatus()->upCount() == 0; }, 20);
+      return r;
+    });
+    Report a, b;
+    EXPECT_TRUE(cb.report(b, 40)) << f.a;
+    EXPECT_TRUE(ca.report(a, 40)) << f.a;
+    EXPECT_TRUE(a.cameUp) << f.a;
+    EXPECT_EQ(a.sent, 1u) << f.a;
+    EXPECT_EQ(b.received, 1u) << f.a;
+  }
+  const auto out = PimTest::runCommand("ip netns exec " + net->a + " nft list table inet mtu");
+  std::size_t clean = 0;  // one counter per family
+  for (auto at = out.out.find("packets 0 "); at != std::string::npos;
+       at = out.out.find("packets 0 ", at + 1)) {
+    ++clean;
+  }
+  EXPECT_EQ(clean, 2u) << out.out;
 }
 
 TEST_F(PortPamNetnsTest, KernelSocketsWhereTheKernelHasSctp) {
