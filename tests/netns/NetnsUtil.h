@@ -121,4 +121,14 @@ class RawSender {
   int fd_ = -1;
 };
 
+// Starts cmd under /bin/sh as a child of this process; its pid, for kill and waitChild.
+inline pid_t spawnShell(const std::string& cmd) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  return pid;
+}
+
 }  // namespace PimTest
