@@ -1,5 +1,5 @@
-// RouteKeyReview and TargetIndex: the pending set with its sliced review, and the index of
-// route keys by the address they need.
+// RouteKeyReview, UnresolvedSets, publishRpfChange and TargetIndex: the pending set with its
+// sliced review, the unresolved sets, and the index of route keys by the address they need.
 #include "Pim/RpfReview.h"
 
 #include <algorithm>
@@ -7,9 +7,9 @@
 namespace Routing::Pim {
 
 RouteKeyReview::RouteKeyReview(Ulm::TimerWheel& wheel, Kel::Ptr<const Kel::Clock> clock,
-                               Flicklog::Facility& trace, std::string prefix, Publish publish)
+                               Flicklog::Facility& trace, ReviewTexts texts, Publish publish)
     : trace_(trace),
-      prefix_(std::move(prefix)),
+      texts_(texts),
       publish_(std::move(publish)),
       deadlineClock_(Kel::Ptr<Kel::SystemClock>::make()),
       timer_(wheel, std::move(clock), kReviewFillInterval, kReviewCredits, kReviewMinDelay,
@@ -31,7 +31,7 @@ void RouteKeyReview::doReview() {
     bookmark_.reset();
     return;
   }
-  FLICK_TRACE(trace_, 4, "{}: Starting new review", prefix_);
+  FLICK_TRACE(trace_, 4, "{}{}", texts_.machine, texts_.starting);
   ++stats_.runs;
   const Kel::Time start = deadlineClock_->now();
   const Kel::Time deadline = start + quantum_;
@@ -51,16 +51,77 @@ void RouteKeyReview::doReview() {
   if (it != pending_.end()) {
     stats_.longestSlice = std::max(stats_.longestSlice, last - start);
     bookmark_ = *it;
-    FLICK_TRACE(trace_, 4, "{}: Suspending review {} published, {} pending", prefix_, done,
+    FLICK_TRACE(trace_, 4, "{}{}{} published, {} pending", texts_.machine, texts_.suspending, done,
                 pending_.size());
     timer_.request();
     return;
   }
   stats_.longestSlice = std::max(stats_.longestSlice, deadlineClock_->now() - start);
   bookmark_.reset();
-  FLICK_TRACE(trace_, 4, "{}: Finished review", prefix_);
+  FLICK_TRACE(trace_, 4, "{}{}", texts_.machine, texts_.finished);
   // Keys marked behind the bookmark while the review was suspended.
   if (!pending_.empty()) timer_.request();
+}
+
+namespace {
+std::string_view collName(const RouteKey& k) {
+  return k.isStarG() ? "unresolvedWcRoute" : "unresolvedRoute";
+}
+std::string_view kindName(const RouteKey& k) { return k.isStarG() ? "(*,G) routes" : "routes"; }
+}  // namespace
+
+void UnresolvedSets::add(const RouteKey& k, const Nimo::IpGenAddr& target) {
+  FLICK_TRACE(trace_, 4, "{}: RPF changed, adding {} to unresolved {}", machine_, fmt::streamed(k),
+              kindName(k));
+  FLICK_TRACE(trace_, 4, " Adding to {} key {}", collName(k), fmt::streamed(k));
+  if (k.isStarG()) {
+    status_->unresolvedWcRouteIs(k, target);
+  } else {
+    status_->unresolvedRouteIs(k, target);
+  }
+}
+
+void UnresolvedSets::resolved(const RouteKey& k) {
+  FLICK_TRACE(trace_, 4, "{}: RPF changed, removing {} from unresolved {}", machine_,
+              fmt::streamed(k), kindName(k));
+  del(k);
+}
+
+void UnresolvedSets::deleted(const RouteKey& k) {
+  FLICK_TRACE(trace_, 4, "{}: Route deleted, deleting from {} {}", machine_, collName(k),
+              fmt::streamed(k));
+  del(k);
+}
+
+void UnresolvedSets::del(const RouteKey& k) {
+  FLICK_TRACE(trace_, 4, "{}: Deleting from {} key {}", machine_, collName(k), fmt::streamed(k));
+  if (k.isStarG()) {
+    status_->unresolvedWcRouteDel(k);
+  } else {
+    status_->unresolvedRouteDel(k);
+  }
+}
+
+bool UnresolvedSets::has(const RouteKey& k) const {
+  const auto& coll = k.isStarG() ? status_->unresolvedWcRoute() : status_->unresolvedRoute();
+  return coll.count(k) != 0;
+}
+
+Nimo::IpGenAddr rpfTarget(const RouteKey& k, const Rpf& rpf) {
+  if (rpf.target.isSet()) return rpf.target;
+  if (!k.isStarG()) return k.source();
+  return rpf.prefix.address();
+}
+
+bool publishRpfChange(const RpfConfig& config, RpfStatus& status, const RouteKey& k,
+                      Flicklog::Facility& trace, std::string_view machine) {
+  if (!config.rpfConfigInfo(k)) {
+    FLICK_TRACE(trace, 4, "{}: {} has been deleted", machine, fmt::streamed(k));
+    return false;
+  }
+  status.rpfRouteChangedIs(k);
+  status.rpfRouteChangedCountInc(k);
+  return true;
 }
 
 void TargetIndex::keyIs(const RouteKey& k, const Nimo::IpGenAddr& addr) {

@@ -1,4 +1,4 @@
-// The two pieces the RPF state machines share (and the next-hop-tracking machine reuses):
+// The pieces the RPF state machines share (RpfSm, RpfRouteSm, UnresolvedSm):
 //
 // - RouteKeyReview: a pending set of route keys and its sliced review. mark(key) adds a key
 //   and asks the review timer for a run; each run walks the set in RouteKey order from a
@@ -12,7 +12,10 @@
 //   inside its own publication waits for a later run rather than being lost.
 //   The quantum's deadline is read from the deadline clock (the monotonic system clock by
 //   default; tests hand in one that steps on every read); the review timer keeps the
-//   machine's clock.
+//   machine's clock. The trace texts are the owner's (ReviewTexts).
+// - UnresolvedSets: the writes of routes without an RPF into RpfStatus (unresolvedRoute for
+//   (S,G), unresolvedWcRoute for (*,G)) with their traces, prefixed by the machine's name.
+// - publishRpfChange: the review's publication of one key, skipped for a deleted route.
 // - TargetIndex: route keys indexed by the address each one needs, in a trie of host
 //   prefixes, so that a RIB change can ask with one trie query whether any key lies under
 //   it. A key moves when its address changes; a prefix lives while it has users.
@@ -20,7 +23,7 @@
 // Threading: event-loop thread only; no locks.
 //
 // Usage:
-//   Routing::Pim::RouteKeyReview review(wheel, clock, "RpfSm",
+//   Routing::Pim::RouteKeyReview review(wheel, clock, trace, kRpfSmReviewTexts,
 //                                       [&](const RouteKey& k) { status->rpfRouteChangedIs(k); });
 //   review.mark(key);          // published on a later pass of the wheel
 //   Routing::Pim::TargetIndex idx("UnresolvedTrie", Nimo::AddressFamily::ipv4);
@@ -35,6 +38,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -60,11 +64,22 @@ struct ReviewStats {
   double longestSlice = 0;      // seconds, by the deadline clock
 };
 
+// A review's trace lines: "<machine><starting>", "<machine><suspending><n> published, <m>
+// pending", "<machine><finished>".
+struct ReviewTexts {
+  std::string_view machine;
+  std::string_view starting;
+  std::string_view suspending;
+  std::string_view finished;
+};
+inline constexpr ReviewTexts kRpfSmReviewTexts{"RpfSm", ": Starting new review",
+                                               ": Suspending review ", ": Finished review"};
+
 class RouteKeyReview {
  public:
   using Publish = std::function<void(const RouteKey&)>;
   RouteKeyReview(Ulm::TimerWheel& wheel, Kel::Ptr<const Kel::Clock> clock,
-                 Flicklog::Facility& trace, std::string prefix, Publish publish);
+                 Flicklog::Facility& trace, ReviewTexts texts, Publish publish);
 
   void mark(const RouteKey& k);
   void unmark(const RouteKey& k) { pending_.erase(k); }
@@ -85,7 +100,7 @@ class RouteKeyReview {
 
  private:
   Flicklog::Facility& trace_;
-  std::string prefix_;
+  ReviewTexts texts_;
   Publish publish_;
   std::set<RouteKey> pending_;
   std::optional<RouteKey> bookmark_;
@@ -94,6 +109,37 @@ class RouteKeyReview {
   ReviewStats stats_;
   Ulm::ReviewTimer timer_;
 };
+
+// Routes without an RPF in RpfStatus, (S,G) and (*,G) alike. The owner knows whether a key
+// is unresolved; this writes the status and traces, "<machine>: RPF changed, adding <key> to
+// unresolved routes" and the rest.
+class UnresolvedSets {
+ public:
+  UnresolvedSets(Kel::Ptr<RpfStatus> status, Flicklog::Facility& trace, std::string_view machine)
+      : status_(std::move(status)), trace_(trace), machine_(machine) {}
+  // k has no RPF; target is the address it needs (source or RP).
+  void add(const RouteKey& k, const Nimo::IpGenAddr& target);
+  // k has an RPF again.
+  void resolved(const RouteKey& k);
+  // k's route is gone.
+  void deleted(const RouteKey& k);
+  bool has(const RouteKey& k) const;
+
+ private:
+  void del(const RouteKey& k);
+  Kel::Ptr<RpfStatus> status_;
+  Flicklog::Facility& trace_;
+  std::string_view machine_;
+};
+
+// The address a route's RPF is for: the Rpf's target; else the source of an (S,G); else, for
+// a (*,G) Rpf written without its RP, the prefix's address.
+Nimo::IpGenAddr rpfTarget(const RouteKey& k, const Rpf& rpf);
+
+// Publishes k as changed (rpfRouteChangedIs, rpfRouteChangedCountInc) when its RPF record
+// still exists; otherwise traces "<machine>: <key> has been deleted" and returns false.
+bool publishRpfChange(const RpfConfig& config, RpfStatus& status, const RouteKey& k,
+                      Flicklog::Facility& trace, std::string_view machine);
 
 class TargetIndex {
  public:

@@ -56,7 +56,9 @@ class RpfSmGen final : public RpfSm {
         mfibConfig_(std::move(mfibConfig)),
         clock_(std::move(clock)),
         trie_("RpfTrie", F),
-        review_(wheel, clock_, rpfSmTrace(), "RpfSm", [this](const RouteKey& k) { publish(k); }),
+        unresolved_(status_, rpfSmTrace(), "RpfSm"),
+        review_(wheel, clock_, rpfSmTrace(), kRpfSmReviewTexts,
+                [this](const RouteKey& k) { publish(k); }),
         configReactor_(this),
         uribReactor_(this, RpfRib::U),
         mribReactor_(this, RpfRib::M),
@@ -157,12 +159,6 @@ class RpfSmGen final : public RpfSm {
       if (k.af() == F) handleRpf(k);
   }
 
-  static Nimo::IpGenAddr targetOf(const RouteKey& k, const Rpf& rpf) {
-    if (rpf.target.isSet()) return rpf.target;
-    if (!k.isStarG()) return k.source();
-    return rpf.prefix.address();  // a (*,G) Rpf without its RP: the prefix stands in
-  }
-
   void handleRpf(const RouteKey& k) {
     auto& tr = rpfSmTrace();
     const Rpf& rpf = config_->rpfConfigInfo(k)->rpf;
@@ -176,23 +172,14 @@ class RpfSmGen final : public RpfSm {
         throw Kel::RangeError(std::string(kBadPrefix));
       }
     }
-    const Nimo::IpGenAddr target = targetOf(k, rpf);
+    const Nimo::IpGenAddr target = rpfTarget(k, rpf);
     auto it = links_.find(k);
     const Link* old = it == links_.end() ? nullptr : &it->second;
-    const bool wc = k.isStarG();
     if (empty) {
       if (old && old->unresolved && old->target == target) return;
-      FLICK_TRACE(tr, 4, "RpfSm: RPF changed, adding {} to unresolved {}", fmt::streamed(k),
-                  wc ? "(*,G) routes" : "routes");
       if (old && !old->unresolved) unlink(k, old->prefix, old->target);
       links_[k] = Link{Nimo::IpGenPrefix(), target, RpfRib::none, true};
-      FLICK_TRACE(tr, 4, " Adding to {} key {}", wc ? "unresolvedWcRoute" : "unresolvedRoute",
-                  fmt::streamed(k));
-      if (wc) {
-        status_->unresolvedWcRouteIs(k, target);
-      } else {
-        status_->unresolvedRouteIs(k, target);
-      }
+      unresolved_.add(k, target);
       return;
     }
     if (old && !old->unresolved && old->prefix == rpf.prefix && old->rib == rpf.rib &&
@@ -201,13 +188,7 @@ class RpfSmGen final : public RpfSm {
     }
     int prevLen = -1;
     if (old && old->unresolved) {
-      FLICK_TRACE(tr, 4, "RpfSm: RPF changed, removing {} from unresolved {}", fmt::streamed(k),
-                  wc ? "(*,G) routes" : "routes");
-      if (wc) {
-        status_->unresolvedWcRouteDel(k);
-      } else {
-        status_->unresolvedRouteDel(k);
-      }
+      unresolved_.resolved(k);
     } else if (old) {
       prevLen = old->prefix.maskLen();
       unlink(k, old->prefix, old->target);
@@ -254,20 +235,12 @@ class RpfSmGen final : public RpfSm {
   }
 
   void handleDelete(const RouteKey& k) {
-    auto& tr = rpfSmTrace();
     auto it = links_.find(k);
     if (it == links_.end()) return;
     const Link l = it->second;
     links_.erase(it);
     if (l.unresolved) {
-      const char* coll = k.isStarG() ? "unresolvedWcRoute" : "unresolvedRoute";
-      FLICK_TRACE(tr, 4, "RpfSm: Route deleted, deleting from {} {}", coll, fmt::streamed(k));
-      FLICK_TRACE(tr, 4, "RpfSm: Deleting from {} key {}", coll, fmt::streamed(k));
-      if (k.isStarG()) {
-        status_->unresolvedWcRouteDel(k);
-      } else {
-        status_->unresolvedRouteDel(k);
-      }
+      unresolved_.deleted(k);
     } else {
       unlink(k, l.prefix, l.target);
     }
@@ -382,14 +355,11 @@ class RpfSmGen final : public RpfSm {
   }
 
   void publish(const RouteKey& k) {
-    if (!config_->rpfConfigInfo(k)) {
+    if (publishRpfChange(*config_, *status_, k, rpfSmTrace(), "RpfSm")) {
+      ++stats_.published;
+    } else {
       ++stats_.deletedAtReview;
-      FLICK_TRACE(rpfSmTrace(), 4, "RpfSm: {} has been deleted", fmt::streamed(k));
-      return;
     }
-    ++stats_.published;
-    status_->rpfRouteChangedIs(k);
-    status_->rpfRouteChangedCountInc(k);
   }
 
   Kel::Ptr<const RpfConfig> config_;
@@ -404,6 +374,7 @@ class RpfSmGen final : public RpfSm {
   std::unordered_map<Nimo::IpGenPrefix, TrieEntryInfo, PrefixHash> entries_;
   std::unordered_map<RouteKey, Link, RouteKeyHash> links_;
   Stats stats_;
+  UnresolvedSets unresolved_;
   RouteKeyReview review_;
   // Reactors last: they detach first when the machine goes.
   ConfigReactor configReactor_;
@@ -427,7 +398,7 @@ std::string RpfSmGen<F>::checkInvariantsForTest(bool quiescent) const {
     auto u = coll.find(k);
     if (rpf.rpfIntf.empty()) {
       if (!l.unresolved) return "empty Rpf but linked: " + str(k);
-      if (u == coll.end() || !(u->second == targetOf(k, rpf)))
+      if (u == coll.end() || !(u->second == rpfTarget(k, rpf)))
         return "unresolved key missing or with a wrong target: " + str(k);
       continue;
     }

@@ -9,6 +9,7 @@
 #include "Pim/RpfSm.h"
 #include "Pim/UnresolvedSm.h"
 #include "tests/PimTestUtil.h"
+#include "tests/RpfAgentUtil.h"
 #include "tests/RpfTestUtil.h"
 
 namespace {
@@ -16,6 +17,10 @@ namespace {
 using Nimo::IpGenAddr;
 using Nimo::IpGenPrefix;
 using namespace Routing::Pim;
+using PimTest::Agent;
+using PimTest::noRpf;
+using PimTest::rpfOn;
+using PimTest::settleLoop;
 using Trie4 = Routing::Shadow::Status::Trie;
 using Trie6 = Routing6::Shadow::Status::Trie;
 
@@ -24,49 +29,6 @@ const IpGenAddr kGroup("232.1.1.1");
 RouteKey sg(const std::string& s, const IpGenAddr& g = kGroup) { return RouteKey(IpGenAddr(s), g); }
 // Key i has the source 10.<i / 256>.<i % 256>.1, alone in its /24.
 RouteKey sgOf(std::uint32_t i) { return RouteKey(IpGenAddr::v4(0x0a000001u + (i << 8)), kGroup); }
-
-Rpf rpfOn(const std::string& prefix, const IpGenAddr& target, RpfRib rib = RpfRib::U) {
-  Rpf r;
-  r.rpfIntf = Nimo::IntfId("eth1");
-  r.rpfNeighbor = IpGenAddr(target.af() == Nimo::AddressFamily::ipv4 ? "10.0.1.2" : "fe80::2");
-  r.prefix = IpGenPrefix(prefix);
-  r.target = target;
-  r.rib = rib;
-  return r;
-}
-Rpf noRpf(const IpGenAddr& target) {
-  Rpf r;
-  r.target = target;
-  return r;
-}
-
-// Runs the loop until no timer is armed, or none of busy's (bounded), stepping the clock to
-// each deadline.
-void settleLoop(Ulm::EventLoop& loop, Kel::ManualClock& clock,
-                const std::function<bool()>& busy = {}) {
-  for (int i = 0; i < 100000; ++i) {
-    auto d = loop.timers().nextDeadline();
-    if (!d || (busy && !busy())) return;
-    clock.nowIs(std::max(clock.now(), *d));
-    loop.runOnce(0.0);
-  }
-  ADD_FAILURE() << "the loop did not settle";
-}
-
-// Counts what is published to the agent and drains it; with a recompute function, writes
-// the route's new Rpf from inside the handler, as a synchronous agent does.
-struct Agent : RpfStatus::Notifiee {
-  std::map<RouteKey, int> published;
-  std::vector<RouteKey> order;
-  std::function<void(const RouteKey&)> recompute;
-  void onRpfRouteChanged(const RouteKey& k) override {
-    if (!notifierWritable()->rpfRouteChangedHas(k)) return;  // our own drain
-    ++published[k];
-    order.push_back(k);
-    if (recompute) recompute(k);
-    notifierWritable()->rpfRouteChangedDel(k);
-  }
-};
 
 // Machines over tries the test writes directly: every insert and remove is a RIB notice.
 class RpfSmTest : public ::testing::Test {
@@ -293,11 +255,7 @@ TEST_F(RpfSmTest, ReviewPublishesEveryMarkedKeyExactlyOnce) {
     config_->rpfConfigInfoDelAll();
     start();
     Flicklog::facility("RpfSm").levelIs(4);
-    struct Stepping : Kel::Clock {
-      mutable double t = 0;
-      Kel::Time now() const noexcept override { return t += 1.0 / 1024; }
-    };
-    sm_->reviewDeadlineClockIs(Kel::Ptr<Stepping>::make());
+    sm_->reviewDeadlineClockIs(Kel::Ptr<PimTest::SteppingClock>::make());
     sm_->reviewQuantumIs(1000.0 / 1024);
     constexpr std::uint32_t kKeys = 10000;
     auto prefixOf = [](std::uint32_t i) {
@@ -361,11 +319,7 @@ TEST_F(RpfSmTest, ReviewPublishesEveryMarkedKeyExactlyOnce) {
 // before (S,G), with one restart for any number of changes during a running review.
 TEST_F(RpfSmTest, UnresolvedRoutesAreRetriedByRibChangesUnderThem) {
   start();
-  struct Stepping : Kel::Clock {
-    mutable double t = 0;
-    Kel::Time now() const noexcept override { return t += 1.0 / 1024; }
-  };
-  un_->reviewDeadlineClockIs(Kel::Ptr<Stepping>::make());
+  un_->reviewDeadlineClockIs(Kel::Ptr<PimTest::SteppingClock>::make());
   un_->reviewQuantumIs(100.0 / 1024);  // 100 routes a slice
   for (std::uint32_t i = 0; i < 300; ++i) write(sgOf(i), noRpf(sgOf(i).source()));
   const RouteKey wc1(IpGenAddr("239.1.1.1")), wc2(IpGenAddr("239.1.1.2"));

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <tuple>
@@ -21,6 +22,27 @@ namespace PimTest {
 inline bool isRoot() { return ::geteuid() == 0; }
 
 inline int sh(const std::string& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()); }
+
+// What cmd prints on its standard output.
+inline std::string run(const std::string& cmd) {
+  std::string out;
+  if (FILE* f = ::popen(cmd.c_str(), "r")) {
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, f)) out += buf;
+    ::pclose(f);
+  }
+  return out;
+}
+
+// Starts cmd under sh (use exec in it so that the pid is the program's); the caller waits.
+inline pid_t spawn(const std::string& cmd) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  return pid;
+}
 
 // Runs fn inside namespace ns (a name under /run/netns) and comes back.
 template <typename F>
@@ -120,15 +142,5 @@ class RawSender {
   int family_;
   int fd_ = -1;
 };
-
-// Starts cmd under /bin/sh as a child of this process; its pid, for kill and waitChild.
-inline pid_t spawnShell(const std::string& cmd) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  return pid;
-}
 
 }  // namespace PimTest

@@ -19,28 +19,10 @@ using Nimo::IpGenPrefix;
 constexpr auto kV4 = Nimo::AddressFamily::ipv4;
 constexpr auto kV6 = Nimo::AddressFamily::ipv6;
 
-pid_t spawn(const std::string& cmd) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  return pid;
-}
-
-std::string run(const std::string& cmd) {
-  std::string out;
-  if (FILE* f = ::popen(cmd.c_str(), "r")) {
-    char buf[512];
-    while (std::fgets(buf, sizeof buf, f)) out += buf;
-    ::pclose(f);
-  }
-  return out;
-}
-
 // The kernel's answer: the matching prefix and its next-hop count.
 std::pair<std::string, std::size_t> fibmatch(const std::string& ns, const IpGenAddr& a) {
-  const std::string out = run(fmt::format("ip -n {} route get fibmatch {} 2>/dev/null", ns, a));
+  const std::string out =
+      PimTest::run(fmt::format("ip -n {} route get fibmatch {} 2>/dev/null", ns, a));
   std::string prefix = out.substr(0, out.find_first_of(" \n"));
   if (prefix == "default") prefix = a.af() == kV4 ? "0.0.0.0/0" : "::/0";
   if (prefix.find('/') == std::string::npos && !prefix.empty())
@@ -68,8 +50,9 @@ class NhtNetnsTest : public ::testing::Test {
           0)
           << cmd;
     }
-    ribd_ = spawn(fmt::format("exec {} --netns {} --mrib-table 100 >/dev/null", RIBD_PATH, ns_));
-    nhtd_ = spawn(fmt::format("exec {} >/dev/null", NHTD_PATH));
+    ribd_ = PimTest::spawn(
+        fmt::format("exec {} --netns {} --mrib-table 100 >/dev/null", RIBD_PATH, ns_));
+    nhtd_ = PimTest::spawn(fmt::format("exec {} >/dev/null", NHTD_PATH));
   }
   void TearDown() override {
     for (pid_t p : {nhtd_, ribd_}) {

@@ -100,7 +100,7 @@ class RpfSmNetnsTest : public ::testing::Test {
     return fmt::format("{} route add default via {}", f.af == kV4 ? "-4" : "-6", f.hops[1]);
   }
   void startRibd() {
-    ribd_ = PimTest::spawnShell(fmt::format("exec {} --netns {} >/dev/null", RIBD_PATH, ns_));
+    ribd_ = PimTest::spawn(fmt::format("exec {} --netns {} >/dev/null", RIBD_PATH, ns_));
   }
   // Runs the loop until done() or 20 s.
   template <typename Fn>

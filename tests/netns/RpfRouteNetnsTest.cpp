@@ -1,0 +1,279 @@
+// The next-hop-tracking RPF machine end to end on a kernel's routes: ribd and nhtd run as
+// their own processes over a namespace of this test; in the test process RpfRouteSm,
+// RpfTable and a small agent (recompute each published route with RpfTable, write the Rpf).
+// Routes change with `ip route`. Both families; root only; every wait is bounded.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <functional>
+
+#include "Pim/RpfRouteSm.h"
+#include "Pim/RpfTable.h"
+#include "tests/PimIOTestUtil.h"
+#include "tests/PimTestUtil.h"
+#include "tests/RpfAgentUtil.h"
+#include "tests/netns/NetnsUtil.h"
+
+namespace {
+
+using Nimo::IpGenAddr;
+using namespace Routing::Pim;
+using Keys = std::set<RouteKey>;
+
+// One family's addresses: S1 and S2 under their own prefixes, two gateways on the link, a
+// group of each kind.
+struct Family {
+  Nimo::AddressFamily af;
+  const char* name;
+  const char *s1Prefix, *s1, *s2Prefix, *s2, *gwA, *gwB, *group, *group2;
+};
+const Family kFamilies[] = {
+    {Nimo::AddressFamily::ipv4, "IPv4", "10.1.0.0/16", "10.1.0.1", "10.2.0.0/16", "10.2.0.1",
+     "10.77.0.2", "10.77.0.3", "232.1.1.1", "232.1.1.2"},
+    {Nimo::AddressFamily::ipv6, "IPv6", "2001:db8:1::/48", "2001:db8:1::1", "2001:db8:2::/48",
+     "2001:db8:2::1", "fd77::2", "fd77::3", "ff3e::1", "ff3e::2"},
+};
+
+class RpfRouteNetnsTest : public ::testing::TestWithParam<Family> {
+ protected:
+  void SetUp() override {
+    if (!PimTest::isRoot()) GTEST_SKIP() << "needs root (network namespaces)";
+    ASSERT_TRUE(pair_.ok);
+    const Family& f = GetParam();
+    ns_ = pair_.a;
+    for (const char* p : {f.s1Prefix, f.s2Prefix})
+      ASSERT_EQ(ip("route add {} via {}", p, f.gwA), 0);
+    startDaemons();
+    const bool v4 = f.af == Nimo::AddressFamily::ipv4;
+    for (int m = 0; m < 2; ++m) {
+      const char* rib = m ? "multicast" : "unicast";
+      cfg_[m] = Routing::NexthopVrfConfig::create(loop_, f.af, "default", rib, "sm");
+      st_[m] = Routing::NexthopVrfStatus::create(loop_, f.af, "default", rib);
+    }
+    auto ucast = Kel::Ptr<UcastRouteStatus>::make(f.af);
+    if (v4) {
+      ucast->uribIs({st_[0], ::Drobe::Fib::ForwardingStatus::create(loop_, "default", "urib")});
+      ucast->mribIs({st_[1], ::Drobe::Fib::ForwardingStatus::create(loop_, "default", "mrib")});
+    } else {
+      ucast->urib6Is({st_[0], ::Drobe::Fib6::ForwardingStatus::create(loop_, "default", "urib")});
+      ucast->mrib6Is({st_[1], ::Drobe::Fib6::ForwardingStatus::create(loop_, "default", "mrib")});
+    }
+    auto pim = Kel::Ptr<Routing::Pim::Status>::make("pim");
+    pim->intfIs(Nimo::IntfId(pair_.vethA), false, IpGenAddr(v4 ? "10.77.0.1" : "fd77::1"));
+    for (const char* n : {f.gwA, f.gwB})
+      pim->activeNeighborIs({Nimo::IntfId(pair_.vethA), IpGenAddr(n)}, 105);
+    table_ = rpfTableFactory(ucast, pim, nullptr, nullptr, nullptr);
+    // The agent: each published route is looked up again and its new Rpf written.
+    agent_.recompute = [this](const RouteKey& k) {
+      const IpGenAddr target = k.isStarG() ? config_->rpfConfigInfo(k)->rpf.target : k.source();
+      Rpf rpf = table_->doLookup(target, k.group()).rpf;
+      if (rpf.rpfIntf.empty()) return;  // keeps the old Rpf; this test has no unresolved routes
+      rpf.target = target;
+      config_->rpfConfigInfoIs(k, RpfConfigInfo(rpf));
+    };
+    agent_.notifierIs(status_);
+    start();
+  }
+  void TearDown() override {
+    sm_ = nullptr;
+    for (pid_t* p : {&nhtd_, &ribd_}) stop(*p, SIGTERM);
+  }
+  template <typename... A>
+  int ip(fmt::format_string<A...> f, A&&... a) {
+    return PimTest::sh(fmt::format("ip -n {} ", ns_) + fmt::format(f, std::forward<A>(a)...));
+  }
+  void startDaemons() {
+    if (ribd_ <= 0)
+      ribd_ = PimTest::spawn(
+          fmt::format("exec {} --netns {} --mrib-table 100 >/dev/null", RIBD_PATH, ns_));
+    nhtd_ = PimTest::spawn(fmt::format("exec {} >/dev/null", NHTD_PATH));
+  }
+  void stop(pid_t& p, int sig) {
+    if (p <= 0) return;
+    ::kill(p, sig);
+    EXPECT_EQ(PimTest::waitChild(p, 10), sig == SIGKILL ? -1 : 0);
+    p = -1;
+  }
+  void start() {
+    sm_ = nullptr;
+    RpfRouteTracking t{cfg_[0],
+                       cfg_[1],
+                       st_[0],
+                       st_[1],
+                       Routing::NexthopBacklog::create(st_[0], cfg_[0]),
+                       Routing::NexthopBacklog::create(st_[1], cfg_[1])};
+    sm_ = rpfRouteSmFactory(GetParam().af, config_, status_, nullptr, loop_.clock(), loop_.timers(),
+                            t);
+  }
+  // Runs the loop until done() or 20 s.
+  template <typename Fn>
+  bool waitFor(Fn&& done) {
+    for (int i = 0; i < 400; ++i) {
+      if (done()) return true;
+      loop_.runOnce(0.05);
+    }
+    return done();
+  }
+  // What is published until observed() holds (20 s at most) and `settle` seconds after;
+  // observed defaults to "something was published".
+  Keys published(std::function<bool()> observed = {}, double settle = 0.5) {
+    agent_.published.clear();
+    if (!observed) observed = [&] { return !agent_.published.empty(); };
+    EXPECT_TRUE(waitFor(observed)) << "the change was not observed";
+    for (int i = 0; i < static_cast<int>(settle / 0.05); ++i) loop_.runOnce(0.05);
+    Keys out;
+    for (const auto& [k, n] : agent_.published) {
+      EXPECT_EQ(n, 1) << k;
+      out.insert(k);
+    }
+    return out;
+  }
+  // Observed: n more addresses taken from the backlogs (equal ones included).
+  std::function<bool()> drained(std::uint64_t n) {
+    const std::uint64_t want = sm_->stats().backlogEntries + n;
+    return [this, want] { return sm_->stats().backlogEntries >= want; };
+  }
+  IpGenAddr neighbor(const RouteKey& k) const { return config_->rpfConfigInfo(k)->rpf.rpfNeighbor; }
+  // The gateway `ip route get` names for a.
+  IpGenAddr kernelVia(const char* a) {
+    const std::string out = PimTest::run(fmt::format("ip -n {} route get {}", ns_, a));
+    const auto at = out.find(" via ");
+    if (at == std::string::npos) return IpGenAddr();
+    return IpGenAddr(out.substr(at + 5, out.find(' ', at + 5) - at - 5));
+  }
+  Keys keysOf(const char* s) const {
+    return {RouteKey(IpGenAddr(s), IpGenAddr(GetParam().group)),
+            RouteKey(IpGenAddr(s), IpGenAddr(GetParam().group2))};
+  }
+  // The agent's first Rpf for a new route is a placeholder on the unicast RIB; the first
+  // resolution of its source publishes it and the agent writes the real one. True once every
+  // route points at gwA.
+  bool routesUp(std::initializer_list<const Keys*> keys) {
+    const Family& f = GetParam();
+    const char* any = f.af == Nimo::AddressFamily::ipv4 ? "0.0.0.0/0" : "::/0";
+    for (const Keys* ks : keys)
+      for (const RouteKey& k : *ks)
+        config_->rpfConfigInfoIs(k, RpfConfigInfo(PimTest::rpfOn(any, k.source())));
+    const bool up = waitFor([&] {
+      for (const Keys* ks : keys)
+        for (const RouteKey& k : *ks)
+          if (!(neighbor(k) == IpGenAddr(f.gwA))) return false;
+      return true;
+    });
+    published([] { return true; });  // what is left of the start
+    return up;
+  }
+  bool registeredBoth(const char* a) const {
+    return cfg_[0]->nexthop(IpGenAddr(a)) && cfg_[1]->nexthop(IpGenAddr(a));
+  }
+
+  PimTest::DrobeRoot root_;
+  PimTest::NetnsPair pair_{"rrt"};
+  std::string ns_;
+  pid_t ribd_ = -1, nhtd_ = -1;
+  Ulm::EventLoop loop_{Kel::Ptr<Kel::SystemClock>::make()};
+  Kel::Ptr<Routing::NexthopVrfConfig> cfg_[2];
+  Kel::Ptr<Routing::NexthopVrfStatus> st_[2];
+  Kel::Ptr<RpfTable> table_;
+  Kel::Ptr<RpfConfig> config_ = Kel::Ptr<RpfConfig>::make("config");
+  Kel::Ptr<RpfStatus> status_ = Kel::Ptr<RpfStatus>::make("status");
+  PimTest::Agent agent_;
+  Kel::Ptr<RpfRouteSm> sm_;
+};
+
+TEST_P(RpfRouteNetnsTest, KernelRouteChangesPublishExactlyTheirDependents) {
+  const Family& f = GetParam();
+  const Keys k1 = keysOf(f.s1), k2 = keysOf(f.s2);
+  ASSERT_TRUE(routesUp({&k1, &k2}));
+  EXPECT_TRUE(registeredBoth(f.s1) && registeredBoth(f.s2));
+
+  ASSERT_EQ(ip("route replace {} via {}", f.s1Prefix, f.gwB), 0);
+  EXPECT_EQ(published(), k1);
+  for (const RouteKey& k : k1) EXPECT_EQ(neighbor(k), kernelVia(f.s1)) << k;
+  EXPECT_EQ(kernelVia(f.s1), IpGenAddr(f.gwB));
+
+  ASSERT_EQ(ip("route add table 100 {} via {}", f.s2Prefix, f.gwB), 0);
+  EXPECT_EQ(published(), k2);
+  EXPECT_EQ(sm_->routeSourceInfo().at(IpGenAddr(f.s2)).rib, RpfRib::M);
+  for (const RouteKey& k : k2) EXPECT_EQ(config_->rpfConfigInfo(k)->rpf.rib, RpfRib::M);
+
+  const std::uint64_t ignored = sm_->stats().ignored;
+  ASSERT_EQ(ip("route replace {} via {}", f.s2Prefix, f.gwB), 0);
+  EXPECT_EQ(published([&] { return sm_->stats().ignored > ignored; }), Keys{});
+
+  ASSERT_EQ(ip("route del table 100 {}", f.s2Prefix), 0);
+  EXPECT_EQ(published(), k2);
+  EXPECT_EQ(sm_->routeSourceInfo().at(IpGenAddr(f.s2)).rib, RpfRib::U);
+  for (const RouteKey& k : k2) EXPECT_EQ(config_->rpfConfigInfo(k)->rpf.rib, RpfRib::U);
+
+  for (const RouteKey& k : k1) config_->rpfConfigInfoDel(k);
+  EXPECT_TRUE(waitFor(
+      [&] { return !cfg_[0]->nexthop(IpGenAddr(f.s1)) && !cfg_[1]->nexthop(IpGenAddr(f.s1)); }));
+  ASSERT_EQ(ip("route replace {} via {}", f.s1Prefix, f.gwA), 0);
+  EXPECT_EQ(published([] { return true; }, 1.0), Keys{});  // nothing to wait for: S1 untracked
+}
+
+// A burst of replaces, the adapter killed and restarted, the machine re-created.
+TEST_P(RpfRouteNetnsTest, ChurnAndCrashes) {
+  const Family& f = GetParam();
+  const Keys k1 = keysOf(f.s1), k2 = keysOf(f.s2);
+  ASSERT_TRUE(routesUp({&k1, &k2}));
+  // 1,000 replaces of S1's prefix in a burst: S1's routes at most once per review pass, and
+  // the backlog never larger than the tracked set.
+  const std::string batch = fmt::format("/tmp/rrt{}.batch", ::getpid());
+  if (FILE* b = std::fopen(batch.c_str(), "w")) {
+    for (int i = 0; i < 1000; ++i)
+      fmt::print(b, "route replace {} via {}\n", f.s1Prefix, i % 2 ? f.gwB : f.gwA);
+    std::fclose(b);
+  }
+  agent_.published.clear();
+  std::size_t maxBacklog = 0;
+  const std::uint64_t passes = sm_->reviewStats().runs;
+  const pid_t burst = PimTest::spawn(fmt::format("exec ip -n {} -batch {}", ns_, batch));
+  int status = -1;
+  for (int i = 0; i < 500 && status == -1; ++i) {
+    if (::waitpid(burst, &status, WNOHANG) != burst) status = -1;
+    loop_.runOnce(0.01);
+    maxBacklog = std::max(maxBacklog, sm_->tracking().uribBacklog->size());
+  }
+  EXPECT_EQ(status == -1 ? PimTest::waitChild(burst, 10) : status, 0) << "ip -batch";
+  std::remove(batch.c_str());
+  ASSERT_TRUE(waitFor([&] { return neighbor(*k1.begin()) == kernelVia(f.s1); }));
+  for (int i = 0; i < 20; ++i) loop_.runOnce(0.05);
+  EXPECT_LE(maxBacklog, sm_->routeSourceInfo().size());
+  std::map<RouteKey, int> seen;
+  for (const auto& [k, n] : agent_.published) seen[k] += n;
+  EXPECT_FALSE(seen.empty());
+  for (const auto& [k, n] : seen) {
+    EXPECT_TRUE(k1.count(k)) << k;
+    EXPECT_LE(static_cast<std::uint64_t>(n), sm_->reviewStats().runs - passes) << k;
+  }
+
+  // The adapter killed; restarted over unchanged routes: nothing. Killed again, S1's route
+  // changed meanwhile: exactly S1's routes.
+  stop(nhtd_, SIGKILL);
+  startDaemons();
+  // A restarted adapter's first full pass puts every registered address on both backlogs.
+  const std::size_t all = 2 * sm_->routeSourceInfo().size();
+  EXPECT_EQ(published(drained(all)), Keys{});
+  stop(nhtd_, SIGKILL);
+  const IpGenAddr other(kernelVia(f.s1) == IpGenAddr(f.gwA) ? f.gwB : f.gwA);
+  ASSERT_EQ(ip("route replace {} via {}", f.s1Prefix, other), 0);
+  startDaemons();
+  EXPECT_EQ(published(), k1);
+  for (const RouteKey& k : k1) EXPECT_EQ(neighbor(k), other) << k;
+
+  // Re-created: the same registrations, nothing published; gone: nothing registered.
+  start();
+  EXPECT_EQ(published([] { return true; }, 1.0), Keys{});
+  EXPECT_TRUE(registeredBoth(f.s1) && registeredBoth(f.s2));
+  EXPECT_EQ(sm_->checkInvariantsForTest(), "");
+  sm_ = nullptr;
+  EXPECT_EQ(cfg_[0]->size() + cfg_[1]->size(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, RpfRouteNetnsTest, ::testing::ValuesIn(kFamilies),
+                         [](const auto& i) { return std::string(i.param.name); });
+
+}  // namespace
