@@ -22,7 +22,8 @@ using Routing::Pim::RpfStatus;
 inline Rpf rpfOn(const std::string& prefix, const Nimo::IpGenAddr& target, RpfRib rib = RpfRib::U) {
   Rpf r;
   r.rpfIntf = Nimo::IntfId("eth1");
-  r.rpfNeighbor = Nimo::IpGenAddr("10.0.1.2");
+  r.rpfNeighbor =
+      Nimo::IpGenAddr(target.af() == Nimo::AddressFamily::ipv4 ? "10.0.1.2" : "fe80::2");
   r.prefix = Nimo::IpGenPrefix(prefix);
   r.target = target;
   r.rib = rib;

@@ -22,6 +22,7 @@ using PimTest::noRpf;
 using PimTest::rpfOn;
 using PimTest::settleLoop;
 using Trie4 = Routing::Shadow::Status::Trie;
+using Trie6 = Routing6::Shadow::Status::Trie;
 
 const IpGenAddr kGroup("232.1.1.1");
 
@@ -46,14 +47,28 @@ class RpfSmTest : public ::testing::Test {
     un_ = unresolvedSmFactory(status_, urib, mrib, clock_, loop_.timers());
   }
   void start() { start(urib_, mrib_); }
-  void route(Kel::Ptr<Trie4>& t, const std::string& p, std::uint32_t metric = 0) {
-    Routing::Fib::Route r;
+  void start6() {
+    sm_ = rpfSmFactory(Nimo::AddressFamily::ipv6, config_, status_, urib6_, mrib6_, nullptr,
+                       nullptr, mfib_, clock_, loop_.timers());
+    un_ = unresolvedSmFactory(status_, urib6_, mrib6_, clock_, loop_.timers());
+  }
+  template <typename Trie>
+  void route(Kel::Ptr<Trie>& t, const std::string& p, std::uint32_t metric = 0) {
+    decltype(Trie::Entry::payload) r;
     r.prefix = IpGenPrefix(p);
     r.metric = metric;
     t->insert(r.prefix, r);
   }
   void write(const RouteKey& k, const Rpf& r) { config_->rpfConfigInfoIs(k, RpfConfigInfo(r)); }
   void settle() { settleLoop(loop_, *clock_); }
+  // The keys a change marks, before any review; then the review runs.
+  std::set<RouteKey> marked(const std::function<void()>& change) {
+    capture_.clear();
+    change();
+    std::set<RouteKey> m = sm_->changeRpf();
+    settle();
+    return m;
+  }
   bool traced(std::string_view text) const {
     for (const auto& l : capture_.texts())
       if (l.find(text) != std::string::npos) return true;
@@ -68,6 +83,8 @@ class RpfSmTest : public ::testing::Test {
   Ulm::EventLoop loop_{clock_};
   Kel::Ptr<Trie4> urib_ = Kel::Ptr<Trie4>::make("urib", Nimo::AddressFamily::ipv4);
   Kel::Ptr<Trie4> mrib_ = Kel::Ptr<Trie4>::make("mrib", Nimo::AddressFamily::ipv4);
+  Kel::Ptr<Trie6> urib6_ = Kel::Ptr<Trie6>::make("urib6", Nimo::AddressFamily::ipv6);
+  Kel::Ptr<Trie6> mrib6_ = Kel::Ptr<Trie6>::make("mrib6", Nimo::AddressFamily::ipv6);
   Kel::Ptr<Routing::Multicast::Fib::Config> mfib_ =
       Kel::Ptr<Routing::Multicast::Fib::Config>::make("mfib");
   Kel::Ptr<RpfConfig> config_ = Kel::Ptr<RpfConfig>::make("config");
@@ -153,13 +170,6 @@ TEST_F(RpfSmTest, RibChangesMarkExactlyTheRoutesTheyCanMove) {
   write(onM16, rpfOn("10.3.0.0/16", onM16.source(), RpfRib::M));
   settle();  // the start-up publication
   ASSERT_TRUE(sm_->changeRpf().empty());
-  auto marked = [&](const std::function<void()>& change) {
-    capture_.clear();
-    change();
-    std::set<RouteKey> m = sm_->changeRpf();
-    settle();
-    return m;
-  };
   // A unicast /24 under the /16: its unicast users inside the /24; the multicast-linked one
   // stays, and the walk stops at the /25, which still has its unicast route.
   EXPECT_EQ(marked([&] { route(urib_, "10.1.1.0/24"); }), in24);
@@ -179,6 +189,58 @@ TEST_F(RpfSmTest, RibChangesMarkExactlyTheRoutesTheyCanMove) {
                   Routing::Multicast::Fib::Config::MultipathControl::highestNexthop);
             }).size(),
             64u + 3);
+  expectSound();
+}
+
+// IPv6, with an IPv4 route in the same config that the IPv6 machines leave alone: what each
+// RIB change marks, and unresolved routes retried by a route under them, (*,G) first, the
+// (*,G) by a route to its new RP and not by one to its old.
+TEST_F(RpfSmTest, Ipv6MarksAndRetriesByTheSameRules) {
+  for (const char* p : {"2001:db8::/32", "2001:db8:1::/48", "2001:db8:1:101::/64"})
+    route(urib6_, p);
+  start6();
+  const RouteKey v4 = sg("10.1.0.1");
+  write(v4, rpfOn("10.1.0.0/16", v4.source()));
+  const IpGenAddr g6("ff3e::1");
+  std::set<RouteKey> on48, in56;  // users of the /48 in its subnets :0, :100, :200, :300
+  for (std::uint32_t i = 0; i < 64; ++i) {
+    const RouteKey k(IpGenAddr(fmt::format("2001:db8:1:{:x}::{:x}", (i % 4) << 8, i + 1)), g6);
+    write(k, rpfOn("2001:db8:1::/48", k.source()));
+    on48.insert(k);
+    if (i % 4 == 1) in56.insert(k);
+  }
+  const RouteKey on64(IpGenAddr("2001:db8:1:101::5"), g6);
+  write(on64, rpfOn("2001:db8:1:101::/64", on64.source()));
+  settle();
+  EXPECT_EQ(sm_->trieSize(), 2u);  // the IPv4 route is not linked here
+  const struct {
+    std::function<void()> change;
+    std::set<RouteKey> marked;
+    const char* trace;
+  } rows[] = {
+      {[&] { route(urib6_, "2001:db8:1:100::/56"); }, in56,
+       "Truncating subtree walk at 2001:db8:1:101::/64"},
+      {[&] { urib6_->remove(IpGenPrefix("2001:db8:1:101::/64")); }, {on64}, ""},
+      {[&] { route(urib6_, "2001:db8:7::/48"); }, {}, ""},
+      {[&] { urib6_->remove(IpGenPrefix("2001:db8:1::/48")); }, on48, ""},
+  };
+  for (std::size_t i = 0; i < std::size(rows); ++i) {
+    EXPECT_EQ(marked(rows[i].change), rows[i].marked) << "row " << i;
+    if (*rows[i].trace) {
+      EXPECT_TRUE(traced(rows[i].trace)) << rows[i].trace;
+    }
+  }
+  const RouteKey wc(g6), sg6(IpGenAddr("2001:db8:9::1"), g6);
+  write(wc, noRpf(IpGenAddr("2001:db8:2::1")));
+  write(sg6, noRpf(sg6.source()));
+  write(wc, noRpf(IpGenAddr("2001:db8:b::1")));  // a new RP
+  settle();
+  agent_.order.clear();
+  route(urib6_, "2001:db8:2::/48");
+  EXPECT_FALSE(un_->reviewScheduled());
+  route(urib6_, "2001:db8:8::/45");
+  settle();
+  EXPECT_EQ(agent_.order, (std::vector<RouteKey>{wc, sg6}));
   expectSound();
 }
 

@@ -7,6 +7,10 @@
 //   resync by difference, notifying only the prefixes whose route differs;
 // - the writer going away: the shadow keeps its routes until a writer mounts again, then
 //   resyncs by difference (a restarted writer with one route changed costs one notice).
+//   A writer that has mounted but not committed yet is still filling its table (ribd
+//   dumping the kernel): the resync waits for its first commit, polled every 0.05 s for at
+//   most 5 s, because resyncing against the empty table would delete every route and add
+//   it back a moment later, and every route resting on one would be recomputed twice.
 // Load and resync run in slices of at most sliceSeconds() of work, resumed from the loop's
 // timer wheel, so that the agent's loop keeps running; notices arriving in between are
 // applied at once.
@@ -62,7 +66,9 @@ class StatusGen : public Kel::Entity {
   }
 
  private:
-  enum class Phase { idle, scan, sweep };
+  enum class Phase { idle, awaitCommit, scan, sweep };
+  static constexpr double kCommitPoll = 0.05;
+  static constexpr std::uint32_t kCommitPolls = 100;
   struct Reactor : Table::NotifieeConst {
     StatusGen* owner = nullptr;
     void onKey(const Nimo::IpGenPrefix& k) override { owner->handleKey(k); }
@@ -101,12 +107,22 @@ class StatusGen : public Kel::Entity {
     seen_[id] = epoch_;
   }
   void handleKey(const Nimo::IpGenPrefix& k) {
+    if (phase_ == Phase::awaitCommit) return startResync();  // the first commit's notice
     if (table_->mounted()) apply(k);
   }
   void handleMountStatus(bool m) { mounted_ = m; }
   void handleCollection() {
     // While no writer is mounted the table reads empty: keep the shadow until one returns.
     if (!mounted_) return;
+    if (synced_ && table_->stats().commits == 0) {
+      if (phase_ != Phase::awaitCommit) polls_ = 0;
+      phase_ = Phase::awaitCommit;
+      timer_.delayIs(kCommitPoll);
+      return;
+    }
+    startResync();
+  }
+  void startResync() {
     ++epoch_;
     ++resyncs_;
     phase_ = Phase::scan;
@@ -122,6 +138,15 @@ class StatusGen : public Kel::Entity {
     auto full = [&] {
       return done >= sliceRoutes_ || ((done & 255) == 0 && spent() >= sliceSeconds_);
     };
+    if (phase_ == Phase::awaitCommit) {
+      if (!mounted_) {  // gone again: the next mount starts over
+        phase_ = Phase::idle;
+        return;
+      }
+      if (table_->stats().commits == 0 && ++polls_ < kCommitPolls)
+        return timer_.delayIs(kCommitPoll);
+      return startResync();
+    }
     while (phase_ == Phase::scan) {
       if (scan_ == table_->end()) {
         phase_ = Phase::sweep;
@@ -169,6 +194,7 @@ class StatusGen : public Kel::Entity {
   Phase phase_ = Phase::idle;
   typename Table::const_iterator scan_;
   std::uint32_t sweep_ = 0;
+  std::uint32_t polls_ = 0;  // first-commit polls of a remounted writer
   std::vector<std::uint64_t> seen_;
   std::uint64_t epoch_ = 0;
   std::uint64_t resyncs_ = 0;
