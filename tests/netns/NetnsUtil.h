@@ -25,7 +25,8 @@ inline bool isRoot() { return ::geteuid() == 0; }
 
 inline int sh(const std::string& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()); }
 
-// Starts cmd under sh (use exec in it so that the pid is the program's); the caller stops and reaps it.
+// Starts cmd under sh (use exec in it so that the pid is the program's); the caller stops and reaps
+// it.
 inline pid_t spawn(const std::string& cmd) {
   const pid_t pid = ::fork();
   if (pid == 0) {

@@ -125,7 +125,8 @@ class RpfRouteNetnsTest : public ::testing::TestWithParam<Family> {
   IpGenAddr neighbor(const RouteKey& k) const { return config_->rpfConfigInfo(k)->rpf.rpfNeighbor; }
   // The gateway `ip route get` names for a.
   IpGenAddr kernelVia(const char* a) {
-    const std::string out = PimTest::runCommand(fmt::format("ip -n {} route get {}", ns_, a), false).out;
+    const std::string out =
+        PimTest::runCommand(fmt::format("ip -n {} route get {}", ns_, a), false).out;
     const auto at = out.find(" via ");
     if (at == std::string::npos) return IpGenAddr();
     return IpGenAddr(out.substr(at + 5, out.find(' ', at + 5) - at - 5));
