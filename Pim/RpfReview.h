@@ -57,6 +57,12 @@ inline constexpr double kReviewMinDelay = 0.01;
 inline constexpr double kReviewMaxDelay = 0.05;
 inline constexpr double kReviewQuantum = 0.1;
 
+// Registration needs the watched entity writable; watching changes nothing in it.
+template <typename T>
+Kel::Ptr<T> watchable(const Kel::Ptr<const T>& p) {
+  return Kel::Ptr<T>(const_cast<T*>(p.ptr()));
+}
+
 // Slice figures for tests and benches.
 struct ReviewStats {
   std::uint64_t runs = 0;       // slices run

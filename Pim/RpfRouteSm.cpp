@@ -119,11 +119,6 @@ class RpfRouteSmImpl final : public RpfRouteSm {
     RpfRouteSmImpl* owner;
   };
 
-  template <typename T>
-  static Kel::Ptr<T> watchable(const Kel::Ptr<const T>& p) {
-    return Kel::Ptr<T>(const_cast<T*>(p.ptr()));
-  }
-
   void handleRpfConfigInfo(const RouteKey& k) {
     if (k.af() != af_) return;
     if (config_->rpfConfigInfo(k)) {

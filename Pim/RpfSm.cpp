@@ -122,12 +122,6 @@ class RpfSmGen final : public RpfSm {
     RpfSmGen* owner;
   };
 
-  // Registration needs the watched entity writable; watching changes nothing in it.
-  template <typename T>
-  static Kel::Ptr<T> watchable(const Kel::Ptr<const T>& p) {
-    return Kel::Ptr<T>(const_cast<T*>(p.ptr()));
-  }
-
   void handleInitialized() {
     configReactor_.notifierIs(config_);
     if (uribTrie_) uribReactor_.notifierIs(watchable(uribTrie_));
