@@ -102,14 +102,9 @@ class RpfSmNetnsTest : public ::testing::Test {
   void startRibd() {
     ribd_ = PimTest::spawn(fmt::format("exec {} --netns {} >/dev/null", RIBD_PATH, ns_));
   }
-  // Runs the loop until done() or 20 s.
   template <typename Fn>
   bool waitFor(Fn&& done) {
-    for (int i = 0; i < 400; ++i) {
-      if (done()) return true;
-      loop_.runOnce(0.05);
-    }
-    return done();
+    return PimTest::waitLoop(loop_, done);
   }
   // Half a second more: what arrives late (a stray notice, a second review) shows.
   void linger() {
