@@ -28,16 +28,6 @@ class DiscardSink final : public Flicklog::Sink {
   std::size_t bytes_ = 0;
 };
 
-void traceIs(bool on) {
-  static DiscardSink sink;
-  static bool installed = false;
-  if (on && !installed) {
-    Flicklog::sinkIs(&sink);
-    installed = true;
-  }
-  Flicklog::allLevelsIs(on ? 9 : 0);
-}
-
 Nimo::IpGenAddr addr(const char* text) { return Nimo::IpGenAddr(text); }
 
 void contextIs(HelloMessage& m, Family f) {
@@ -130,6 +120,16 @@ std::vector<std::uint8_t> written(const Encoded& e, Write write) {
 }
 
 }  // namespace
+
+void traceIs(bool on) {
+  static DiscardSink sink;
+  static bool installed = false;
+  if (on && !installed) {
+    Flicklog::sinkIs(&sink);
+    installed = true;
+  }
+  Flicklog::allLevelsIs(on ? 9 : 0);
+}
 
 std::optional<Input> decode(const std::uint8_t* data, std::size_t size) {
   if (size == 0 || size - 1 > kMaxPacket) return std::nullopt;

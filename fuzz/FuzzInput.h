@@ -12,8 +12,8 @@
 //   bit  7    left to each target (readJoinPruneMessage: boundary and bidirectional filters)
 // Each target is a plain function returning the reader's result (bytes consumed, 0 on
 // rejection); it aborts when a round-trip property fails. The libFuzzer entry point is
-// added by PIM_FUZZ_ENTRY only in the fuzz build, so tests/FuzzRegressionTest.cpp can
-// link all targets into one program and replay inputs through them.
+// FuzzEntry.cpp, built once per target in the fuzz build, so tests/FuzzRegressionTest.cpp
+// can link all targets into one program and replay inputs through them.
 //
 // Threading: single-threaded, like the codec.
 //
@@ -23,7 +23,7 @@
 //     if (!in) return 0;
 //     ...read at in->offset in in->pkt, write back, PimFuzz::check(same, "why");
 //   }
-//   PIM_FUZZ_ENTRY(PimFuzz::readFoo)
+// and a row in kTargets.
 #pragma once
 
 #include <cstddef>
@@ -56,6 +56,9 @@ std::vector<std::uint8_t> encode(Family family, std::uint8_t offset, bool repair
 // A failed property: prints what and aborts, which libFuzzer and the test both report.
 void check(bool ok, const char* what);
 
+// Tracing on at level 9 into a discarding sink, or off: decode() follows context bit 6.
+void traceIs(bool on);
+
 using Target = std::uint32_t (*)(const std::uint8_t* data, std::size_t size);
 std::uint32_t readHeader(const std::uint8_t* data, std::size_t size);
 std::uint32_t readUnicastAddress(const std::uint8_t* data, std::size_t size);
@@ -78,17 +81,27 @@ std::uint32_t processPkt(const std::uint8_t* data, std::size_t size);
 std::uint32_t readPortFrame(const std::uint8_t* data, std::size_t size);
 
 // The targets by name: the fuzzers' binary suffix (pimfuzz_<name>) and corpus directory.
-// clang-format off
-inline constexpr std::string_view kTargetNames[] = {
-    "readHeader",          "readUnicastAddress",
-    "readGroupAddress",    "readSourceAddress",
-    "readHelloMessage",    "readJoinPruneMessage",
-    "readRegisterMessage", "readRegisterStopMessage",
-    "readAssertMessage",   "readBootstrapMessage",
-    "readCrpAdvMessage",   "readDfElectionMessage",
-    "pimdumpFrame",        "processPkt",
-    "readPortFrame"};
-// clang-format on
+struct NamedTarget {
+  std::string_view name;
+  Target target;
+};
+inline constexpr NamedTarget kTargets[] = {
+    {"readHeader", &readHeader},
+    {"readUnicastAddress", &readUnicastAddress},
+    {"readGroupAddress", &readGroupAddress},
+    {"readSourceAddress", &readSourceAddress},
+    {"readHelloMessage", &readHelloMessage},
+    {"readJoinPruneMessage", &readJoinPruneMessage},
+    {"readRegisterMessage", &readRegisterMessage},
+    {"readRegisterStopMessage", &readRegisterStopMessage},
+    {"readAssertMessage", &readAssertMessage},
+    {"readBootstrapMessage", &readBootstrapMessage},
+    {"readCrpAdvMessage", &readCrpAdvMessage},
+    {"readDfElectionMessage", &readDfElectionMessage},
+    {"pimdumpFrame", &pimdumpFrame},
+    {"processPkt", &processPkt},
+    {"readPortFrame", &readPortFrame},
+};
 
 // Valid inputs for a target, built with the codec's writers plus a few by hand: the
 // fuzzers' seed corpus and the fixed inputs of the regression test. Each is accepted by
@@ -98,13 +111,3 @@ std::vector<std::vector<std::uint8_t>> seeds(std::string_view target);
 std::vector<std::vector<std::uint8_t>> sampleSeeds(std::string_view target);
 
 }  // namespace PimFuzz
-
-#ifdef PIM_FUZZ_ENTRY_POINT
-#define PIM_FUZZ_ENTRY(fn)                                                            \
-  extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) { \
-    (void)fn(data, size);                                                             \
-    return 0;                                                                         \
-  }
-#else
-#define PIM_FUZZ_ENTRY(fn)
-#endif

@@ -12,7 +12,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::size_t total = 0;
-  for (std::string_view name : PimFuzz::kTargetNames) {
+  for (const PimFuzz::NamedTarget& t : PimFuzz::kTargets) {
+    const std::string_view name = t.name;
     std::filesystem::path dir = std::filesystem::path(argv[1]) / name;
     std::filesystem::create_directories(dir);
     std::size_t i = 0;

@@ -18,4 +18,3 @@ std::uint32_t PimFuzz::pimdumpFrame(const std::uint8_t* data, std::size_t size) 
   }
   return accepted;
 }
-PIM_FUZZ_ENTRY(PimFuzz::pimdumpFrame)

@@ -16,11 +16,6 @@
 
 namespace {
 
-class Discard final : public Flicklog::Sink {
- public:
-  void write(const Flicklog::Facility&, int, std::string_view) override {}
-};
-
 struct Rig {
   explicit Rig(Nimo::AddressFamily af)
       : clock(Kel::Ptr<Kel::ManualClock>::make()),
@@ -66,21 +61,11 @@ struct Rig {
 std::uint32_t PimFuzz::processPkt(const std::uint8_t* data, std::size_t size) {
   if (size < 1 || size > 65535) return 0;
   static Rig v4(Nimo::AddressFamily::ipv4), v6(Nimo::AddressFamily::ipv6);
-  static Discard discard;
   Rig& rig = (data[0] & 1) ? v6 : v4;
   const std::uint32_t ifIndex = ((data[0] >> 1) & 3) < 2 ? 7 : ((data[0] >> 1) & 3) == 2 ? 8 : 99;
-  const bool trace = (data[0] & 8) != 0;
-  Flicklog::Sink* previous = nullptr;
-  if (trace) {
-    previous = Flicklog::sinkIs(&discard);
-    Flicklog::allLevelsIs(9);
-  }
+  traceIs((data[0] & 8) != 0);
   auto pkt = Nimo::Pkt::copyOf(data + 1, static_cast<std::uint32_t>(size - 1));
   const bool accepted = rig.io->processPkt(Routing::Pim::IO::rxPktContextFactory(pkt, ifIndex));
-  if (trace) {
-    Flicklog::allLevelsIs(0);
-    Flicklog::sinkIs(previous);
-  }
+  traceIs(false);
   return accepted ? 1 : 0;
 }
-PIM_FUZZ_ENTRY(PimFuzz::processPkt)

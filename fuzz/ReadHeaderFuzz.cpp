@@ -22,4 +22,3 @@ std::uint32_t PimFuzz::readHeader(const std::uint8_t* data, std::size_t size) {
         "rewritten header reads back different");
   return n;
 }
-PIM_FUZZ_ENTRY(PimFuzz::readHeader)

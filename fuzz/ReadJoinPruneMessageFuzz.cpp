@@ -42,4 +42,3 @@ std::uint32_t PimFuzz::readJoinPruneMessage(const std::uint8_t* data, std::size_
   check(*back->joinPruneData() == *rx->joinPruneData(), "Join/Prune reads back different");
   return n;
 }
-PIM_FUZZ_ENTRY(PimFuzz::readJoinPruneMessage)

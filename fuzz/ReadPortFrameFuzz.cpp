@@ -51,4 +51,3 @@ std::uint32_t PimFuzz::readPortFrame(const std::uint8_t* data, std::size_t size)
   }
   return n;
 }
-PIM_FUZZ_ENTRY(PimFuzz::readPortFrame)

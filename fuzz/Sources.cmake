@@ -10,11 +10,8 @@ set(PIM_FUZZ_PLATFORM_TARGETS drobeReader)  # own input format and seeds; not in
 set(PIM_FUZZ_LINUX_TARGETS netlinkRoute)
 set(PIM_FUZZ_SUPPORT_SOURCES ${CMAKE_CURRENT_LIST_DIR}/FuzzInput.cpp
     ${CMAKE_CURRENT_LIST_DIR}/FuzzSeedsSamples.cpp)
+# The readers whose property is a plain round trip share ReadMessageFuzz.cpp.
 set(PIM_FUZZ_TARGET_SOURCES "")
-foreach(t ${PIM_FUZZ_TARGETS})
-  string(SUBSTRING ${t} 0 1 first)
-  string(TOUPPER ${first} first)
-  string(SUBSTRING ${t} 1 -1 rest)
-  set(PIM_FUZZ_SOURCE_${t} ${CMAKE_CURRENT_LIST_DIR}/${first}${rest}Fuzz.cpp)
-  list(APPEND PIM_FUZZ_TARGET_SOURCES ${PIM_FUZZ_SOURCE_${t}})
+foreach(f ReadHeader ReadMessage ReadJoinPruneMessage PimdumpFrame ProcessPkt ReadPortFrame)
+  list(APPEND PIM_FUZZ_TARGET_SOURCES ${CMAKE_CURRENT_LIST_DIR}/${f}Fuzz.cpp)
 endforeach()

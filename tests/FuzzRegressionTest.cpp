@@ -18,28 +18,7 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-struct NamedTarget {
-  std::string_view name;
-  PimFuzz::Target target;
-};
-constexpr NamedTarget kTargets[] = {
-    {"readHeader", &PimFuzz::readHeader},
-    {"readUnicastAddress", &PimFuzz::readUnicastAddress},
-    {"readGroupAddress", &PimFuzz::readGroupAddress},
-    {"readSourceAddress", &PimFuzz::readSourceAddress},
-    {"readHelloMessage", &PimFuzz::readHelloMessage},
-    {"readJoinPruneMessage", &PimFuzz::readJoinPruneMessage},
-    {"readRegisterMessage", &PimFuzz::readRegisterMessage},
-    {"readRegisterStopMessage", &PimFuzz::readRegisterStopMessage},
-    {"readAssertMessage", &PimFuzz::readAssertMessage},
-    {"readBootstrapMessage", &PimFuzz::readBootstrapMessage},
-    {"readCrpAdvMessage", &PimFuzz::readCrpAdvMessage},
-    {"readDfElectionMessage", &PimFuzz::readDfElectionMessage},
-    {"pimdumpFrame", &PimFuzz::pimdumpFrame},
-    {"processPkt", &PimFuzz::processPkt},
-    {"readPortFrame", &PimFuzz::readPortFrame},
-};
-static_assert(std::size(kTargets) == std::size(PimFuzz::kTargetNames));
+using PimFuzz::kTargets;
 
 // Packet bytes a reader may consume: after the context byte and the start offset.
 std::size_t available(const Bytes& in) {
