@@ -57,6 +57,24 @@ void roundTrip(const Family& f, M& tx, Op<M> read, Op<M> write, const std::strin
   EXPECT_EQ(*rx, tx) << f.name() << " " << what;
 }
 
+// What an Assert and a Register-Stop both carry: group 239.1.2.3 (ff3e::1234) with mask
+// groupMask, then source 10.0.0.5 (2001:db8::5); groupSourceHex() is their wire form,
+// where the group always has a host mask.
+template <typename M>
+Kel::Ptr<M> groupSource(const Family& f, std::uint8_t groupMask) {
+  auto m = message<M>(f);
+  m->groupIs(Routing::Pim::Packet::EncodedGroupAddress(Routing::Pim::Packet::GroupAddress(
+      Nimo::IpGenPrefix(Nimo::IpGenAddr(f.v6 ? "ff3e::1234" : "239.1.2.3"), groupMask), 0)));
+  m->sourceIs(Routing::Pim::Packet::EncodedUnicastAddress(
+      Nimo::IpGenAddr(f.v6 ? "2001:db8::5" : "10.0.0.5")));
+  return m;
+}
+inline std::string groupSourceHex(const Family& f) {
+  return f.v6 ? "02 00 00 80 ff3e 0000 0000 0000 0000 0000 0000 1234"
+                "02 00 2001 0db8 0000 0000 0000 0000 0000 0005"
+              : "01 00 00 20 ef010203  01 00 0a000005";
+}
+
 using Fix = std::function<Bytes(const Bytes&)>;  // makes a message's checksum right
 
 class CodecTest : public TraceTest {
@@ -85,6 +103,16 @@ class CodecTest : public TraceTest {
       const Bytes part = fix(Bytes(g.begin(), g.begin() + static_cast<std::ptrdiff_t>(n)));
       EXPECT_EQ(((*message<M>(f)).*read)(pkt(part), 0), complete.count(n) ? n : 0u) << n;
     }
+  }
+
+  // golden() for a message of groupSource(): also written from a /24 (/64) group, it goes
+  // out the same, with mask 32 (128).
+  template <typename M>
+  void groupSourceGolden(const Family& f, const Bytes& g, M& tx, Op<M> read, Op<M> write) {
+    golden(f, g, tx, read, write);
+    const Bytes out = written(*groupSource<M>(f, f.v6 ? 64 : 24), write);
+    EXPECT_EQ(out, g) << f.name();
+    EXPECT_EQ(out.at(7), f.v6 ? 128 : 32) << f.name();
   }
 
   // The error lines of one read of msg (checksum made right), which must fail.

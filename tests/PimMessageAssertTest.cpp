@@ -11,10 +11,7 @@ using ::testing::ElementsAre;
 using Pref = AssertMessage::AssertMetricPreference;
 
 Kel::Ptr<AssertMessage> assertObject(const Family& f, std::uint8_t groupMask) {
-  auto m = message<AssertMessage>(f);
-  m->groupIs(EncodedGroupAddress(GroupAddress(
-      Nimo::IpGenPrefix(Nimo::IpGenAddr(f.v6 ? "ff3e::1234" : "239.1.2.3"), groupMask), 0)));
-  m->sourceIs(EncodedUnicastAddress(Nimo::IpGenAddr(f.v6 ? "2001:db8::5" : "10.0.0.5")));
+  auto m = groupSource<AssertMessage>(f, groupMask);
   m->rptIs(!f.v6);
   m->metricPreferenceIs(Pref(f.v6 ? 120 : 110));
   m->metricIs(f.v6 ? 256 : 10);
@@ -24,26 +21,13 @@ Kel::Ptr<AssertMessage> assertObject(const Family& f, std::uint8_t groupMask) {
 class AssertTest : public CodecTest {};
 
 TEST_F(AssertTest, GoldenAndHostPrefixOnTheWire) {
-  const Bytes assert4 =
-      hex("25 00 0000"
-          "01 00 00 20 ef 01 02 03"  // group 239.1.2.3/32
-          "01 00 0a 00 00 05"        // source 10.0.0.5
-          "80 00 00 6e"              // R, preference 110
-          "00 00 00 0a");            // metric 10
-  const Bytes assert6 =
-      hex("25 00 0000"
-          "02 00 00 80 ff3e 0000 0000 0000 0000 0000 0000 1234"
-          "02 00 2001 0db8 0000 0000 0000 0000 0000 0005"
-          "00 00 00 78  00 00 01 00");  // no R, preference 120, metric 256
   for (const Family* f : {&kV4, &kV6}) {
-    const Bytes g = withChecksum(f->v6 ? assert6 : assert4, f->src, f->dst);
-    golden(*f, g, *assertObject(*f, f->v6 ? 128 : 32), &AssertMessage::readAssertMessage,
-           &AssertMessage::writeAssertMessage);
-    // A /24 (/64) group in the object goes out with mask 32 (128).
-    const Bytes out =
-        written(*assertObject(*f, f->v6 ? 64 : 24), &AssertMessage::writeAssertMessage);
-    EXPECT_EQ(out, g);
-    EXPECT_EQ(out.at(7), f->v6 ? 128 : 32);
+    // R and preference 110, metric 10 (IPv6: no R, preference 120, metric 256).
+    const Bytes g = withChecksum(hex("25 00 0000" + groupSourceHex(*f) +
+                                     (f->v6 ? "00000078 00000100" : "8000006e 0000000a")),
+                                 f->src, f->dst);
+    groupSourceGolden(*f, g, *assertObject(*f, f->v6 ? 128 : 32), &AssertMessage::readAssertMessage,
+                      &AssertMessage::writeAssertMessage);
   }
   EXPECT_EQ(printed(*assertObject(kV4, 32)),
             "version=2 type=5 (Assert) reserved=0 length=0 src=10.0.0.1 dst=224.0.0.13 | "

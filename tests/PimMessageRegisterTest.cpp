@@ -241,28 +241,14 @@ TEST(RegisterFlags, SubtypeFollowsNAndOnlyRealChangesNotify) {
 // ---------------------------------------------------------------------------------------
 // Register-Stop
 
-Kel::Ptr<RegisterStopMessage> stopObject(const Family& f, std::uint8_t groupMask) {
-  auto m = message<RegisterStopMessage>(f);
-  m->groupIs(EncodedGroupAddress(GroupAddress(
-      Nimo::IpGenPrefix(Nimo::IpGenAddr(f.v6 ? "ff3e::1234" : "239.1.2.3"), groupMask), 0)));
-  m->sourceIs(EncodedUnicastAddress(Nimo::IpGenAddr(f.v6 ? "2001:db8::5" : "10.0.0.5")));
-  return m;
-}
+const auto stopObject = groupSource<RegisterStopMessage>;
 
 TEST_F(RegisterTest, RegisterStopGoldenAndHostPrefixOnTheWire) {
-  const Bytes stop4 = hex("22 00 0000  01 00 00 20 ef010203  01 00 0a000005"),
-              stop6 =
-                  hex("22 00 0000  02 00 00 80 ff3e 0000 0000 0000 0000 0000 0000 1234"
-                      "            02 00 2001 0db8 0000 0000 0000 0000 0000 0005");
   for (const Family* f : {&kV4, &kV6}) {
-    const Bytes g = withChecksum(f->v6 ? stop6 : stop4, f->src, f->dst);
-    golden(*f, g, *stopObject(*f, f->v6 ? 128 : 32), &RegisterStopMessage::readRegisterStopMessage,
-           &RegisterStopMessage::writeRegisterStopMessage);
-    // A /24 (/64) group in the object goes out with mask 32 (128).
-    const Bytes out =
-        written(*stopObject(*f, f->v6 ? 64 : 24), &RegisterStopMessage::writeRegisterStopMessage);
-    EXPECT_EQ(out, g);
-    EXPECT_EQ(out.at(7), f->v6 ? 128 : 32);
+    groupSourceGolden(*f, withChecksum(hex("22 00 0000" + groupSourceHex(*f)), f->src, f->dst),
+                      *stopObject(*f, f->v6 ? 128 : 32),
+                      &RegisterStopMessage::readRegisterStopMessage,
+                      &RegisterStopMessage::writeRegisterStopMessage);
   }
   EXPECT_EQ(printed(*stopObject(kV4, 32)),
             "version=2 type=2 (Register-Stop) reserved=0 length=0 src=10.0.0.1 dst=224.0.0.13 | "
