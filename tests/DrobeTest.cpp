@@ -130,8 +130,13 @@ std::map<std::uint32_t, TVal> contents(const W& w) {
   return out;
 }
 
+// A full table refuses a new key with a trace line and a count, and still takes an
+// overwrite or, after a delete, a new key: the model knows which.
 TEST_F(DrobeTest, RandomOperationsMatchAModelForWriterReaderAndNotifications) {
   // 7 hashes, a tiny ring, a small table: chains, tombstones, refusals, ring overruns.
+  Drobe::trace().levelIs(1);
+  Flicklog::CaptureSink cap;
+  std::uint64_t refusals = 0;
   auto w = W::create(kPath, {"rec", 40, 8});
   ASSERT_TRUE(w);
   Mirror m;
@@ -148,6 +153,7 @@ TEST_F(DrobeTest, RandomOperationsMatchAModelForWriterReaderAndNotifications) {
       const bool fits = model.count(id) || model.size() < 40;
       ASSERT_EQ(w->is(v), fits) << "op " << op;
       if (fits) model[id] = v;
+      refusals += !fits;
     } else if (dice < 98) {
       ASSERT_EQ(w->del(k), model.erase(id) == 1) << "op " << op;
     } else {
@@ -171,27 +177,11 @@ TEST_F(DrobeTest, RandomOperationsMatchAModelForWriterReaderAndNotifications) {
   EXPECT_EQ(m.torn, 0u);
   EXPECT_GT(r->overflows(), 0u);
   EXPECT_FALSE(m.keys.empty());
-}
-
-TEST_F(DrobeTest, FullTableRefusesWithTraceAndCountAndKeepsItsContents) {
-  Drobe::trace().levelIs(1);
-  Flicklog::CaptureSink cap;
-  auto w = W::create(kPath, {"rec", 8, 0});
-  for (std::uint32_t id = 0; id < 8; ++id) ASSERT_TRUE(w->is(TVal::make({id}, id)));
-  EXPECT_FALSE(w->is(TVal::make({100}, 1)));
-  EXPECT_FALSE(w->is(TVal::make({101}, 1)));
-  EXPECT_TRUE(w->is(TVal::make({3}, 33)));  // overwriting needs no room
-  w->commit();
-  EXPECT_EQ(w->stats().refused, 2u);
-  ASSERT_EQ(cap.lines().size(), 2u);
+  EXPECT_GT(refusals, 0u);
+  EXPECT_EQ(w->stats().refused, refusals);
+  ASSERT_EQ(cap.lines().size(), refusals);
   EXPECT_EQ(cap.lines()[0].facility, "Drobe");
-  EXPECT_NE(cap.lines()[0].text.find("table full (8 entries), insert refused"), std::string::npos);
-  Mirror m;
-  auto r = mirrored(m);
-  EXPECT_EQ(m.rows.size(), 8u);
-  EXPECT_EQ(m.rows.at(3).counter, 33u);
-  ASSERT_TRUE(w->del({0}));
-  EXPECT_TRUE(w->is(TVal::make({100}, 1)));
+  EXPECT_NE(cap.lines()[0].text.find("table full (40 entries), insert refused"), std::string::npos);
 }
 
 TEST_F(DrobeTest, ReserveGrowsInOneStepUpToTheMaximumAndReadersKeepEveryEntry) {
@@ -635,15 +625,8 @@ class DrobeCrossProcessTest : public DrobeTest {
   int readers_[2] = {-1, -1};
 };
 
-TEST_F(DrobeCrossProcessTest, ReadersSeeNoTornRecordAndConvergeToTheWriter) {
-  startReaders();
-  startWriter(11, 4000);
-  for (const ReaderResult& x : readerResults(workload(11, 4000, nullptr))) {
-    EXPECT_GT(x.keys, kRecords);  // per-key notices carried the changes
-    EXPECT_EQ(x.mounts, 1);
-  }
-}
-
+// Readers hammer the table through both writers' lives: no torn record, per-key notices
+// for the changes, and convergence to the successor of a writer killed mid-update.
 TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSuccessor) {
   startReaders();
   const int victim = startWriter(21, -1);
@@ -673,6 +656,7 @@ TEST_F(DrobeCrossProcessTest, ReadersSurviveAWriterKilledMidUpdateAndFollowItsSu
   ASSERT_EQ(patched, 1);
   startWriter(22, 2000);
   for (const ReaderResult& x : readerResults(workload(22, 2000, nullptr))) {
+    EXPECT_GT(x.keys, kRecords);
     EXPECT_EQ(x.mounts, 2);
     EXPECT_EQ(x.unmounts, 1);
     EXPECT_EQ(x.generation, 2u);
@@ -762,8 +746,8 @@ TEST_F(DrobeCrossProcessTest, ReadersConvergeWhateverBecomesOfTheirWakeUps) {
   }
 }
 
-// A reader process registers once with a writer whatever it reads of it, and a burst of
-// commits on all those tables wakes it once.
+// A reader process registers once with a writer whatever it reads of it, a burst of commits
+// on all those tables wakes it once, and its death frees the registrations.
 TEST_F(DrobeCrossProcessTest, AReaderProcessIsRegisteredAndWokenOncePerWriter) {
   Drobe::TableSet set(kXPath, {{{"a", 64, 0}, {"b", 64, 0}, {"c", 64, 0}}});
   const Kel::Ptr<W> tables[] = {set.writer<TKey, TVal>("a"), set.writer<TKey, TVal>("b"),
@@ -810,41 +794,20 @@ TEST_F(DrobeCrossProcessTest, AReaderProcessIsRegisteredAndWokenOncePerWriter) {
     ASSERT_TRUE(receive(reader, woken)) << "round " << round;
     EXPECT_EQ(woken, 1u) << "round " << round;
   }
-  EXPECT_EQ(exitCode(reader), 0);
-}
-
-TEST_F(DrobeCrossProcessTest, ADeadReadersRegistrationIsFreed) {
-  auto w = W::create(kXPath, {"rec", 64, 0});
-  ASSERT_TRUE(w);
-  w->is(TVal::make({1}, 1));
-  w->commit();
-  // The reader reports each record it sees, so that it is woken once while alive (the
-  // writer then holds its wake-up descriptor) before it is killed.
-  const int reader = spawn([](int out) {
-    Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
-    Mirror m;
-    auto r = R::create(loop, kXPath, "rec");
-    m.notifierIs(r);
-    for (std::uint32_t id : {1u, 2u}) {
-      if (!runUntil(loop, [&] { return m.rows.count(id) == 1; })) ::_exit(3);
-      send(out, id);
-    }
-    hold(out, 10);
-    ::_exit(0);
-  });
-  std::uint32_t seen = 0;
-  ASSERT_TRUE(receive(reader, seen));
-  w->is(TVal::make({2}, 2));
-  w->commit();
-  ASSERT_TRUE(receive(reader, seen));
-  EXPECT_EQ(w->stats().readers, 1u);
+  // Killed after its wake-ups (each writer holds its wake-up descriptor): every writer frees
+  // the dead reader's registration on a later commit.
   EXPECT_EQ(exitCode(reader, 30, true), -1);
-  for (std::uint32_t i = 0; i < 500 && w->stats().readers > 0; ++i) {
-    w->is(TVal::make({3}, i));
-    w->commit();
+  const auto registered = [&] {
+    return tables[0]->stats().readers + tables[1]->stats().readers + tables[2]->stats().readers;
+  };
+  for (std::uint32_t i = 0; i < 500 && registered() > 0; ++i) {
+    for (const auto& t : tables) {
+      t->is(TVal::make({99}, i));
+      t->commit();
+    }
     ::usleep(20000);
   }
-  EXPECT_EQ(w->stats().readers, 0u);
+  for (const auto& t : tables) EXPECT_EQ(t->stats().readers, 0u) << t->file();
 }
 
 // Open descriptors of this process.
