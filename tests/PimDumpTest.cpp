@@ -14,7 +14,7 @@
 #include <sstream>
 
 #include "Pim/PimMessage.h"
-#include "tests/PimTestUtil.h"
+#include "tests/PimIOTestUtil.h"
 #include "tools/pimdump/Capture.h"
 
 namespace {
@@ -45,14 +45,8 @@ struct TempDir {
 };
 
 Bytes helloIp(const char* src, const char* dst) {
-  Routing::Pim::Packet::HelloMessage h;
-  h.srcIpIs(Nimo::IpGenAddr(src));
-  h.dstIpIs(Nimo::IpGenAddr(dst));
-  h.holdTimeOptionIs(true);
-  h.holdTimeIs(105);
-  auto pkt = Nimo::Pkt::create(100);
-  const std::uint32_t n = h.writeHelloMessage(pkt, 0);
-  return PimDump::ipPacket(h.srcIp(), h.dstIp(), {pkt->data(0, n), n});
+  const Nimo::IpGenAddr s(src), d(dst);
+  return PimDump::ipPacket(s, d, PimTest::helloBytes(s, d));
 }
 
 TEST(PimDump, EveryLinkTypeLeadsToTheIpPacket) {

@@ -1,5 +1,6 @@
 // Test rig for the I/O layer: an IOSm wired to hand-fed platform status, a counter table in
-// a private DROBE_ROOT, and packet builders that put an IP header in front of codec output.
+// a private DROBE_ROOT, and builders of codec output (PimDump::ipPacket puts the IP header
+// in front).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,21 +15,6 @@
 #include "tests/PimTestUtil.h"
 
 namespace PimTest {
-
-// A PIM message behind an IPv4 (20 bytes) or IPv6 (40 bytes) header.
-inline Bytes ipPacket(const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst, const Bytes& pim) {
-  const bool v6 = src.af() == Nimo::AddressFamily::ipv6;
-  const std::uint32_t hl = v6 ? Nimo::Ipv6Hdr::kSize : Nimo::Ipv4Hdr::kMinSize;
-  Bytes out(hl);
-  if (v6) {
-    Nimo::Ipv6Hdr(out.data()).build(0xc0, static_cast<std::uint16_t>(pim.size()), 103, 1, src, dst);
-  } else {
-    Nimo::Ipv4Hdr(out.data())
-        .build(0xc0, static_cast<std::uint16_t>(hl + pim.size()), 1, 103, src, dst);
-  }
-  out.insert(out.end(), pim.begin(), pim.end());
-  return out;
-}
 
 // A Hello written by the codec, with secondary addresses.
 inline Bytes helloBytes(const Nimo::IpGenAddr& src, const Nimo::IpGenAddr& dst,
