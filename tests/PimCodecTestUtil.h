@@ -105,12 +105,12 @@ class CodecTest : public TraceTest {
     }
   }
 
-  // golden() for a message of groupSource(): also written from a /24 (/64) group, it goes
-  // out the same, with mask 32 (128).
-  template <typename M>
-  void groupSourceGolden(const Family& f, const Bytes& g, M& tx, Op<M> read, Op<M> write) {
-    golden(f, g, tx, read, write);
-    const Bytes out = written(*groupSource<M>(f, f.v6 ? 64 : 24), write);
+  // golden() for a message of groupSource() that make(mask) builds: written from a /24
+  // (/64) group too, it goes out the same, with mask 32 (128).
+  template <typename M, typename Make>
+  void groupSourceGolden(const Family& f, const Bytes& g, Make make, Op<M> read, Op<M> write) {
+    golden(f, g, *make(f.v6 ? 128 : 32), read, write);
+    const Bytes out = written(*make(f.v6 ? 64 : 24), write);
     EXPECT_EQ(out, g) << f.name();
     EXPECT_EQ(out.at(7), f.v6 ? 128 : 32) << f.name();
   }

@@ -26,8 +26,9 @@ TEST_F(AssertTest, GoldenAndHostPrefixOnTheWire) {
     const Bytes g = withChecksum(hex("25 00 0000" + groupSourceHex(*f) +
                                      (f->v6 ? "00000078 00000100" : "8000006e 0000000a")),
                                  f->src, f->dst);
-    groupSourceGolden(*f, g, *assertObject(*f, f->v6 ? 128 : 32), &AssertMessage::readAssertMessage,
-                      &AssertMessage::writeAssertMessage);
+    groupSourceGolden(
+        *f, g, [&](std::uint8_t mask) { return assertObject(*f, mask); },
+        &AssertMessage::readAssertMessage, &AssertMessage::writeAssertMessage);
   }
   EXPECT_EQ(printed(*assertObject(kV4, 32)),
             "version=2 type=5 (Assert) reserved=0 length=0 src=10.0.0.1 dst=224.0.0.13 | "

@@ -245,10 +245,11 @@ const auto stopObject = groupSource<RegisterStopMessage>;
 
 TEST_F(RegisterTest, RegisterStopGoldenAndHostPrefixOnTheWire) {
   for (const Family* f : {&kV4, &kV6}) {
-    groupSourceGolden(*f, withChecksum(hex("22 00 0000" + groupSourceHex(*f)), f->src, f->dst),
-                      *stopObject(*f, f->v6 ? 128 : 32),
-                      &RegisterStopMessage::readRegisterStopMessage,
-                      &RegisterStopMessage::writeRegisterStopMessage);
+    groupSourceGolden(
+        *f, withChecksum(hex("22 00 0000" + groupSourceHex(*f)), f->src, f->dst),
+        [&](std::uint8_t mask) { return stopObject(*f, mask); },
+        &RegisterStopMessage::readRegisterStopMessage,
+        &RegisterStopMessage::writeRegisterStopMessage);
   }
   EXPECT_EQ(printed(*stopObject(kV4, 32)),
             "version=2 type=2 (Register-Stop) reserved=0 length=0 src=10.0.0.1 dst=224.0.0.13 | "
