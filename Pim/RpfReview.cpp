@@ -16,12 +16,20 @@ RouteKeyReview::RouteKeyReview(Ulm::TimerWheel& wheel, Kel::Ptr<const Kel::Clock
              kReviewMaxDelay, [this] { doReview(); }) {}
 
 void RouteKeyReview::mark(const RouteKey& k) {
-  pending_.insert(k);
+  insert(k);
+  timer_.request();
+}
+
+void RouteKeyReview::mark(std::vector<RouteKey>& keys) {
+  if (keys.empty()) return;
+  std::sort(keys.begin(), keys.end());
+  for (const RouteKey& k : keys) insert(k);
   timer_.request();
 }
 
 void RouteKeyReview::clear() {
   pending_.clear();
+  removed();
   bookmark_.reset();
   timer_.cancel();
 }
@@ -41,11 +49,14 @@ void RouteKeyReview::doReview() {
   while (it != pending_.end()) {
     if (done > 0 && (last = deadlineClock_->now()) >= deadline) break;
     const RouteKey k = *it;
-    pending_.erase(it);
+    const auto next = pending_.erase(it);
+    removed();
+    const std::uint64_t changes = changes_;
     publish_(k);
     ++done;
-    // The publication may have changed the set: look the next key up afresh.
-    it = pending_.upper_bound(k);
+    // A publication that marked or unmarked keys may have put one before the next or taken
+    // the next away: look it up afresh then.
+    it = changes_ == changes ? next : pending_.upper_bound(k);
   }
   stats_.published += done;
   if (it != pending_.end()) {
@@ -119,8 +130,7 @@ bool publishRpfChange(const RpfConfig& config, RpfStatus& status, const RouteKey
     FLICK_TRACE(trace, 4, "{}: {} has been deleted", machine, fmt::streamed(k));
     return false;
   }
-  status.rpfRouteChangedIs(k);
-  status.rpfRouteChangedCountInc(k);
+  publishRpfChange(status, k);
   return true;
 }
 
