@@ -143,6 +143,7 @@ void TargetIndex::keyIs(const RouteKey& k, const Nimo::IpGenAddr& addr) {
   if (!addr.isSet() || addr.af() != trie_.af()) return;
   addr_.emplace(k, addr);
   if (users_[addr]++ == 0) trie_.insert(hostOf(addr), 1);
+  peak_ = std::max(peak_, users_.size());
 }
 
 void TargetIndex::keyDel(const RouteKey& k) {
@@ -154,13 +155,23 @@ void TargetIndex::keyDel(const RouteKey& k) {
   if (--u->second == 0) {
     users_.erase(u);
     trie_.remove(hostOf(a));
+    if (peak_ > 1024 && users_.size() * 4 < peak_) compact();
   }
+}
+
+void TargetIndex::compact() {
+  trie_.clear();
+  for (const auto& [a, n] : users_) trie_.insert(hostOf(a), 1);
+  users_.rehash(0);
+  addr_.rehash(0);
+  peak_ = users_.size();
 }
 
 void TargetIndex::clear() {
   trie_.clear();
   users_.clear();
   addr_.clear();
+  peak_ = 0;
 }
 
 std::string TargetIndex::checkForTest() const {

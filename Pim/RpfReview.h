@@ -18,7 +18,9 @@
 // - publishRpfChange: the review's publication of one key, skipped for a deleted route.
 // - TargetIndex: route keys indexed by the address each one needs, in a trie of host
 //   prefixes, so that a RIB change can ask with one trie query whether any key lies under
-//   it. A key moves when its address changes; a prefix lives while it has users.
+//   it. A key moves when its address changes; a prefix lives while it has users. The trie
+//   keeps its nodes for reuse, so when the addresses fall to a quarter of their peak it is
+//   rebuilt from them: after a burst of unresolved routes resolves, the memory comes back.
 //
 // Threading: event-loop thread only; no locks.
 //
@@ -200,6 +202,8 @@ class TargetIndex {
   static Nimo::IpGenPrefix hostOf(const Nimo::IpGenAddr& a) {
     return Nimo::IpGenPrefix(a, static_cast<std::uint8_t>(a.byteLength() * 8));
   }
+  void compact();
+  std::size_t peak_ = 0;  // addresses, since the last rebuild
   Routing::TrieGen<std::uint8_t> trie_;
   std::unordered_map<Nimo::IpGenAddr, std::uint32_t, AddrHash> users_;
   std::unordered_map<RouteKey, Nimo::IpGenAddr, RouteKeyHash> addr_;
