@@ -297,11 +297,16 @@ class RpfSmGen final : public RpfSm {
     }
   }
 
-  void routeDeleted(const Nimo::IpGenPrefix& p, RpfRib) {
+  void routeDeleted(const Nimo::IpGenPrefix& p, RpfRib rib) {
     auto eit = entries_.find(p);
-    if (eit == entries_.end()) return;
-    FLICK_TRACE(rpfSmTrace(), 4, "RpfSm: route deleted {}, users: {}", p, eit->second.user.size());
-    for (User u : eit->second.user) mark(u->first);
+    if (eit != entries_.end()) {
+      FLICK_TRACE(rpfSmTrace(), 4, "RpfSm: route deleted {}, users: {}", p,
+                  eit->second.user.size());
+      for (User u : eit->second.user) mark(u->first);
+    }
+    // A multicast route without a usable next hop sent the lookups under it on to the
+    // unicast RIB; with it gone, a less specific multicast route may take them.
+    if (rib == RpfRib::M) capture(p, rib, true);
   }
 
   bool stillValid(User u) {
