@@ -16,12 +16,20 @@ RouteKeyReview::RouteKeyReview(Ulm::TimerWheel& wheel, Kel::Ptr<const Kel::Clock
              kReviewMaxDelay, [this] { doReview(); }) {}
 
 void RouteKeyReview::mark(const RouteKey& k) {
-  pending_.insert(k);
+  insert(k);
+  timer_.request();
+}
+
+void RouteKeyReview::mark(std::vector<RouteKey>& keys) {
+  if (keys.empty()) return;
+  std::sort(keys.begin(), keys.end());
+  for (const RouteKey& k : keys) insert(k);
   timer_.request();
 }
 
 void RouteKeyReview::clear() {
   pending_.clear();
+  removed();
   bookmark_.reset();
   timer_.cancel();
 }
@@ -41,11 +49,14 @@ void RouteKeyReview::doReview() {
   while (it != pending_.end()) {
     if (done > 0 && (last = deadlineClock_->now()) >= deadline) break;
     const RouteKey k = *it;
-    pending_.erase(it);
+    const auto next = pending_.erase(it);
+    removed();
+    const std::uint64_t changes = changes_;
     publish_(k);
     ++done;
-    // The publication may have changed the set: look the next key up afresh.
-    it = pending_.upper_bound(k);
+    // A publication that marked or unmarked keys may have put one before the next or taken
+    // the next away: look it up afresh then.
+    it = changes_ == changes ? next : pending_.upper_bound(k);
   }
   stats_.published += done;
   if (it != pending_.end()) {
@@ -119,8 +130,7 @@ bool publishRpfChange(const RpfConfig& config, RpfStatus& status, const RouteKey
     FLICK_TRACE(trace, 4, "{}: {} has been deleted", machine, fmt::streamed(k));
     return false;
   }
-  status.rpfRouteChangedIs(k);
-  status.rpfRouteChangedCountInc(k);
+  publishRpfChange(status, k);
   return true;
 }
 
@@ -133,6 +143,7 @@ void TargetIndex::keyIs(const RouteKey& k, const Nimo::IpGenAddr& addr) {
   if (!addr.isSet() || addr.af() != trie_.af()) return;
   addr_.emplace(k, addr);
   if (users_[addr]++ == 0) trie_.insert(hostOf(addr), 1);
+  peak_ = std::max(peak_, users_.size());
 }
 
 void TargetIndex::keyDel(const RouteKey& k) {
@@ -144,13 +155,23 @@ void TargetIndex::keyDel(const RouteKey& k) {
   if (--u->second == 0) {
     users_.erase(u);
     trie_.remove(hostOf(a));
+    if (peak_ > 1024 && users_.size() * 4 < peak_) compact();
   }
+}
+
+void TargetIndex::compact() {
+  trie_.clear();
+  for (const auto& [a, n] : users_) trie_.insert(hostOf(a), 1);
+  users_.rehash(0);
+  addr_.rehash(0);
+  peak_ = users_.size();
 }
 
 void TargetIndex::clear() {
   trie_.clear();
   users_.clear();
   addr_.clear();
+  peak_ = 0;
 }
 
 std::string TargetIndex::checkForTest() const {

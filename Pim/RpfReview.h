@@ -18,7 +18,9 @@
 // - publishRpfChange: the review's publication of one key, skipped for a deleted route.
 // - TargetIndex: route keys indexed by the address each one needs, in a trie of host
 //   prefixes, so that a RIB change can ask with one trie query whether any key lies under
-//   it. A key moves when its address changes; a prefix lives while it has users.
+//   it. A key moves when its address changes; a prefix lives while it has users. The trie
+//   keeps its nodes for reuse, so when the addresses fall to a quarter of their peak it is
+//   rebuilt from them: after a burst of unresolved routes resolves, the memory comes back.
 //
 // Threading: event-loop thread only; no locks.
 //
@@ -88,7 +90,12 @@ class RouteKeyReview {
                  Flicklog::Facility& trace, ReviewTexts texts, Publish publish);
 
   void mark(const RouteKey& k);
-  void unmark(const RouteKey& k) { pending_.erase(k); }
+  // Marks many keys; sorting them first makes each insertion land beside the previous one,
+  // which matters when a change marks 100,000 keys at once.
+  void mark(std::vector<RouteKey>& keys);
+  void unmark(const RouteKey& k) {
+    if (pending_.erase(k) != 0) removed();
+  }
   bool marked(const RouteKey& k) const { return pending_.count(k) != 0; }
   const std::set<RouteKey>& pending() const noexcept { return pending_; }
   const std::optional<RouteKey>& bookmark() const noexcept { return bookmark_; }
@@ -105,10 +112,25 @@ class RouteKeyReview {
   void doReview();
 
  private:
+  // Every removal: the insertion hint may point at what went.
+  void removed() noexcept {
+    hint_ = pending_.end();
+    ++changes_;
+  }
+  void insert(const RouteKey& k) {
+    hint_ = std::next(pending_.insert(hint_, k));
+    ++changes_;
+  }
   Flicklog::Facility& trace_;
   ReviewTexts texts_;
   Publish publish_;
   std::set<RouteKey> pending_;
+  // Where the last insertion went: keys marked in ascending order (the users of a prefix, a
+  // sorted batch) insert in constant time after it.
+  std::set<RouteKey>::iterator hint_ = pending_.end();
+  // Counts insertions and removals: a walk keeps its next key only across a publication
+  // that changed nothing.
+  std::uint64_t changes_ = 0;
   std::optional<RouteKey> bookmark_;
   double quantum_ = kReviewQuantum;
   Kel::Ptr<const Kel::Clock> deadlineClock_;
@@ -146,6 +168,11 @@ Nimo::IpGenAddr rpfTarget(const RouteKey& k, const Rpf& rpf);
 // still exists; otherwise traces "<machine>: <key> has been deleted" and returns false.
 bool publishRpfChange(const RpfConfig& config, RpfStatus& status, const RouteKey& k,
                       Flicklog::Facility& trace, std::string_view machine);
+// The same for a key known to have its record.
+inline void publishRpfChange(RpfStatus& status, const RouteKey& k) {
+  status.rpfRouteChangedIs(k);
+  status.rpfRouteChangedCountInc(k);
+}
 
 class TargetIndex {
  public:
@@ -175,6 +202,8 @@ class TargetIndex {
   static Nimo::IpGenPrefix hostOf(const Nimo::IpGenAddr& a) {
     return Nimo::IpGenPrefix(a, static_cast<std::uint8_t>(a.byteLength() * 8));
   }
+  void compact();
+  std::size_t peak_ = 0;  // addresses, since the last rebuild
   Routing::TrieGen<std::uint8_t> trie_;
   std::unordered_map<Nimo::IpGenAddr, std::uint32_t, AddrHash> users_;
   std::unordered_map<RouteKey, Nimo::IpGenAddr, RouteKeyHash> addr_;

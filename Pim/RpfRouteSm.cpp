@@ -289,6 +289,9 @@ class RpfRouteSmImpl final : public RpfRouteSm {
         uribChange(*a);
       }
     }
+    // The dependents of every address taken, marked in one sorted batch.
+    review_.mark(batch_);
+    batch_.clear();
     if (done == 0) return;
     ++stats_.drainRuns;
     stats_.backlogEntries += done;
@@ -350,10 +353,11 @@ class RpfRouteSmImpl final : public RpfRouteSm {
     markDependents(r);
   }
 
+  // Into the batch that the drain marks when it ends.
   void mark(const RouteKey& k) {
     ++stats_.marked;
     FLICK_TRACE(rrTrace(), 8, "{}: {} SG to re-eval ", kMachine, fmt::streamed(k));
-    review_.mark(k);
+    batch_.push_back(k);
   }
 
   void markDependents(const RouteSourceInfo& r) {
@@ -364,10 +368,15 @@ class RpfRouteSmImpl final : public RpfRouteSm {
   void markAll() {
     FLICK_TRACE(rrTrace(), 4, "{}: multipath control changed, marking every route", kMachine);
     forEachWatched([&](const RouteKey& k) { mark(k); });
+    review_.mark(batch_);
+    batch_.clear();
   }
 
+  // A deleted key leaves the pending set with its record (handleDelete), so every key the
+  // review hands over still has one: no look-up in the config here.
   void publish(const RouteKey& k) {
-    if (publishRpfChange(*config_, *status_, k, rrTrace(), kMachine)) ++stats_.published;
+    publishRpfChange(*status_, k);
+    ++stats_.published;
   }
 
   Nimo::AddressFamily af_;
@@ -380,6 +389,7 @@ class RpfRouteSmImpl final : public RpfRouteSm {
   Records records_;
   std::map<Nimo::IpGenAddr, GroupRp> groupRp_;
   Stats stats_;
+  std::vector<RouteKey> batch_;
   UnresolvedSets unresolved_;
   RouteKeyReview review_;
   Ulm::Timer resumeU_;
@@ -421,6 +431,8 @@ std::string RpfRouteSmImpl::checkInvariantsForTest() const {
   for (const auto& [a, r] : records_) wc += r.wcGroup.size();
   if (wc != groupRp_.size()) return "wcGroup sets and groupRp differ";
   if (inRecords != watched) return "records hold keys the config does not";
+  for (const RouteKey& k : review_.pending())
+    if (!config_->rpfConfigInfo(k)) return "pending key without a record: " + str(k);
   for (const auto* cfg : {&tracking_.uribNexthopConfig, &tracking_.mribNexthopConfig}) {
     if (!*cfg) continue;
     std::string extra;

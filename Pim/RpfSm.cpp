@@ -24,15 +24,35 @@ struct PrefixHash {
   std::size_t operator()(const Nimo::IpGenPrefix& p) const noexcept { return p.hash(); }
 };
 
-// One user of a linked prefix; ordered by target so that the users under a more specific
-// prefix are one range.
-struct User {
+// What a key was linked to, or that it is unresolved.
+struct Link {
+  Nimo::IpGenPrefix prefix;
+  Nimo::IpGenAddr target;
+  RpfRib rib = RpfRib::none;
+  bool unresolved = false;
+};
+using Links = std::unordered_map<RouteKey, Link, RouteKeyHash>;
+
+// One user of a linked prefix: its record in the key's links (whose nodes never move), so
+// that a user costs a pointer beside the record rather than a second copy of key and
+// target.
+using User = const Links::value_type*;
+// A position among users: target, then key.
+struct UserAt {
   Nimo::IpGenAddr target;
   RouteKey key;
-  RpfRib rib;  // the RIB of the user's own Rpf; not part of the order
-  bool operator<(const User& o) const noexcept {
-    if (auto c = target <=> o.target; c != 0) return c < 0;
-    return key < o.key;
+};
+// Users ordered by target, so that the users under a more specific prefix are one range.
+struct ByTarget {
+  using is_transparent = void;
+  static const Nimo::IpGenAddr& target(User u) noexcept { return u->second.target; }
+  static const Nimo::IpGenAddr& target(const UserAt& a) noexcept { return a.target; }
+  static const RouteKey& key(User u) noexcept { return u->first; }
+  static const RouteKey& key(const UserAt& a) noexcept { return a.key; }
+  template <typename A, typename B>
+  bool operator()(const A& a, const B& b) const noexcept {
+    if (auto c = target(a) <=> target(b); c != 0) return c < 0;
+    return key(a) < key(b);
   }
 };
 
@@ -91,14 +111,7 @@ class RpfSmGen final : public RpfSm {
  private:
   struct TrieEntryInfo {
     RpfRib rib = RpfRib::none;
-    std::set<User> user;
-  };
-  // What a key was linked to, or that it is unresolved.
-  struct Link {
-    Nimo::IpGenPrefix prefix;
-    Nimo::IpGenAddr target;
-    RpfRib rib = RpfRib::none;
-    bool unresolved = false;
+    std::set<User, ByTarget> user;
   };
 
   struct ConfigReactor : RpfConfig::NotifieeConst {
@@ -171,7 +184,7 @@ class RpfSmGen final : public RpfSm {
     const Link* old = it == links_.end() ? nullptr : &it->second;
     if (empty) {
       if (old && old->unresolved && old->target == target) return;
-      if (old && !old->unresolved) unlink(k, old->prefix, old->target);
+      if (old && !old->unresolved) unlink(*it);
       links_[k] = Link{Nimo::IpGenPrefix(), target, RpfRib::none, true};
       unresolved_.add(k, target);
       return;
@@ -183,19 +196,28 @@ class RpfSmGen final : public RpfSm {
     int prevLen = -1;
     if (old && old->unresolved) {
       unresolved_.resolved(k);
+      it = links_.find(k);  // its watchers ran in between
     } else if (old) {
       prevLen = old->prefix.maskLen();
-      unlink(k, old->prefix, old->target);
+      unlink(*it);
     }
-    link(k, rpf.prefix, rpf.rib, target);
-    links_[k] = Link{rpf.prefix, target, rpf.rib, false};
+    // The record first: the user set orders by it.
+    const Link now{rpf.prefix, target, rpf.rib, false};
+    if (it == links_.end()) {
+      it = links_.emplace(k, now).first;
+    } else {
+      it->second = now;
+    }
+    link(*it);
     if (prevLen >= 0 && prevLen != rpf.prefix.maskLen()) {
       FLICK_TRACE(tr, 4, "RpfSm: prevRpfLen changed from {} for key {}", prevLen, fmt::streamed(k));
     }
   }
 
-  void link(const RouteKey& k, const Nimo::IpGenPrefix& p, RpfRib rib,
-            const Nimo::IpGenAddr& target) {
+  void link(const Links::value_type& l) {
+    const RouteKey& k = l.first;
+    const Nimo::IpGenPrefix& p = l.second.prefix;
+    const RpfRib rib = l.second.rib;
     auto& tr = rpfSmTrace();
     auto [eit, added] = entries_.try_emplace(p);
     TrieEntryInfo& e = eit->second;
@@ -210,16 +232,20 @@ class RpfSmGen final : public RpfSm {
       e.rib = rib;
       trie_.insert(p, rib);
     }
-    e.user.insert(User{target, k, rib});
+    e.user.insert(&l);
     FLICK_TRACE(tr, 4, "RpfSm: RPF changed, linking prefix {} to route {}, users left: {}", p,
                 fmt::streamed(k), e.user.size());
   }
 
-  void unlink(const RouteKey& k, const Nimo::IpGenPrefix& p, const Nimo::IpGenAddr& target) {
+  // Before the record changes or goes: the user set orders by it.
+  void unlink(const Links::value_type& l) {
+    const RouteKey& k = l.first;
+    const Nimo::IpGenPrefix& p = l.second.prefix;
     auto& tr = rpfSmTrace();
     auto eit = entries_.find(p);
     if (eit == entries_.end()) return;
-    eit->second.user.erase(User{target, k, RpfRib::none});
+    auto& users = eit->second.user;
+    if (auto u = users.find(&l); u != users.end()) users.erase(u);
     FLICK_TRACE(tr, 4, "RpfSm: unlinking prefix {} from route {}, users left: {}", p,
                 fmt::streamed(k), eit->second.user.size());
     if (!eit->second.user.empty()) return;
@@ -231,12 +257,12 @@ class RpfSmGen final : public RpfSm {
   void handleDelete(const RouteKey& k) {
     auto it = links_.find(k);
     if (it == links_.end()) return;
-    const Link l = it->second;
-    links_.erase(it);
-    if (l.unresolved) {
+    if (it->second.unresolved) {
+      links_.erase(it);
       unresolved_.deleted(k);
     } else {
-      unlink(k, l.prefix, l.target);
+      unlink(*it);
+      links_.erase(it);
     }
     // A pending key stays pending: the review drops it ("has been deleted").
   }
@@ -248,7 +274,7 @@ class RpfSmGen final : public RpfSm {
 
   void markAllLinked() {
     for (const auto& [p, e] : entries_)
-      for (const User& u : e.user) mark(u.key);
+      for (User u : e.user) mark(u->first);
   }
 
   void handleMultipathControl() {
@@ -271,17 +297,22 @@ class RpfSmGen final : public RpfSm {
     }
   }
 
-  void routeDeleted(const Nimo::IpGenPrefix& p, RpfRib) {
+  void routeDeleted(const Nimo::IpGenPrefix& p, RpfRib rib) {
     auto eit = entries_.find(p);
-    if (eit == entries_.end()) return;
-    FLICK_TRACE(rpfSmTrace(), 4, "RpfSm: route deleted {}, users: {}", p, eit->second.user.size());
-    for (const User& u : eit->second.user) mark(u.key);
+    if (eit != entries_.end()) {
+      FLICK_TRACE(rpfSmTrace(), 4, "RpfSm: route deleted {}, users: {}", p,
+                  eit->second.user.size());
+      for (User u : eit->second.user) mark(u->first);
+    }
+    // A multicast route without a usable next hop sent the lookups under it on to the
+    // unicast RIB; with it gone, a less specific multicast route may take them.
+    if (rib == RpfRib::M) capture(p, rib, true);
   }
 
-  bool stillValid(const User& u) {
+  bool stillValid(User u) {
     if (!pimRpfTable_) return false;
-    const RpfConfigInfo* info = config_->rpfConfigInfo(u.key);
-    return info && pimRpfTable_->validRpf(info->rpf, u.target);
+    const RpfConfigInfo* info = config_->rpfConfigInfo(u->first);
+    return info && pimRpfTable_->validRpf(info->rpf, u->second.target);
   }
 
   void routeUpdated(const Nimo::IpGenPrefix& p, RpfRib rib) {
@@ -292,14 +323,14 @@ class RpfSmGen final : public RpfSm {
     } else {
       bool mribUsers = false;
       // Marking only schedules a review: the user set is not touched under this loop.
-      for (const User& u : eit->second.user) {
-        if (rib == RpfRib::U && u.rib == RpfRib::M) {
+      for (User u : eit->second.user) {
+        if (rib == RpfRib::U && u->second.rib == RpfRib::M) {
           mribUsers = true;
           continue;
         }
-        if (u.rib == rib && stillValid(u)) continue;
-        FLICK_TRACE(tr, 8, "RpfSm: {} SG to re-eval ", fmt::streamed(u.key));
-        mark(u.key);
+        if (u->second.rib == rib && stillValid(u)) continue;
+        FLICK_TRACE(tr, 8, "RpfSm: {} SG to re-eval ", fmt::streamed(u->first));
+        mark(u->first);
       }
       if (mribUsers) FLICK_TRACE(tr, 8, "RpfSm: {} SGs are using the prefix in the MRIB", p);
     }
@@ -314,13 +345,13 @@ class RpfSmGen final : public RpfSm {
   void capture(const Nimo::IpGenPrefix& p, RpfRib rib, bool skipSelf) {
     auto& tr = rpfSmTrace();
     const Nimo::IpGenPrefix net = p.masked();
-    const User from{net.address(), RouteKey(), RpfRib::none};
+    const UserAt from{net.address(), RouteKey()};
     for (const auto* q = trie_.findParent(net); q; q = trie_.findParent(q->prefix)) {
       const TrieEntryInfo& e = entries_.at(q->prefix);
-      for (auto it = e.user.lower_bound(from); it != e.user.end() && net.contains(it->target);
-           ++it) {
-        if (rib == RpfRib::U && it->rib == RpfRib::M) continue;
-        mark(it->key);
+      for (auto it = e.user.lower_bound(from);
+           it != e.user.end() && net.contains((*it)->second.target); ++it) {
+        if (rib == RpfRib::U && (*it)->second.rib == RpfRib::M) continue;
+        mark((*it)->first);
       }
     }
     if (rib == RpfRib::M) {
@@ -335,9 +366,9 @@ class RpfSmGen final : public RpfSm {
         FLICK_TRACE(tr, 4, "RpfSm: Truncating subtree walk at {}", q.prefix);
         return false;
       }
-      for (const User& u : e.user) {
-        if (rib == RpfRib::U && u.rib == RpfRib::M) continue;
-        mark(u.key);
+      for (User u : e.user) {
+        if (rib == RpfRib::U && u->second.rib == RpfRib::M) continue;
+        mark(u->first);
       }
       return true;
     });
@@ -366,7 +397,7 @@ class RpfSmGen final : public RpfSm {
   Kel::Ptr<const Kel::Clock> clock_;
   Routing::TrieGen<RpfRib> trie_;
   std::unordered_map<Nimo::IpGenPrefix, TrieEntryInfo, PrefixHash> entries_;
-  std::unordered_map<RouteKey, Link, RouteKeyHash> links_;
+  Links links_;
   Stats stats_;
   UnresolvedSets unresolved_;
   RouteKeyReview review_;
@@ -401,7 +432,7 @@ std::string RpfSmGen<F>::checkInvariantsForTest(bool quiescent) const {
     if (!(l.prefix == rpf.prefix) || l.rib != rpf.rib)
       return "key linked to another prefix than its Rpf's: " + str(k);
     auto e = entries_.find(l.prefix);
-    if (e == entries_.end() || !e->second.user.count(User{l.target, k, RpfRib::none}))
+    if (e == entries_.end() || !e->second.user.count(&*it))
       return "key not among its prefix's users: " + str(k);
   }
   if (links_.size() != own) return "records of deleted keys remain";

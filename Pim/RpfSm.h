@@ -15,7 +15,9 @@
 //
 // RIB changes mark routes (they go into the pending set and are published by the sliced
 // review, RpfReview.h):
-// - deleted: every user of the prefix;
+// - deleted: every user of the prefix; a multicast deletion also marks the routes under it
+//   as an update does (a multicast route without a usable next hop sent their lookups on to
+//   the unicast RIB, and a less specific multicast route may take them now);
 // - updated: each user whose own Rpf names that RIB and that validRpf no longer accepts; a
 //   unicast update leaves multicast-linked users alone (the multicast RIB is looked up
 //   first); a multicast update marks unicast-linked users (the multicast route may now

@@ -162,8 +162,7 @@ class UnresolvedSmGen final : public UnresolvedSm {
 
   void publish(const RouteKey& k) {
     ++stats_.published;
-    status_->rpfRouteChangedIs(k);
-    status_->rpfRouteChangedCountInc(k);
+    publishRpfChange(*status_, k);
   }
 
   Kel::Ptr<RpfStatus> status_;

@@ -5,7 +5,8 @@ set(PIM_FUZZ_TARGETS readHeader readUnicastAddress readGroupAddress readSourceAd
     readRegisterMessage readRegisterStopMessage readAssertMessage readBootstrapMessage
     readCrpAdvMessage readDfElectionMessage pimdumpFrame processPkt
     readPortFrame)
-set(PIM_FUZZ_PLATFORM_TARGETS drobeReader)  # own input format and seeds; not in FuzzInput.h
+# Own input formats and seeds; not in FuzzInput.h. rpfSm: the RPF machines against lookups.
+set(PIM_FUZZ_PLATFORM_TARGETS drobeReader rpfSm)
 # As the platform targets, linked with pimlinux; seeds in fuzz/seeds/<target>.
 set(PIM_FUZZ_LINUX_TARGETS netlinkRoute)
 set(PIM_FUZZ_SUPPORT_SOURCES ${CMAKE_CURRENT_LIST_DIR}/FuzzInput.cpp

@@ -518,4 +518,21 @@ TEST_F(RpfSmChurnTest, EveryRouteMatchesAFreshLookupAtQuiescence) {
               static_cast<unsigned long long>(needless));
 }
 
+// When most unresolved addresses go, the index rebuilds its trie from the rest: nothing
+// lost from it, the memory given back, and later additions indexed as before.
+TEST(TargetIndexTest, RebuildsWhenMostAddressesGo) {
+  TargetIndex idx("idx", Nimo::AddressFamily::ipv4);
+  auto addr = [](std::uint32_t i) { return IpGenAddr::v4(0x0a000000u + i * 7); };
+  for (std::uint32_t i = 0; i < 2000; ++i) idx.keyIs(RouteKey(addr(i), kGroup), addr(i));
+  const std::size_t peak = idx.memoryBytes();
+  for (std::uint32_t i = 400; i < 2000; ++i) idx.keyDel(RouteKey(addr(i), kGroup));
+  EXPECT_EQ(idx.checkForTest(), "");
+  EXPECT_LT(idx.memoryBytes(), peak / 2);
+  for (std::uint32_t i = 0; i < 2000; ++i)
+    ASSERT_EQ(idx.anyUnder(IpGenPrefix(addr(i), 32)), i < 400) << i;
+  idx.keyIs(sg("11.0.0.1"), IpGenAddr("11.0.0.1"));
+  EXPECT_TRUE(idx.anyUnder(IpGenPrefix("11.0.0.0/8")));
+  EXPECT_EQ(idx.checkForTest(), "");
+}
+
 }  // namespace
