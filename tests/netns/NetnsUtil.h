@@ -53,6 +53,17 @@ bool waitLoop(Ulm::EventLoop& loop, Fn&& done) {
   return done();
 }
 
+// Sleeps until done() holds, about `seconds` at most; done()'s last answer. For waits on
+// other processes, where no loop of ours turns.
+template <typename Fn>
+bool waitUntil(Fn&& done, double seconds = 10) {
+  for (int i = 0; i < static_cast<int>(seconds * 50); ++i) {
+    if (done()) return true;
+    ::usleep(20000);
+  }
+  return done();
+}
+
 // Runs fn inside namespace ns (a name under /run/netns) and comes back.
 template <typename F>
 auto inNetns(const std::string& ns, F&& fn) {
