@@ -1,7 +1,6 @@
 // The netlink adapter in a namespace of its own: `ip link` / `ip addr` changes show in the
 // interface directory, and through it in the I/O machine's group memberships.
 #include <gmock/gmock.h>
-#include <net/if.h>
 
 #include "Pim/linux/NetlinkIntfStatus.h"
 #include "tests/PimIOTestUtil.h"
@@ -19,8 +18,8 @@ class NetlinkNetnsTest : public ::testing::TestWithParam<Nimo::AddressFamily> {
     ns = fmt::format("pimn{}", pid);
     dev = fmt::format("pv{}", pid);
     renamed = fmt::format("pw{}", pid);
-    ASSERT_EQ(sh("ip netns add " + ns), 0);
-    created = true;
+    net.add(ns);
+    ASSERT_TRUE(net.ok);
     rig = std::make_unique<IoRig>(GetParam(), Kel::Ptr<Kel::SystemClock>::make(), ns);
     ASSERT_TRUE(rig->mgr->pam());
     nl = Interface::netlinkIntfStatusSmFactory(rig->dir, rig->loop, ns);
@@ -28,16 +27,7 @@ class NetlinkNetnsTest : public ::testing::TestWithParam<Nimo::AddressFamily> {
     rig->status->intfIs(Nimo::IntfId(dev));
     rig->start();
   }
-  void TearDown() override {
-    nl = nullptr;
-    rig.reset();
-    if (created) sh("ip netns del " + ns);
-  }
-  template <typename P>
-  bool until(P pred) {
-    for (int i = 0; i < 200 && !pred(); ++i) rig->loop.runOnce(0.01);
-    return pred();
-  }
+  bool until(const std::function<bool()>& pred) { return waitLoop(rig->loop, pred); }
   bool inDir(const std::string& id) const { return rig->dir->intfStatus(Nimo::IntfId(id)); }
   bool hasAddr(const std::string& id, const char* a) const {
     const auto* s = rig->dir->intfStatus(Nimo::IntfId(id));
@@ -56,8 +46,8 @@ class NetlinkNetnsTest : public ::testing::TestWithParam<Nimo::AddressFamily> {
   }
 
   DrobeRoot root;
+  NetnsSet net;  // goes after the adapter and the rig
   std::string ns, dev, renamed;
-  bool created = false;
   std::unique_ptr<IoRig> rig;
   Kel::Ptr<Interface::NetlinkIntfStatusSm> nl;
 };
@@ -72,8 +62,7 @@ TEST_P(NetlinkNetnsTest, LinksAndAddressesFollowTheKernel) {
   ASSERT_EQ(sh(fmt::format("ip -n {} link add {} type veth peer name q{}", ns, dev, dev)), 0);
   ASSERT_EQ(sh(fmt::format("ip -n {} link set {} up", ns, dev)), 0);
   ASSERT_TRUE(until([&] { return inDir(dev) && member(dev); }));
-  const unsigned ifIndex = inNetns(ns, [&] { return ::if_nametoindex(dev.c_str()); });
-  EXPECT_EQ(rig->dir->intfStatus(Nimo::IntfId(dev))->ifIndex, ifIndex);
+  EXPECT_EQ(rig->dir->intfStatus(Nimo::IntfId(dev))->ifIndex, NetnsSet::ifIndex(ns, dev));
   EXPECT_TRUE(kernelJoined(dev));
 
   ASSERT_EQ(sh(fmt::format("ip -n {} addr add {}/{} dev {}{}", ns, addr, v6 ? 64 : 24, dev,

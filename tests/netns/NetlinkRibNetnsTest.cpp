@@ -186,23 +186,18 @@ class NetlinkRibNetnsTest : public ::testing::Test {
     ns = fmt::format("ribn{}", pid);
     a = fmt::format("ra{}", pid);
     c = fmt::format("rc{}", pid);
-    ASSERT_EQ(sh("ip netns add " + ns), 0);
-    created = true;
     // Two links whose peers stay in the namespace: a (10.9/24, fd09::/64) and c (10.8/24,
     // fd08::/64); taking c's peer down makes c's next hops linkdown.
-    for (const auto& [dev, net] : {std::pair{a, 9}, std::pair{c, 8}}) {
-      ASSERT_EQ(sh(fmt::format("ip -n {0} link add {1} type veth peer name p{1}", ns, dev)), 0);
-      ASSERT_EQ(sh(fmt::format("ip -n {0} link set {1} up && ip -n {0} link set p{1} up", ns, dev)),
-                0);
-      ASSERT_EQ(sh(fmt::format("ip -n {} addr add 10.{}.0.1/24 dev {}", ns, net, dev)), 0);
-      ASSERT_EQ(sh(fmt::format("ip -n {} addr add fd0{}::1/64 dev {} nodad", ns, net, dev)), 0);
+    net.add(ns);
+    for (const auto& [dev, n] : {std::pair{a, 9}, std::pair{c, 8}}) {
+      net.link(ns, dev, ns, "p" + dev);
+      net.addrs(ns, dev, fmt::format("10.{}.0.1/24", n), fmt::format("fd0{}::1/64", n));
     }
-    ASSERT_EQ(sh(fmt::format("ip -n {} link set lo up", ns)), 0);
+    ASSERT_TRUE(net.ok);
   }
   void TearDown() override {
     rib = nullptr;
     intfs = nullptr;
-    if (created) sh("ip netns del " + ns);
     for (const auto& f : files) std::remove(f.c_str());
   }
   // An `ip -batch` file of these lines, removed at the end of the test.
@@ -251,14 +246,14 @@ class NetlinkRibNetnsTest : public ::testing::Test {
       diff.clear();
       for (bool v6 : {false, true}) {
         const KernelView k = readKernel(ns, v6);
-        const RibView u = source(v6, false);
-        const RibView m = source(v6, true);
-        std::ostringstream os;
-        if (u != k.urib)
-          os << "urib" << (v6 ? "6" : "") << " published:" << u << "\nkernel:" << k.urib << "\n";
-        if (m != k.mrib)
-          os << "mrib" << (v6 ? "6" : "") << " published:" << m << "\nkernel:" << k.mrib << "\n";
-        diff += os.str();
+        for (bool m : {false, true}) {
+          const RibView got = source(v6, m), &want = m ? k.mrib : k.urib;
+          if (got == want) continue;
+          std::ostringstream os;
+          os << (m ? "mrib" : "urib") << (v6 ? "6" : "") << " published:" << got
+             << "\nkernel:" << want << "\n";
+          diff += os.str();
+        }
       }
       if (diff.empty()) return diff;
     }
@@ -273,131 +268,74 @@ class NetlinkRibNetnsTest : public ::testing::Test {
 
   std::string ns, a, c;
   std::vector<std::string> files;
-  bool created = false;
+  PimTest::NetnsSet net;
   Ulm::EventLoop loop{Kel::Ptr<Kel::SystemClock>::make()};
   Kel::Ptr<Interface::IntfStatusDir> dir = Kel::Ptr<Interface::IntfStatusDir>::make("intf");
   Kel::Ptr<Interface::NetlinkIntfStatusSm> intfs;
   Kel::Ptr<Routing::NetlinkRibSm> rib;
 };
 
-// One scripted step: `ip` commands ({ns}, {a}, {c} substituted), then equality with the
-// kernel, then one prefix checked by hand (type code and via count; type 0: absent).
+// One scripted step: `ip -n <ns>` commands separated by ";" ({a}, {c} substituted; sysctl
+// runs in the namespace), then equality with the kernel, then one prefix checked by hand
+// (type code and via count; type 0: absent).
 struct Step {
-  const char* name;
-  std::vector<const char*> commands;
-  bool v6;
-  const char* prefix;
+  const char *name, *commands, *prefix;
   int type;
   std::size_t vias;
 };
 
 TEST_F(NetlinkRibNetnsTest, TablesFollowTheKernelStepByStep) {
   start();
-  const std::vector<Step> steps = {
+  const Step steps[] = {
       {"ECMP add",
-       {"ip -n {ns} route add 10.1.0.0/16 nexthop via 10.9.0.2 nexthop via 10.8.0.2",
-        "ip -n {ns} -6 route add fd01::/64 nexthop via fd09::2 nexthop via fd08::2"},
-       false,
-       "10.1.0.0/16",
-       2,
-       2},
-      {"IPv6 append",
-       {"ip -n {ns} -6 route append fd01::/64 via fd09::3"},
-       true,
-       "fd01::/64",
-       2,
-       3},
-      {"IPv6 delete of one next hop",
-       {"ip -n {ns} -6 route del fd01::/64 via fd09::2"},
-       true,
-       "fd01::/64",
-       2,
-       2},
-      {"replace",
-       {"ip -n {ns} route replace 10.1.0.0/16 via 10.9.0.4",
-        "ip -n {ns} -6 route replace fd01::/64 via fd09::4"},
-       true,
-       "fd01::/64",
-       2,
-       1},
+       "route add 10.1.0.0/16 nexthop via 10.9.0.2 nexthop via 10.8.0.2;"
+       "-6 route add fd01::/64 nexthop via fd09::2 nexthop via fd08::2",
+       "10.1.0.0/16", 2, 2},
+      {"IPv6 append", "-6 route append fd01::/64 via fd09::3", "fd01::/64", 2, 3},
+      {"IPv6 delete of one next hop", "-6 route del fd01::/64 via fd09::2", "fd01::/64", 2, 2},
+      {"replace", "route replace 10.1.0.0/16 via 10.9.0.4;-6 route replace fd01::/64 via fd09::4",
+       "fd01::/64", 2, 1},
       {"two metrics",
-       {"ip -n {ns} route add 10.2.0.0/16 via 10.9.0.2 metric 10",
-        "ip -n {ns} route add 10.2.0.0/16 via 10.8.0.2 metric 20",
-        "ip -n {ns} -6 route add fd02::/64 via fd09::2 metric 10",
-        "ip -n {ns} -6 route add fd02::/64 via fd08::2 metric 20"},
-       false,
-       "10.2.0.0/16",
-       2,
-       1},
+       "route add 10.2.0.0/16 via 10.9.0.2 metric 10;route add 10.2.0.0/16 via 10.8.0.2 metric 20;"
+       "-6 route add fd02::/64 via fd09::2 metric 10;-6 route add fd02::/64 via fd08::2 metric 20",
+       "10.2.0.0/16", 2, 1},
       {"removal of the better metric",
-       {"ip -n {ns} route del 10.2.0.0/16 metric 10",
-        "ip -n {ns} -6 route del fd02::/64 metric 10"},
-       true,
-       "fd02::/64",
-       2,
-       1},
+       "route del 10.2.0.0/16 metric 10;-6 route del fd02::/64 metric 10", "fd02::/64", 2, 1},
       {"blackhole, unreachable, prohibit",
-       {"ip -n {ns} route add blackhole 10.3.0.0/16",
-        "ip -n {ns} route add unreachable 10.4.0.0/16",
-        "ip -n {ns} -6 route add blackhole fd03::/64",
-        "ip -n {ns} -6 route add prohibit fd04::/64"},
-       false,
-       "10.4.0.0/16",
-       3,
-       0},
+       "route add blackhole 10.3.0.0/16;route add unreachable 10.4.0.0/16;"
+       "-6 route add blackhole fd03::/64;-6 route add prohibit fd04::/64",
+       "10.4.0.0/16", 3, 0},
       {"loopback RP and local addresses",
-       {"ip -n {ns} addr add 10.99.0.1/32 dev lo", "ip -n {ns} addr add fd99::1/128 dev lo"},
-       false,
-       "10.99.0.1/32",
-       1,
-       1},
-      {"device route", {"ip -n {ns} route add 10.7.0.0/16 dev {a}"}, false, "10.7.0.0/16", 11, 1},
-      {"link down: c's next hops linkdown",
-       {"ip -n {ns} link set p{c} down"},
-       false,
-       "10.8.0.0/24",
-       0,
-       0},
-      {"link up", {"ip -n {ns} link set p{c} up"}, false, "10.8.0.0/24", 5, 1},
+       "addr add 10.99.0.1/32 dev lo;addr add fd99::1/128 dev lo", "10.99.0.1/32", 1, 1},
+      {"device route", "route add 10.7.0.0/16 dev {a}", "10.7.0.0/16", 11, 1},
+      {"link down: c's next hops linkdown", "link set p{c} down", "10.8.0.0/24", 0, 0},
+      {"link up", "link set p{c} up", "10.8.0.0/24", 5, 1},
       {"address removal flushes IPv4 routes silently",
-       {"ip -n {ns} route add 10.5.0.0/16 via 10.8.0.3", "ip -n {ns} addr del 10.8.0.1/24 dev {c}"},
-       false,
-       "10.5.0.0/16",
-       0,
-       0},
+       "route add 10.5.0.0/16 via 10.8.0.3;addr del 10.8.0.1/24 dev {c}", "10.5.0.0/16", 0, 0},
       {"nexthop objects with compat mode 0",
-       {"ip netns exec {ns} sysctl -qw net.ipv4.nexthop_compat_mode=0",
-        "ip -n {ns} nexthop add id 1 via 10.9.0.5 dev {a}",
-        "ip -n {ns} nexthop add id 2 via 10.9.0.6 dev {a}",
-        "ip -n {ns} nexthop add id 10 group 1/2", "ip -n {ns} route add 10.6.0.0/16 nhid 10"},
-       false,
-       "10.6.0.0/16",
-       2,
-       2},
-      {"nexthop group replace notifies no route",
-       {"ip -n {ns} nexthop replace id 10 group 1"},
-       false,
-       "10.6.0.0/16",
-       2,
+       "sysctl -qw net.ipv4.nexthop_compat_mode=0;nexthop add id 1 via 10.9.0.5 dev {a};"
+       "nexthop add id 2 via 10.9.0.6 dev {a};nexthop add id 10 group 1/2;"
+       "route add 10.6.0.0/16 nhid 10",
+       "10.6.0.0/16", 2, 2},
+      {"nexthop group replace notifies no route", "nexthop replace id 10 group 1", "10.6.0.0/16", 2,
        1},
       {"multicast RIB table",
-       {"ip -n {ns} route add 10.1.0.0/16 via 10.9.0.7 table 100",
-        "ip -n {ns} -6 route add fd01::/64 via fd09::7 table 100"},
-       false,
-       "10.1.0.0/16",
-       2,
-       1},
+       "route add 10.1.0.0/16 via 10.9.0.7 table 100;-6 route add fd01::/64 via fd09::7 table 100",
+       "10.1.0.0/16", 2, 1},
   };
   ASSERT_EQ(converge(), "") << "start-up";
   for (const Step& s : steps) {
     SCOPED_TRACE(s.name);
-    for (const char* cmd : s.commands)
-      ASSERT_EQ(sh(fmt::format(fmt::runtime(cmd), fmt::arg("ns", ns), fmt::arg("a", a),
-                               fmt::arg("c", c))),
-                0)
-          << cmd;
+    std::istringstream commands(
+        fmt::format(fmt::runtime(s.commands), fmt::arg("a", a), fmt::arg("c", c)));
+    for (std::string cmd; std::getline(commands, cmd, ';');) {
+      const bool sysctl = cmd.starts_with("sysctl");
+      ASSERT_EQ(sh(fmt::format("ip {} {} {}", sysctl ? "netns exec" : "-n", ns, cmd)), 0) << cmd;
+    }
     EXPECT_EQ(converge(), "");
-    const auto r = s.v6 ? route(rib->urib6(), s.prefix) : route(rib->urib(), s.prefix);
+    const auto r = std::string_view(s.prefix).find(':') != std::string_view::npos
+                       ? route(rib->urib6(), s.prefix)
+                       : route(rib->urib(), s.prefix);
     EXPECT_EQ(r ? r->type : 0, s.type) << s.prefix;
     EXPECT_EQ(r ? r->vias.size() : 0u, s.vias) << s.prefix;
   }

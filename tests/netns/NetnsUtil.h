@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "Pim/platform/Ulm.h"
@@ -54,6 +53,17 @@ bool waitLoop(Ulm::EventLoop& loop, Fn&& done) {
   return done();
 }
 
+// Sleeps until done() holds, about `seconds` at most; done()'s last answer. For waits on
+// other processes, where no loop of ours turns.
+template <typename Fn>
+bool waitUntil(Fn&& done, double seconds = 10) {
+  for (int i = 0; i < static_cast<int>(seconds * 50); ++i) {
+    if (done()) return true;
+    ::usleep(20000);
+  }
+  return done();
+}
+
 // Runs fn inside namespace ns (a name under /run/netns) and comes back.
 template <typename F>
 auto inNetns(const std::string& ns, F&& fn) {
@@ -71,40 +81,69 @@ auto inNetns(const std::string& ns, F&& fn) {
   return fn();
 }
 
-class NetnsPair {
+// Namespaces and veth links between them, removed on destruction; ok while every step
+// has worked.
+class NetnsSet {
+ public:
+  NetnsSet() = default;
+  ~NetnsSet() {
+    for (const auto& ns : made_) sh("ip netns del " + ns);
+  }
+  NetnsSet(const NetnsSet&) = delete;
+  NetnsSet& operator=(const NetnsSet&) = delete;
+
+  // Namespace ns with its loopback up.
+  void add(const std::string& ns) {
+    ok = ok && sh("ip netns add " + ns) == 0;
+    if (ok) made_.push_back(ns);
+    ok = ok && sh(fmt::format("ip -n {} link set lo up", ns)) == 0;
+  }
+  // A veth pair, devA in nsA and devB in nsB (which may be the same), both up.
+  void link(const std::string& nsA, const std::string& devA, const std::string& nsB,
+            const std::string& devB) {
+    ok = ok && sh(fmt::format("ip link add {} netns {} type veth peer name {} netns {}", devA, nsA,
+                              devB, nsB)) == 0;
+    ok = ok && sh(fmt::format("ip -n {} link set {} up", nsA, devA)) == 0 &&
+         sh(fmt::format("ip -n {} link set {} up", nsB, devB)) == 0;
+  }
+  // Addresses on dev ("10.77.0.1/24", "fd77::1/64"; the IPv6 one without DAD).
+  void addrs(const std::string& ns, const std::string& dev, const std::string& v4,
+             const std::string& v6) {
+    ok = ok && sh(fmt::format("ip -n {} addr add {} dev {}", ns, v4, dev)) == 0 &&
+         sh(fmt::format("ip -n {} addr add {} dev {} nodad", ns, v6, dev)) == 0;
+  }
+  static unsigned ifIndex(const std::string& ns, const std::string& dev) {
+    return inNetns(ns, [&] { return ::if_nametoindex(dev.c_str()); });
+  }
+
+  bool ok = true;
+
+ private:
+  std::vector<std::string> made_;
+};
+
+class NetnsPair : public NetnsSet {
  public:
   // Namespaces "<tag>a<pid>" and "<tag>b<pid>", veth "<tag>a<pid>" in a and "<tag>b<pid>"
   // in b, up, with 10.77.0.1/24, fd77::1/64 on a and .2 / ::2 on b.
-  explicit NetnsPair(const std::string& tag = "pim") {
-    const int pid = ::getpid();
-    a = fmt::format("{}a{}", tag, pid);
-    b = fmt::format("{}b{}", tag, pid);
-    vethA = a;
-    vethB = b;
-    ok = sh("ip netns add " + a) == 0 && sh("ip netns add " + b) == 0 &&
-         sh(fmt::format("ip link add {} netns {} type veth peer name {} netns {}", vethA, a, vethB,
-                        b)) == 0;
-    for (const auto& [ns, dev, n] : {std::tuple{a, vethA, 1}, std::tuple{b, vethB, 2}}) {
-      ok = ok && sh(fmt::format("ip -n {} link set lo up", ns)) == 0 &&
-           sh(fmt::format("ip -n {} link set {} up", ns, dev)) == 0 &&
-           sh(fmt::format("ip -n {} addr add 10.77.0.{}/24 dev {}", ns, n, dev)) == 0 &&
-           sh(fmt::format("ip -n {} addr add fd77::{}/64 dev {} nodad", ns, n, dev)) == 0;
-    }
+  explicit NetnsPair(const std::string& tag = "pim")
+      : a(fmt::format("{}a{}", tag, ::getpid())),
+        b(fmt::format("{}b{}", tag, ::getpid())),
+        vethA(a),
+        vethB(b) {
+    add(a);
+    add(b);
+    link(a, vethA, b, vethB);
+    addrs(a, vethA, "10.77.0.1/24", "fd77::1/64");
+    addrs(b, vethB, "10.77.0.2/24", "fd77::2/64");
     if (ok) {
-      ifIndexA = inNetns(a, [&] { return ::if_nametoindex(vethA.c_str()); });
-      ifIndexB = inNetns(b, [&] { return ::if_nametoindex(vethB.c_str()); });
+      ifIndexA = ifIndex(a, vethA);
+      ifIndexB = ifIndex(b, vethB);
     }
   }
-  ~NetnsPair() {
-    sh("ip netns del " + a);
-    sh("ip netns del " + b);
-  }
-  NetnsPair(const NetnsPair&) = delete;
-  NetnsPair& operator=(const NetnsPair&) = delete;
 
   std::string a, b, vethA, vethB;
   unsigned ifIndexA = 0, ifIndexB = 0;
-  bool ok = false;
 };
 
 // A plain raw PIM socket in namespace ns, sending on ifIndex; the kernel builds the IP

@@ -1,9 +1,6 @@
 // Next-hop tracking on a kernel's routes: ribd and nhtd run as their own processes in a
 // namespace of this test; the test is the client (registrations, status, backlog, RpfTable)
 // and changes routes with `ip route`. Root only; every wait is bounded.
-#include <gtest/gtest.h>
-#include <signal.h>
-
 #include <algorithm>
 #include <fstream>
 #include <map>
@@ -12,9 +9,7 @@
 #include <sstream>
 
 #include "Pim/RpfTable.h"
-#include "tests/PimIOTestUtil.h"
-#include "tests/PimTestUtil.h"
-#include "tests/netns/NetnsUtil.h"
+#include "tests/netns/DaemonNetns.h"
 
 namespace {
 
@@ -36,12 +31,11 @@ std::pair<std::string, std::size_t> fibmatch(const std::string& ns, const IpGenA
   return {prefix, hops ? hops : 1};
 }
 
-class NhtNetnsTest : public ::testing::Test {
+class NhtNetnsTest : public PimTest::DaemonNetnsTest<> {
  protected:
+  NhtNetnsTest() : DaemonNetnsTest("nht") {}
   void SetUp() override {
-    if (!PimTest::isRoot()) GTEST_SKIP() << "needs root (network namespaces)";
-    ASSERT_TRUE(pair_.ok);
-    ns_ = pair_.a;
+    if (!ready()) return;
     for (const char* cmd :
          {"addr add 10.77.0.11/24 dev {0}", "addr add fd77::11/64 dev {0} nodad",
           "route add 10.1.0.0/16 via 10.77.0.2", "route add 10.1.5.0/24 via 10.77.0.3",
@@ -49,25 +43,10 @@ class NhtNetnsTest : public ::testing::Test {
           "route add 2001:db8:1::/48 via fd77::2",
           "route add 2001:db8:2::/48 nexthop via fd77::2 nexthop via fd77::3",
           "route add table 100 10.1.0.0/16 via 10.77.0.3"}) {
-      ASSERT_EQ(
-          PimTest::sh(fmt::format("ip -n {} ", ns_) + fmt::format(fmt::runtime(cmd), pair_.vethA)),
-          0)
-          << cmd;
+      ASSERT_EQ(ip("{}", fmt::format(fmt::runtime(cmd), pair_.vethA)), 0) << cmd;
     }
-    ribd_ = PimTest::spawn(
-        fmt::format("exec {} --netns {} --mrib-table 100 >/dev/null", RIBD_PATH, ns_));
-    nhtd_ = PimTest::spawn(fmt::format("exec {} >/dev/null", NHTD_PATH));
-  }
-  void TearDown() override {
-    for (pid_t p : {nhtd_, ribd_}) {
-      if (p <= 0) continue;
-      ::kill(p, SIGTERM);
-      EXPECT_EQ(PimTest::waitChild(p, 10), 0);
-    }
-  }
-  template <typename Fn>
-  bool waitFor(Fn&& done) {
-    return PimTest::waitLoop(loop_, done);
+    startRibd(100);
+    startNhtd();
   }
   std::set<IpGenAddr> drain(Routing::NexthopBacklog& b) {
     std::set<IpGenAddr> out;
@@ -91,12 +70,6 @@ class NhtNetnsTest : public ::testing::Test {
     out.merge(drain(b6));
     return out;
   }
-
-  PimTest::DrobeRoot root_;
-  PimTest::NetnsPair pair_{"nht"};
-  std::string ns_;
-  pid_t ribd_ = -1, nhtd_ = -1;
-  Ulm::EventLoop loop_{Kel::Ptr<Kel::SystemClock>::make()};
 };
 
 TEST_F(NhtNetnsTest, StatusFollowsTheKernelAndBacklogsExactlyTheAffectedAddresses) {
@@ -143,15 +116,11 @@ TEST_F(NhtNetnsTest, StatusFollowsTheKernelAndBacklogsExactlyTheAffectedAddresse
         << a;
     if (prefix.empty()) continue;
     EXPECT_EQ(got.prefix, IpGenPrefix(prefix)) << a;
-    std::uint32_t count = 0;
-    if (a.af() == kV4) {
-      auto part = fec4->fecs()->find(Routing::FecKey{got.fecId, 0});
-      count = part ? part->viaCount : 0;
-    } else {
-      auto part = fec6->fecs()->find(Routing::FecKey{got.fecId, 0});
-      count = part ? part->viaCount : 0;
-    }
-    EXPECT_EQ(count, hops) << a;
+    const auto viaCount = [&](const auto& fec) -> std::uint32_t {
+      auto part = fec->fecs()->find(Routing::FecKey{got.fecId, 0});
+      return part ? part->viaCount : 0;
+    };
+    EXPECT_EQ(a.af() == kV4 ? viaCount(fec4) : viaCount(fec6), hops) << a;
     ++checked;
   }
   EXPECT_GT(checked, 600);  // two thirds of the addresses lie under a route
@@ -220,26 +189,23 @@ TEST_F(NhtNetnsTest, StatusFollowsTheKernelAndBacklogsExactlyTheAffectedAddresse
 #endif
 
   // The multicast table answers first; without its route the unicast RIB does.
-  auto status = Kel::Ptr<Routing::Pim::Status>::make("pim");
-  status->intfIs(Nimo::IntfId(pair_.vethA), false, IpGenAddr("10.77.0.1"));
-  for (const char* n : {"10.77.0.2", "10.77.0.3"})
-    status->activeNeighborIs({Nimo::IntfId(pair_.vethA), IpGenAddr(n)}, 105);
   auto ucast = Kel::Ptr<Routing::Pim::UcastRouteStatus>::make(kV4);
   ucast->uribIs({st4, fec4});
   ucast->mribIs({mst4, Drobe::Fib::ForwardingStatus::create(loop_, "default", "mrib")});
-  auto table = Routing::Pim::rpfTableFactory(ucast, status, nullptr, nullptr, nullptr);
+  auto table = Routing::Pim::rpfTableFactory(
+      ucast, pimStatus("10.77.0.1", {"10.77.0.2", "10.77.0.3"}), nullptr, nullptr, nullptr);
   const IpGenAddr inMrib = *under("10.1.0.0/16").begin();
   ASSERT_TRUE(waitFor([&] {
     return table->doLookup(inMrib, IpGenAddr("232.1.1.1")).rpf.rib == Routing::Pim::RpfRib::M;
   }));
-  ASSERT_EQ(PimTest::sh(fmt::format("ip -n {} route del table 100 10.1.0.0/16", ns_)), 0);
+  ASSERT_EQ(ip("route del table 100 10.1.0.0/16"), 0);
   EXPECT_TRUE(waitFor([&] {
     return table->doLookup(inMrib, IpGenAddr("232.1.1.1")).rpf.rib == Routing::Pim::RpfRib::U;
   }));
 
   // nhtd killed outright and started again over unchanged routes: the client may re-read
   // every address, but no entry differs from before and none reads as deleted on the way.
-  for (int i = 0; i < 10; ++i) loop_.runOnce(0.05);
+  linger();
   drain(*backlog4);
   drain(*backlog6);
   auto snapshot = [&] {
@@ -251,9 +217,8 @@ TEST_F(NhtNetnsTest, StatusFollowsTheKernelAndBacklogsExactlyTheAffectedAddresse
     return m;
   };
   const auto before = snapshot();
-  ASSERT_EQ(::kill(nhtd_, SIGKILL), 0);
-  EXPECT_EQ(PimTest::waitChild(nhtd_, 10), -1);
-  nhtd_ = PimTest::spawn(fmt::format("exec {} >/dev/null", NHTD_PATH));
+  stop(nhtd_, SIGKILL);
+  startNhtd();
   bool sawUnsynced = false, backloggedUnsynced = false;
   std::size_t reread = 0;
   ASSERT_TRUE(waitFor([&] {

@@ -4,18 +4,16 @@
 // UDP to the groups; the monitor polls in R on its own PIM socket.
 #include <gmock/gmock.h>
 #include <netinet/in.h>  // before the kernel headers, which then skip their copies
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
 // clang-format off
 #include <linux/mroute.h>
 #include <linux/mroute6.h>
 // clang-format on
 
-#include <filesystem>
 #include <memory>
 
 #include "Pim/PimActivityMonitor.h"
+#include "tests/DrobeRootUtil.h"
+#include "tests/PimTestUtil.h"
 #include "tests/netns/NetnsUtil.h"
 
 namespace {
@@ -28,44 +26,28 @@ namespace P = Routing::Pim;
 namespace Hw = Routing::Multicast::Fib::Hardware;
 
 // S - R - D, named with the family and the pid; removed on destruction.
-struct Chain {
+struct Chain : PimTest::NetnsSet {
   explicit Chain(char fam) {
     const int pid = ::getpid();
     for (auto [ns, c] : {std::pair{&s, 's'}, std::pair{&r, 'r'}, std::pair{&d, 'd'}}) {
       *ns = fmt::format("am{}{}{}", c, fam, pid);
-      ok = ok && sh("ip netns add " + *ns) == 0 && sh("ip -n " + *ns + " link set lo up") == 0;
+      add(*ns);
     }
-    // veth x<fam><pid>a in the first namespace, x<fam><pid>b in the second; subnet n.
-    auto link = [&](const std::string& a, const std::string& b, int n) {
-      const std::string va = fmt::format("v{}{}{}a", n, fam, pid),
-                        vb = fmt::format("v{}{}{}b", n, fam, pid);
-      ok = ok && sh(fmt::format("ip link add {} netns {} type veth peer name {} netns {}", va, a,
-                                vb, b)) == 0;
-      for (const auto& [ns, dev, host] : {std::tuple{a, va, 1}, std::tuple{b, vb, 2}}) {
-        ok =
-            ok && sh(fmt::format("ip -n {} link set {} up", ns, dev)) == 0 &&
-            sh(fmt::format("ip -n {} addr add 10.81.{}.{}/24 dev {}", ns, n, host, dev)) == 0 &&
-            sh(fmt::format("ip -n {} addr add fd81:{}::{}/64 dev {} nodad", ns, n, host, dev)) == 0;
-      }
-      return std::pair{va, vb};
-    };
-    const auto [sOut, rIn] = link(s, r, 1);
-    const auto [rOut, dIn] = link(r, d, 2);
-    if (!ok) return;
-    sIf = inNetns(s, [&] { return ::if_nametoindex(sOut.c_str()); });
-    rsIf = inNetns(r, [&] { return ::if_nametoindex(rIn.c_str()); });
-    rdIf = inNetns(r, [&] { return ::if_nametoindex(rOut.c_str()); });
-    ok = sIf && rsIf && rdIf;
+    // veth v<n><fam><pid>a in the first namespace, ...b in the second; subnet n.
+    const auto dev = [&](int n, char end) { return fmt::format("v{}{}{}{}", n, fam, pid, end); };
+    for (const auto& [x, y, n] : {std::tuple{s, r, 1}, std::tuple{r, d, 2}}) {
+      link(x, dev(n, 'a'), y, dev(n, 'b'));
+      addrs(x, dev(n, 'a'), fmt::format("10.81.{}.1/24", n), fmt::format("fd81:{}::1/64", n));
+      addrs(y, dev(n, 'b'), fmt::format("10.81.{}.2/24", n), fmt::format("fd81:{}::2/64", n));
+    }
+    sIf = ifIndex(s, dev(1, 'a'));
+    rsIf = ifIndex(r, dev(1, 'b'));
+    rdIf = ifIndex(r, dev(2, 'a'));
+    ok = ok && sIf && rsIf && rdIf;
   }
-  ~Chain() {
-    for (const auto* ns : {&s, &r, &d}) sh("ip netns del " + *ns);
-  }
-  Chain(const Chain&) = delete;
-  Chain& operator=(const Chain&) = delete;
 
   std::string s, r, d;
   unsigned sIf = 0, rsIf = 0, rdIf = 0;
-  bool ok = true;
 };
 
 // The multicast routing daemon's socket in R: VIF/MIF 0 toward S, 1 toward D.
@@ -145,9 +127,6 @@ class ActivityMonitorNetnsTest : public ::testing::TestWithParam<AddressFamily> 
   void SetUp() override {
     if (!PimTest::isRoot()) GTEST_SKIP() << "needs root (network namespaces, raw sockets)";
     v6 = GetParam() == AddressFamily::ipv6;
-    root = "/dev/shm/actmon-netns-" + std::to_string(::getpid()) + (v6 ? "-6" : "-4");
-    std::filesystem::create_directories(root);
-    ::setenv("DROBE_ROOT", root.c_str(), 1);
     chain = std::make_unique<Chain>(v6 ? '6' : '4');
     ASSERT_TRUE(chain->ok);
     router = std::make_unique<MRouter>(*chain, v6);
@@ -158,30 +137,25 @@ class ActivityMonitorNetnsTest : public ::testing::TestWithParam<AddressFamily> 
     mon = P::pimActivityMonitorSmFactory(vrf, pam, hw, clock);
     P::activityMonitorTrace().levelIs(9);
   }
-  void TearDown() override {
-    P::activityMonitorTrace().levelIs(0);
-    mon = nullptr;
-    hw = nullptr;
-    router.reset();
-    chain.reset();
-    if (!root.empty()) std::filesystem::remove_all(root);
-  }
+  // The members go in reverse order: the monitor, the tables, the router, the namespaces.
+  void TearDown() override { P::activityMonitorTrace().levelIs(0); }
   IpGenAddr group(const char* v4, const char* v6text) const { return IpGenAddr(v6 ? v6text : v4); }
   // Polls until the kernel counted `n` more packets than `last` shows, about three
   // seconds at most; the last poll's answer.
   P::PimActivityInfo pollUntil(const P::RouteKey& k, const P::PimKernelStats& last,
                                std::uint64_t n) {
     P::PimActivityInfo info;
-    for (int i = 0; i < 150; ++i) {
-      info = mon->isActive(k, last);
-      if (info.kernelStats().packetCount() >= last.packetCount() + n) break;
-      ::usleep(20000);
-    }
+    PimTest::waitUntil(
+        [&] {
+          info = mon->isActive(k, last);
+          return info.kernelStats().packetCount() >= last.packetCount() + n;
+        },
+        3);
     return info;
   }
 
   bool v6 = false;
-  std::string root;
+  PimTest::DrobeRoot root;
   std::unique_ptr<Chain> chain;
   std::unique_ptr<MRouter> router;
   IpGenAddr src;
@@ -222,22 +196,20 @@ TEST_P(ActivityMonitorNetnsTest, PacketsFromSAreActivityOnceAndStopWithTheTraffi
 
 TEST_P(ActivityMonitorNetnsTest, AHardwareHitFromAnotherProcessSkipsTheKernel) {
   const P::RouteKey onlyInHw(src, group("232.9.9.9", "ff3e::9:9"));
-  int tell[2];
-  ASSERT_EQ(::pipe(tell), 0);
-  const pid_t writer = ::fork();
-  if (writer == 0) {
+  // The writer stays until the test ends (its end of the socket closes, or it is killed).
+  PimTest::Children writer;
+  const int fd = writer.spawn([&](int sock) {
     Hw::Status mine("hw");
     auto v = mine.vrfStatusWriter(vrf);
-    if (!v) ::_exit(1);
+    if (!v) return;
     v->activityIntervalIs(10);
     v->routeActivityIs(P::PimActivityMonitorSm::convertKey(onlyInHw), Kel::SystemClock().now());
     v->commit();
-    (void)!::write(tell[1], "w", 1);
-    ::pause();
-    ::_exit(0);
-  }
-  pollfd p{tell[0], POLLIN, 0};
-  ASSERT_EQ(::poll(&p, 1, 10000), 1);
+    PimTest::send(sock, 'w');
+    PimTest::hold(sock);
+  });
+  char written = 0;
+  ASSERT_TRUE(PimTest::receive(fd, written, 10));
   auto view = hw->vrfStatusReader(loop, vrf);
   for (int i = 0; i < 300 && !view->exists(); ++i) loop.runOnce(0.01);
   const std::uint64_t queries = mon->kernelQueries();
@@ -245,10 +217,6 @@ TEST_P(ActivityMonitorNetnsTest, AHardwareHitFromAnotherProcessSkipsTheKernel) {
   EXPECT_TRUE(info.isActive());
   EXPECT_EQ(info.kernelStats(), P::PimKernelStats(4, 5, 6));
   EXPECT_EQ(mon->kernelQueries(), queries) << "the kernel was asked";
-  ::kill(writer, SIGKILL);
-  ::waitpid(writer, nullptr, 0);
-  ::close(tell[0]);
-  ::close(tell[1]);
 }
 
 TEST_P(ActivityMonitorNetnsTest, TheDaemonsDeathFlushesEntriesAndQueriesFailWith99) {

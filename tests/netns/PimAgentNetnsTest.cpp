@@ -4,21 +4,16 @@
 #include <gmock/gmock.h>
 #include <pwd.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <thread>
 
 #include "tests/PimTestUtil.h"
 #include "tests/netns/NetnsUtil.h"
-
-extern char** environ;
 
 namespace {
 
@@ -26,30 +21,13 @@ using namespace PimTest;
 using ::testing::HasSubstr;
 namespace fs = std::filesystem;
 
-// A program started with its output in a file, stopped by its pid.
+// A shell command (exec'd: the pid is the program's) with its output in a file, stopped by
+// its pid.
 class Spawned {
  public:
-  Spawned(std::vector<std::string> argv, const std::string& out, std::vector<std::string> env = {})
-      : out_(out) {
-    std::vector<char*> args, envp;
-    for (auto& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    for (char** e = environ; *e; ++e) envp.push_back(*e);
-    for (auto& e : env) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&fa, 1, 2);
-    if (posix_spawn(&pid_, args[0], &fa, nullptr, args.data(), envp.data()) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&fa);
-  }
-  ~Spawned() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-  }
+  Spawned(const std::string& cmd, const std::string& out)
+      : out_(out), pid_(spawn(fmt::format("exec {} >{} 2>&1", cmd, out))) {}
+  ~Spawned() { stop(SIGKILL); }
   Spawned(const Spawned&) = delete;
   Spawned& operator=(const Spawned&) = delete;
 
@@ -61,30 +39,18 @@ class Spawned {
   }
   // Polls the output for text, at most `seconds`.
   bool await(const std::string& text, double seconds = 10) const {
-    for (int i = 0; i < int(seconds * 20); ++i) {
-      if (output().find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return output().find(text) != std::string::npos;
+    return waitUntil([&] { return output().find(text) != std::string::npos; }, seconds);
   }
   // Sends sig and waits at most 10 s; the exit status, or -1.
   int stop(int sig = SIGTERM) {
     if (pid_ <= 0) return -1;
     ::kill(pid_, sig);
-    int status = 0;
-    for (int i = 0; i < 200; ++i) {
-      if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return -1;
+    return waitChild(std::exchange(pid_, -1), 10);
   }
 
  private:
-  pid_t pid_ = -1;
   std::string out_;
+  pid_t pid_;
 };
 
 // A directory of this test's own under /dev/shm, for outputs and each agent's DROBE_ROOT.
@@ -161,12 +127,12 @@ TEST_P(PimAgentNetnsTest, TwoAgentsBecomeNeighboursAndJoinUpstream) {
   }
   const std::string join = v6 ? fmt::format("2001:db8::5,ff3e::1:2@{}", addrB)
                               : fmt::format("10.9.9.9,232.1.1.2@{}", addrB);
-  Spawned b(
-      {PIMAGENT_PATH, "--netns", pair.b, "--af", af, "--hello-interval", "1", "--duration", "30"},
-      dir.path + "/b.out", {"DROBE_ROOT=" + rootB});
-  Spawned a({PIMAGENT_PATH, "--netns", pair.a, "--af", af, "--hello-interval", "1", "--duration",
-             "30", "--join", join},
-            dir.path + "/a.out", {"DROBE_ROOT=" + rootA});
+  const auto agent = [&](const std::string& root, const std::string& ns) {
+    return fmt::format("env DROBE_ROOT={} {} --netns {} --af {} --hello-interval 1 --duration 30",
+                       root, PIMAGENT_PATH, ns, af);
+  };
+  Spawned b(agent(rootB, pair.b), dir.path + "/b.out");
+  Spawned a(agent(rootA, pair.a) + " --join " + join, dir.path + "/a.out");
   ASSERT_TRUE(a.started() && b.started());
 
   EXPECT_TRUE(a.await(fmt::format("neighbor {} on {} up", addrB, pair.vethA))) << a.output();
@@ -222,38 +188,22 @@ TEST(PimAgentFrrTest, FrrAndTheAgentAreNeighboursAndFrrTakesTheJoin) {
       "hostname pimd-a\ninterface {}\n ip pim\n ip pim hello 1 3\n!\n", pair.vethA);
   for (const char* f : {"/zebra.conf", "/pimd.conf"})
     ASSERT_EQ(::chown((d + f).c_str(), frr->pw_uid, frr->pw_gid), 0);
-  auto daemon = [&](const char* name) {
-    const std::string n = name;
-    return std::vector<std::string>{"/usr/bin/ip",
-                                    "netns",
-                                    "exec",
-                                    pair.a,
-                                    "/usr/lib/frr/" + n,
-                                    "-u",
-                                    "frr",
-                                    "-g",
-                                    "frr",
-                                    "-f",
-                                    d + "/" + n + ".conf",
-                                    "-i",
-                                    d + "/" + n + ".pid",
-                                    "-z",
-                                    d + "/zserv.api",
-                                    "--vty_socket",
-                                    d,
-                                    "--log",
-                                    "file:" + d + "/" + n + ".log"};
+  auto daemon = [&](const char* n) {
+    return fmt::format(
+        "/usr/bin/ip netns exec {0} /usr/lib/frr/{1} -u frr -g frr -f {2}/{1}.conf -i {2}/{1}.pid"
+        " -z {2}/zserv.api --vty_socket {2} --log file:{2}/{1}.log",
+        pair.a, n, d);
   };
   Spawned zebra(daemon("zebra"), d + "/zebra.out");
   ASSERT_TRUE(zebra.started());
-  for (int i = 0; i < 100 && !fs::exists(d + "/zserv.api"); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  waitUntil([&] { return fs::exists(d + "/zserv.api"); }, 5);
   Spawned pimd(daemon("pimd"), d + "/pimd.out");
   ASSERT_TRUE(pimd.started());
   const std::string root = d + "/drobe";
-  Spawned agent({PIMAGENT_PATH, "--netns", pair.b, "--hello-interval", "1", "--duration", "30",
-                 "--join", "10.77.0.99,232.1.1.3@10.77.0.1"},
-                d + "/agent.out", {"DROBE_ROOT=" + root});
+  Spawned agent(fmt::format("env DROBE_ROOT={} {} --netns {} --hello-interval 1 --duration 30"
+                            " --join 10.77.0.99,232.1.1.3@10.77.0.1",
+                            root, PIMAGENT_PATH, pair.b),
+                d + "/agent.out");
   ASSERT_TRUE(agent.started());
 
   EXPECT_TRUE(agent.await("neighbor 10.77.0.1 on " + pair.vethB + " up")) << agent.output();
@@ -264,15 +214,14 @@ TEST(PimAgentFrrTest, FrrAndTheAgentAreNeighboursAndFrrTakesTheJoin) {
         false);
   };
   nlohmann::json neighbors, joins;
-  for (int i = 0; i < 50; ++i) {
-    neighbors = vtysh("show ip pim neighbor json");
-    joins = vtysh("show ip pim join json");
-    if (neighbors.contains(pair.vethA) && joins.contains(pair.vethA) &&
-        joins[pair.vethA].contains("232.1.1.3")) {
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
+  waitUntil(
+      [&] {
+        neighbors = vtysh("show ip pim neighbor json");
+        joins = vtysh("show ip pim join json");
+        return neighbors.contains(pair.vethA) && joins.contains(pair.vethA) &&
+               joins[pair.vethA].contains("232.1.1.3");
+      },
+      5);
   ASSERT_TRUE(neighbors.contains(pair.vethA)) << neighbors.dump();
   EXPECT_TRUE(neighbors[pair.vethA].contains("10.77.0.2")) << neighbors.dump();
   ASSERT_TRUE(joins.contains(pair.vethA)) << joins.dump();

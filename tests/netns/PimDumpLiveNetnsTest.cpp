@@ -3,14 +3,11 @@
 
 #include <gmock/gmock.h>
 #include <netinet/in.h>
-#include <signal.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <thread>
 
+#include "tests/PimTestUtil.h"
 #include "tests/netns/NetnsUtil.h"
 #include "tools/pimdump/Samples.h"
 
@@ -27,12 +24,9 @@ TEST(PimDumpLive, DecodesWhatAPeerSendsAndStopsAfterCount) {
   ASSERT_TRUE(net.ok);
   const std::string dir = fmt::format("/tmp/pimdump-live-{}", ::getpid());
   std::filesystem::create_directories(dir);
-  // The shell records pimdump's pid so that only that process is ever stopped.
-  ASSERT_EQ(std::system(fmt::format("ip netns exec {} sh -c 'echo $$ > {}/pid; exec {} -i {} -c 2 "
-                                    "--duration 20 > {}/out 2> {}/err' &",
-                                    net.b, dir, PIMDUMP_PATH, net.vethB, dir, dir)
-                            .c_str()),
-            0);
+  const pid_t dump = PimTest::spawn(
+      fmt::format("exec ip netns exec {} {} -i {} -c 2 --duration 20 >{}/out 2>{}/err", net.b,
+                  PIMDUMP_PATH, net.vethB, dir, dir));
   PimTest::RawSender v4(net.a, AF_INET, net.ifIndexA), v6(net.a, AF_INET6, net.ifIndexA);
   ASSERT_TRUE(v4.ok() && v6.ok());
   const int offset = 2;  // the kernel fills in the IPv6 checksum for the real source
@@ -43,20 +37,15 @@ TEST(PimDumpLive, DecodesWhatAPeerSendsAndStopsAfterCount) {
   };
   // Until pimdump has its two messages: it may start capturing after the first sends.
   std::string out;
-  for (int i = 0; i < 100 && std::count(out.begin(), out.end(), '\n') < 2; ++i) {
+  PimTest::waitUntil([&] {
     v4.send("224.0.0.13", pim(false));
     v6.send("ff02::d", pim(true));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
     out = slurp(dir + "/out");
-  }
-  const pid_t pid = std::atoi(slurp(dir + "/pid").c_str());
-  for (int i = 0; i < 50 && pid > 0 && ::kill(pid, 0) == 0; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  const bool exited = pid > 0 && ::kill(pid, 0) != 0;
-  if (!exited && pid > 0) ::kill(pid, SIGTERM);
+    return std::count(out.begin(), out.end(), '\n') >= 2;
+  });
+  const int exit = PimTest::waitChild(dump, 5);
   std::filesystem::remove_all(dir);
-  EXPECT_TRUE(exited) << "pimdump did not stop after --count 2";
+  EXPECT_EQ(exit, 0) << "pimdump did not stop after --count 2";
   EXPECT_THAT(
       out, ::testing::HasSubstr(R"("af":4,"src":"10.77.0.1","dst":"224.0.0.13","type":"hello")"));
   EXPECT_THAT(out, ::testing::HasSubstr(R"("dst":"ff02::d","type":"hello")"));

@@ -28,17 +28,8 @@ class PimIONetnsTest : public ::testing::TestWithParam<Nimo::AddressFamily> {
     rig->mgr->rxMessageInfoIs(3);
     rig->start();
   }
-  void TearDown() override {
-    rig.reset();
-    sender.reset();
-    pair.reset();
-  }
-  // Turns B's loop until pred holds, at most about two seconds.
-  template <typename P>
-  bool until(P pred) {
-    for (int i = 0; i < 200 && !pred(); ++i) rig->loop.runOnce(0.01);
-    return pred();
-  }
+  // Turns B's loop until pred holds (bounded).
+  bool until(const std::function<bool()>& pred) { return waitLoop(rig->loop, pred); }
 
   DrobeRoot root;
   std::unique_ptr<NetnsPair> pair;
@@ -202,7 +193,7 @@ TEST(PimIONetnsTest6, ChecksumCoversTheLinkLocalSourceThePacketLeavesWith) {
       auto tx = senderRig(pair, Nimo::AddressFamily::ipv6, buildHeader, Nimo::IpGenAddr(a));
       tx->send(hello(), pair.vethA.c_str());
       ++expected;
-      for (int i = 0; i < 200 && info->count() < expected; ++i) b.loop.runOnce(0.01);
+      waitLoop(b.loop, [&] { return info->count() >= expected; });
       ASSERT_EQ(info->count(), expected);
       EXPECT_EQ(info->neighborAddr(), Nimo::IpGenAddr(a));
     }

@@ -1,7 +1,6 @@
 // PIM over SCTP between two namespaces with real associations: a PortPamManager in each
 // (the userland backend here, the kernel's where it has SCTP), one end per process since a
 // userland stack is one per process. B runs in a child and reports on a pipe; A runs here.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -52,31 +51,15 @@ struct Report {
 };
 
 // One end in a child process of its own: a userland stack is per process, and a child
-// forked from a parent that never started one begins clean. Every wait is bounded.
-struct Child {
-  pid_t pid = -1;
-  int fd = -1;
-  template <typename F>
-  void start(F body) {
-    int p[2];
-    if (::pipe(p) != 0) return;
-    pid = ::fork();
-    if (pid == 0) {
-      ::close(p[0]);
-      Report r = body();
-      (void)!::write(p[1], &r, sizeof r);
-      ::_exit(0);
-    }
-    ::close(p[1]);
-    fd = p[0];
-  }
-  bool report(Report& r, int seconds) {
-    pollfd pf{fd, POLLIN, 0};
-    const bool ok = ::poll(&pf, 1, seconds * 1000) == 1 && ::read(fd, &r, sizeof r) == sizeof r;
-    ::close(fd);
-    return ok && PimTest::waitChild(pid, 10) == 0;
-  }
-};
+// forked from a parent that never started one begins clean. Its report comes back on the
+// child's socket; every wait is bounded.
+template <typename F>
+int child(PimTest::Children& kids, F body) {
+  return kids.spawn([body](int fd) { PimTest::send(fd, body()); });
+}
+bool report(PimTest::Children& kids, int fd, Report& r, int seconds) {
+  return PimTest::receive(fd, r, seconds) && kids.exitCode(fd, 10) == 5;
+}
 
 void sendAll(PimTest::PortEnd& a, int count, Report& r) {
   for (int i = 1; i <= count; ++i) {
@@ -161,35 +144,60 @@ class PortPamNetnsTest : public ::testing::Test {
           PimTest::sh(fmt::format("ip -n {} addr add fe80::77:{}/64 dev {} nodad", ns, n, dev)), 0);
     }
   }
-  // Runs B (receiving `expect`) and A (sending `count`) in their children; both reports.
-  void run(const Family& f, int count, bool garbage, bool bothConnect, Report& a, Report& b) {
-    Child cb, ca;
-    cb.start([&] {
+  // B's body and A's body, each on an end of its own in its child, the ends' peers at
+  // family f's addresses; both reports within `seconds`.
+  template <typename FB, typename FA>
+  void run(const Family& f, FB bodyB, FA bodyA, Report& a, Report& b, int seconds = 90) {
+    PimTest::Children kids;
+    const int fb = child(kids, [&] {
       PimTest::PortEnd end(net->b, net->vethB, net->ifIndexB, f.a);
-      return receiver(end, count, bothConnect);
+      return bodyB(end);
     });
-    ca.start([&] {
+    const int fa = child(kids, [&] {
       PimTest::PortEnd end(net->a, net->vethA, net->ifIndexA, f.b);
-      return sender(end, count, garbage, 10);
+      return bodyA(end);
     });
-    EXPECT_TRUE(cb.report(b, 90));
-    EXPECT_TRUE(ca.report(a, 90));
+    EXPECT_TRUE(report(kids, fb, b, seconds)) << f.a;
+    EXPECT_TRUE(report(kids, fa, a, seconds)) << f.a;
+  }
+  // B receiving and A sending `count` Join/Prunes.
+  void exchange(const Family& f, int count, bool garbage, bool bothConnect, Report& a, Report& b) {
+    run(
+        f, [&](auto& end) { return receiver(end, count, bothConnect); },
+        [&](auto& end) { return sender(end, count, garbage, 10); }, a, b);
+  }
+  // Every family on the backend the environment names: 100 Join/Prunes after one garbage
+  // message arrive in order with A's address and the association's id, the garbage is
+  // counted with the association kept, and B's manager going ends A's association.
+  void deliversInEveryFamily(const std::string& backend) {
+    for (const auto& f : kFamilies) {
+      SCOPED_TRACE(f.name);
+      Report a, b;
+      exchange(f, 100, true, false, a, b);
+      EXPECT_EQ(std::string(a.backend), backend);
+      ASSERT_TRUE(a.cameUp);
+      EXPECT_EQ(a.sent, 100u);
+      EXPECT_EQ(b.received, 100u);
+      EXPECT_EQ(b.outOfOrder, 0u);
+      EXPECT_EQ(b.invalid, 1u);  // the garbage, with the association kept
+      EXPECT_EQ(b.up, 1u);
+      EXPECT_EQ(b.assocs, 1u);
+      EXPECT_NE(b.assocId, 0u);
+      EXPECT_EQ(b.assocId, b.lastAssocId);
+      EXPECT_EQ(std::string(b.src), f.a);
+      EXPECT_TRUE(a.endSeen);  // B's manager went: A's association ended
+    }
   }
   std::unique_ptr<PimTest::NetnsPair> net;
 };
 
-// Every family on the backend the environment names: 100 Join/Prunes after one garbage
-// message arrive in order with A's address and the association's id, the garbage is counted
-// with the association kept, and B's manager going ends A's association.
-void deliversInEveryFamily(PortPamNetnsTest& t, const std::string& backend);
-
 TEST_F(PortPamNetnsTest, JoinPrunesArriveWithSourceAndAssociationThenTheEndIsSeen) {
-  deliversInEveryFamily(*this, "userland");
+  deliversInEveryFamily("userland");
 }
 
 TEST_F(PortPamNetnsTest, SetupFromBothEndsAtOnceGivesOneAssociation) {
   Report a, b;
-  run(kFamilies[0], 1, false, true, a, b);
+  exchange(kFamilies[0], 1, false, true, a, b);
   ASSERT_TRUE(a.cameUp);
   EXPECT_EQ(a.upAtPeak, 1u);
   EXPECT_EQ(a.assocs, 1u);
@@ -208,7 +216,7 @@ TEST_F(PortPamNetnsTest, ThousandJoinPrunesThroughFivePercentLossAllArriveInOrde
       net->b, net->b, net->b);
   if (PimTest::sh(rule) != 0) GTEST_SKIP() << "the kernel refuses the nftables loss rule";
   Report a, b;
-  run(kFamilies[0], 1000, false, false, a, b);
+  exchange(kFamilies[0], 1000, false, false, a, b);
   ASSERT_TRUE(a.cameUp);
   EXPECT_EQ(a.sent, 1000u);
   EXPECT_EQ(b.received, 1000u);
@@ -230,24 +238,15 @@ TEST_F(PortPamNetnsTest, TsharkSeesThePortMessagesInOrderOnTheWire) {
     std::string a, b;
     ~Remove() { std::remove(a.c_str()), std::remove(b.c_str()); }
   } remove{file, log};
-  const pid_t cap = ::fork();
-  if (cap == 0) {
-    const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    ::dup2(fd, 1);
-    ::dup2(fd, 2);
-    ::execlp("ip", "ip", "netns", "exec", net->a.c_str(), "tshark", "-n", "-i", net->vethA.c_str(),
-             "-f", "sctp or icmp or icmp6", "-w", file.c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
+  const pid_t cap = PimTest::spawn(
+      fmt::format("exec ip netns exec {} tshark -n -i {} -f 'sctp or icmp or icmp6' -w {} >{} 2>&1",
+                  net->a, net->vethA, file, log));
   const auto logText = [&] {
     std::ifstream in(log);
     return std::string(std::istreambuf_iterator<char>(in), {});
   };
-  bool capturing = false;
-  for (int i = 0; i < 1500 && !capturing; ++i) {
-    capturing = logText().find("Capturing on") != std::string::npos;
-    if (!capturing) ::usleep(10000);
-  }
+  const bool capturing =
+      PimTest::waitUntil([&] { return logText().find("Capturing on") != std::string::npos; }, 15);
   if (!capturing) {
     ::kill(cap, SIGKILL);
     PimTest::waitChild(cap, 20);
@@ -255,7 +254,7 @@ TEST_F(PortPamNetnsTest, TsharkSeesThePortMessagesInOrderOnTheWire) {
   }
   constexpr int kCount = 20;
   Report a, b;
-  run(kFamilies[0], kCount, false, false, a, b);
+  exchange(kFamilies[0], kCount, false, false, a, b);
   ::kill(cap, SIGINT);
   EXPECT_EQ(PimTest::waitChild(cap, 20), 0) << logText();
   ASSERT_EQ(b.received, static_cast<std::uint64_t>(kCount));
@@ -326,13 +325,9 @@ TEST_F(PortPamNetnsTest, TsharkSeesThePortMessagesInOrderOnTheWire) {
 // within the wait's bound of 15 s. PortEnd caps the retransmission timeout at 400 ms, so
 // with the stack's 10 retransmissions of a DATA chunk it gives up after about 4.4 s.
 TEST_F(PortPamNetnsTest, LinkDownLosesTheAssociationWithinABound) {
-  Child cb, ca;
-  cb.start([&] {
-    PimTest::PortEnd end(net->b, net->vethB, net->ifIndexB, kFamilies[0].a);
-    return receiver(end, 1, false, 3);  // gone only after A's link is down
-  });
-  ca.start([&] {
-    PimTest::PortEnd end(net->a, net->vethA, net->ifIndexA, kFamilies[0].b);
+  // B is gone only after A's link is down.
+  const auto b3 = [](auto& end) { return receiver(end, 1, false, 3); };
+  const auto a2 = [&](PimTest::PortEnd& end) {
     Report r;
     end.connect();
     r.cameUp = end.runUntil([&] { return end.mgr->sctpStatus()->upCount() == 1; }, 10);
@@ -351,10 +346,9 @@ TEST_F(PortPamNetnsTest, LinkDownLosesTheAssociationWithinABound) {
         15);
     r.lostAfter = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     return r;
-  });
+  };
   Report a, b;
-  EXPECT_TRUE(cb.report(b, 30));
-  EXPECT_TRUE(ca.report(a, 30));
+  run(kFamilies[0], b3, a2, a, b, 30);
   ASSERT_TRUE(a.cameUp);
   EXPECT_EQ(a.sent, 2u);
   EXPECT_EQ(b.received, 1u);
@@ -377,23 +371,17 @@ TEST_F(PortPamNetnsTest, PathMtuFollowsTheLink) {
       net->a, net->vethA, net->b, net->vethB);
   if (PimTest::sh(setup) != 0) GTEST_SKIP() << "the kernel refuses the MTU or the nftables rule";
   for (const Family& f : {kFamilies[0], kFamilies[1]}) {
-    Child cb, ca;
-    cb.start([&] {
-      PimTest::PortEnd end(net->b, net->vethB, net->ifIndexB, f.a);
-      return receiver(end, 1, false);
-    });
-    ca.start([&] {
-      PimTest::PortEnd end(net->a, net->vethA, net->ifIndexA, f.b);
+    const auto b1 = [](auto& end) { return receiver(end, 1, false); };
+    const auto a300 = [](PimTest::PortEnd& end) {
       Report r;
       end.connect();
       r.cameUp = end.runUntil([&] { return end.mgr->sctpStatus()->upCount() == 1; }, 10);
       if (r.cameUp) r.sent += end.send(1, 300);
       end.runUntil([&] { return end.mgr->sctpStatus()->upCount() == 0; }, 20);
       return r;
-    });
+    };
     Report a, b;
-    EXPECT_TRUE(cb.report(b, 40)) << f.a;
-    EXPECT_TRUE(ca.report(a, 40)) << f.a;
+    run(f, b1, a300, a, b, 40);
     EXPECT_TRUE(a.cameUp) << f.a;
     EXPECT_EQ(a.sent, 1u) << f.a;
     EXPECT_EQ(b.received, 1u) << f.a;
@@ -416,15 +404,15 @@ TEST_F(PortPamNetnsTest, KernelSocketsWhereTheKernelHasSctp) {
   }
   ::close(fd);
   ::setenv("PIM_SCTP_BACKEND", "kernel", 1);
-  deliversInEveryFamily(*this, "kernel");
+  deliversInEveryFamily("kernel");
 }
 
 // Without kernel SCTP and without the privilege for raw sockets, neither backend opens: one
 // trace line with the errno, one count, and the manager still initialises. Run as nobody.
 TEST_F(PortPamNetnsTest, NoBackendWithoutPrivilegeInitialisesClosed) {
   ::unsetenv("PIM_SCTP_BACKEND");
-  Child c;
-  c.start([] {
+  PimTest::Children kids;
+  const int fd = child(kids, [] {
     Report r;
     if (::setgid(65534) != 0 || ::setuid(65534) != 0) return r;
     Flicklog::facility("Nimo::Sctp").levelIs(1);
@@ -439,32 +427,12 @@ TEST_F(PortPamNetnsTest, NoBackendWithoutPrivilegeInitialisesClosed) {
     return r;
   });
   Report r;
-  ASSERT_TRUE(c.report(r, 20));
+  ASSERT_TRUE(report(kids, fd, r, 20));
   EXPECT_TRUE(r.cameUp);
   EXPECT_EQ(r.invalid, 1u);
   EXPECT_EQ(r.received, 1u);  // one trace line
   // The kernel's refusal, then the userland stack's: EPERM for its raw socket.
   EXPECT_EQ(std::string(r.src), "port.sctp: createSocket - Failed - Error: 1");
-}
-
-void deliversInEveryFamily(PortPamNetnsTest& t, const std::string& backend) {
-  for (const auto& f : kFamilies) {
-    SCOPED_TRACE(f.name);
-    Report a, b;
-    t.run(f, 100, true, false, a, b);
-    EXPECT_EQ(std::string(a.backend), backend);
-    ASSERT_TRUE(a.cameUp);
-    EXPECT_EQ(a.sent, 100u);
-    EXPECT_EQ(b.received, 100u);
-    EXPECT_EQ(b.outOfOrder, 0u);
-    EXPECT_EQ(b.invalid, 1u);  // the garbage, with the association kept
-    EXPECT_EQ(b.up, 1u);
-    EXPECT_EQ(b.assocs, 1u);
-    EXPECT_NE(b.assocId, 0u);
-    EXPECT_EQ(b.assocId, b.lastAssocId);
-    EXPECT_EQ(std::string(b.src), f.a);
-    EXPECT_TRUE(a.endSeen);  // B's manager went: A's association ended
-  }
 }
 
 }  // namespace

@@ -2,25 +2,18 @@
 // their own processes over a namespace of this test; in the test process RpfRouteSm,
 // RpfTable and a small agent (recompute each published route with RpfTable, write the Rpf).
 // Routes change with `ip route`. Both families; root only; every wait is bounded.
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <functional>
 
 #include "Pim/RpfRouteSm.h"
 #include "Pim/RpfTable.h"
-#include "tests/PimIOTestUtil.h"
-#include "tests/PimTestUtil.h"
-#include "tests/RpfAgentUtil.h"
-#include "tests/netns/NetnsUtil.h"
+#include "tests/netns/DaemonNetns.h"
 
 namespace {
 
 using Nimo::IpGenAddr;
 using namespace Routing::Pim;
-using Keys = std::set<RouteKey>;
 
 // One family's addresses: S1 and S2 under their own prefixes, two gateways on the link, a
 // group of each kind.
@@ -36,16 +29,16 @@ const Family kFamilies[] = {
      "2001:db8:2::1", "fd77::2", "fd77::3", "ff3e::1", "ff3e::2"},
 };
 
-class RpfRouteNetnsTest : public ::testing::TestWithParam<Family> {
+class RpfRouteNetnsTest : public PimTest::DaemonNetnsTest<::testing::TestWithParam<Family>> {
  protected:
+  RpfRouteNetnsTest() : DaemonNetnsTest("rrt") {}
   void SetUp() override {
-    if (!PimTest::isRoot()) GTEST_SKIP() << "needs root (network namespaces)";
-    ASSERT_TRUE(pair_.ok);
+    if (!ready()) return;
     const Family& f = GetParam();
-    ns_ = pair_.a;
     for (const char* p : {f.s1Prefix, f.s2Prefix})
       ASSERT_EQ(ip("route add {} via {}", p, f.gwA), 0);
-    startDaemons();
+    startRibd(100);
+    startNhtd();
     const bool v4 = f.af == Nimo::AddressFamily::ipv4;
     for (int m = 0; m < 2; ++m) {
       const char* rib = m ? "multicast" : "unicast";
@@ -60,11 +53,8 @@ class RpfRouteNetnsTest : public ::testing::TestWithParam<Family> {
       ucast->urib6Is({st_[0], ::Drobe::Fib6::ForwardingStatus::create(loop_, "default", "urib")});
       ucast->mrib6Is({st_[1], ::Drobe::Fib6::ForwardingStatus::create(loop_, "default", "mrib")});
     }
-    auto pim = Kel::Ptr<Routing::Pim::Status>::make("pim");
-    pim->intfIs(Nimo::IntfId(pair_.vethA), false, IpGenAddr(v4 ? "10.77.0.1" : "fd77::1"));
-    for (const char* n : {f.gwA, f.gwB})
-      pim->activeNeighborIs({Nimo::IntfId(pair_.vethA), IpGenAddr(n)}, 105);
-    table_ = rpfTableFactory(ucast, pim, nullptr, nullptr, nullptr);
+    table_ = rpfTableFactory(ucast, pimStatus(v4 ? "10.77.0.1" : "fd77::1", {f.gwA, f.gwB}),
+                             nullptr, nullptr, nullptr);
     // The agent: each published route is looked up again and its new Rpf written.
     agent_.recompute = [this](const RouteKey& k) {
       const IpGenAddr target = k.isStarG() ? config_->rpfConfigInfo(k)->rpf.target : k.source();
@@ -78,44 +68,13 @@ class RpfRouteNetnsTest : public ::testing::TestWithParam<Family> {
   }
   void TearDown() override {
     sm_ = nullptr;
-    for (pid_t* p : {&nhtd_, &ribd_}) stop(*p, SIGTERM);
-  }
-  template <typename... A>
-  int ip(fmt::format_string<A...> f, A&&... a) {
-    return PimTest::sh(fmt::format("ip -n {} ", ns_) + fmt::format(f, std::forward<A>(a)...));
-  }
-  void startDaemons() {
-    if (ribd_ <= 0)
-      ribd_ = PimTest::spawn(
-          fmt::format("exec {} --netns {} --mrib-table 100 >/dev/null", RIBD_PATH, ns_));
-    nhtd_ = PimTest::spawn(fmt::format("exec {} >/dev/null", NHTD_PATH));
-  }
-  void stop(pid_t& p, int sig) {
-    if (p <= 0) return;
-    ::kill(p, sig);
-    EXPECT_EQ(PimTest::waitChild(p, 10), sig == SIGKILL ? -1 : 0);
-    p = -1;
+    DaemonNetnsTest::TearDown();
   }
   void start() {
     sm_ = nullptr;
     const auto t = rpfRouteTracking(cfg_[0], cfg_[1], st_[0], st_[1]);
     sm_ = rpfRouteSmFactory(GetParam().af, config_, status_, nullptr, loop_.clock(), loop_.timers(),
                             t);
-  }
-  bool waitFor(const std::function<bool()>& done) { return PimTest::waitLoop(loop_, done); }
-  // What is published until observed() holds (20 s at most) and `settle` seconds after;
-  // observed defaults to "something was published".
-  Keys published(std::function<bool()> observed = {}, double settle = 0.5) {
-    agent_.published.clear();
-    if (!observed) observed = [&] { return !agent_.published.empty(); };
-    EXPECT_TRUE(waitFor(observed)) << "the change was not observed";
-    for (int i = 0; i < static_cast<int>(settle / 0.05); ++i) loop_.runOnce(0.05);
-    Keys out;
-    for (const auto& [k, n] : agent_.published) {
-      EXPECT_EQ(n, 1) << k;
-      out.insert(k);
-    }
-    return out;
   }
   // Observed: n more addresses taken from the backlogs (equal ones included).
   std::function<bool()> drained(std::uint64_t n) {
@@ -154,17 +113,11 @@ class RpfRouteNetnsTest : public ::testing::TestWithParam<Family> {
     return cfg_[0]->nexthop(IpGenAddr(a)) && cfg_[1]->nexthop(IpGenAddr(a));
   }
 
-  PimTest::DrobeRoot root_;
-  PimTest::NetnsPair pair_{"rrt"};
-  std::string ns_;
-  pid_t ribd_ = -1, nhtd_ = -1;
-  Ulm::EventLoop loop_{Kel::Ptr<Kel::SystemClock>::make()};
   Kel::Ptr<Routing::NexthopVrfConfig> cfg_[2];
   Kel::Ptr<Routing::NexthopVrfStatus> st_[2];
   Kel::Ptr<RpfTable> table_;
   Kel::Ptr<RpfConfig> config_ = Kel::Ptr<RpfConfig>::make("config");
   Kel::Ptr<RpfStatus> status_ = Kel::Ptr<RpfStatus>::make("status");
-  PimTest::Agent agent_;
   Kel::Ptr<RpfRouteSm> sm_;
 };
 
@@ -226,7 +179,7 @@ TEST_P(RpfRouteNetnsTest, ChurnAndCrashes) {
   EXPECT_EQ(status == -1 ? PimTest::waitChild(burst, 10) : status, 0) << "ip -batch";
   std::remove(batch.c_str());
   ASSERT_TRUE(waitFor([&] { return neighbor(*k1.begin()) == kernelVia(f.s1); }));
-  for (int i = 0; i < 20; ++i) loop_.runOnce(0.05);
+  linger(1.0);
   EXPECT_LE(maxBacklog, sm_->routeSourceInfo().size());
   std::map<RouteKey, int> seen;
   for (const auto& [k, n] : agent_.published) seen[k] += n;
@@ -239,14 +192,14 @@ TEST_P(RpfRouteNetnsTest, ChurnAndCrashes) {
   // The adapter killed; restarted over unchanged routes: nothing. Killed again, S1's route
   // changed meanwhile: exactly S1's routes.
   stop(nhtd_, SIGKILL);
-  startDaemons();
+  startNhtd();
   // A restarted adapter's first full pass puts every registered address on both backlogs.
   const std::size_t all = 2 * sm_->routeSourceInfo().size();
   EXPECT_EQ(published(drained(all)), Keys{});
   stop(nhtd_, SIGKILL);
   const IpGenAddr other(kernelVia(f.s1) == IpGenAddr(f.gwA) ? f.gwB : f.gwA);
   ASSERT_EQ(ip("route replace {} via {}", f.s1Prefix, other), 0);
-  startDaemons();
+  startNhtd();
   EXPECT_EQ(published(), k1);
   for (const RouteKey& k : k1) EXPECT_EQ(neighbor(k), other) << k;
 
