@@ -253,7 +253,13 @@ class Writer : public Kel::PtrInterface {
   ~Writer() override;
 
   // Insert or overwrite; false (refused, traced, counted) if the table is full.
-  bool is(const V& v);
+  bool is(const V& v) {
+    bool changed;
+    return is(v, changed);
+  }
+  // As is(v), in one probe; changed says whether the table now differs (an equal record
+  // is left alone and announces nothing).
+  bool is(const V& v, bool& changed);
   // Read-modify-write in one probe: fn(V&) changes k's entry in place; an absent entry
   // starts as init() (whose key must be k). The entry is announced as changed without
   // comparing, since callers use this to change it (a counter). False (as is()) if the
@@ -607,14 +613,15 @@ bool Writer<K, V>::insertAt(std::uint32_t slot, std::uint32_t h, const K& k, con
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
-bool Writer<K, V>::is(const V& v) {
+bool Writer<K, V>::is(const V& v, bool& changed) {
   const K k = v.key();
   const std::uint32_t h = static_cast<std::uint32_t>(k.hash());
   const Probe p = probe(k, h);
-  if (!p.found) return insertAt(p.slot, h, k, v);
+  if (!p.found) return changed = insertAt(p.slot, h, k, v);
   detail::SlotBody<V>& b = shadow_[p.slot];
   static_assert(std::equality_comparable<V>, "a writer compares records with operator==");
-  if (b.value == v) return true;
+  changed = !(b.value == v);
+  if (!changed) return true;
   b.value = v;
   markDirty(p.slot);
   queueKey(p.slot, k);

@@ -131,9 +131,9 @@ Kel::Ptr<NexthopVrfStatusWriter> NexthopVrfStatusWriter::create(Nimo::AddressFam
 }
 
 bool NexthopVrfStatusWriter::entryIs(const NexthopStatusEntry& e) {
-  const auto old = status_->find(e.addr);
-  if (old && *old == e) return false;
-  return status_->is(e);
+  bool changed = false;
+  status_->is(e, changed);
+  return changed;
 }
 
 void NexthopVrfStatusWriter::syncedIs(bool s) {
