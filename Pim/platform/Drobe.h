@@ -393,6 +393,9 @@ class Reader : public Kel::PtrInterface {
   std::optional<V> find(const K& k) const;
   // As find(), telling a slot that is being rewritten apart from an absent key.
   FindStatus findStatus(const K& k, V& out) const;
+  // Starts loading k's home slot, so that a lookup needing two independent records can
+  // have both misses under way at once.
+  void prefetch(const K& k) const noexcept;
   // Calls fn(const V&) for each stable live record.
   template <typename F>
   void forEach(F&& fn) const;
@@ -967,6 +970,16 @@ const {
     }
   }
   return FindStatus::absent;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Reader<K, V>::prefetch(const K& k) const noexcept {
+  if (!core_.mounted()) return;
+  const auto* s = reinterpret_cast<const char*>(
+      core_.slot(detail::homeSlot(static_cast<std::uint32_t>(k.hash()), core_.layout().slotCount)));
+  if (!s) return;
+  for (std::uint32_t b = 0; b < detail::kSlotSize<V>; b += 64) __builtin_prefetch(s + b);
 }
 
 template <typename K, typename V>

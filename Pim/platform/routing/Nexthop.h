@@ -187,6 +187,7 @@ class NexthopVrfStatus : public Kel::PtrInterface {
     const Drobe::FindStatus s = status_->findStatus(a, out);
     return s == Drobe::FindStatus::found && !out.resolved() ? Drobe::FindStatus::absent : s;
   }
+  void prefetch(const Nimo::IpGenAddr& a) const noexcept { status_->prefetch(a); }
   const Kel::Ptr<NexthopStatusTable>& table() const noexcept { return status_; }
 
  private:
