@@ -275,6 +275,12 @@ class Writer : public Kel::PtrInterface {
   void delAll();
   std::optional<V> find(const K& k) const;
   Lookup<V> lookup(const K& k) const;
+  // Starts loading k's home slot of the writer's copy: a caller about to write many keys
+  // asks for one a few places ahead, so that the misses overlap.
+  void prefetch(const K& k) const noexcept {
+    __builtin_prefetch(
+        &shadow_[detail::homeSlot(static_cast<std::uint32_t>(k.hash()), layout_.slotCount)]);
+  }
   void corruptionIs(std::uint32_t slot);
 
   void notify(const K& k);
