@@ -528,7 +528,9 @@ TEST(PimStatusTest, PointLookupsAgreeWithTheOrderedMapsAfterRandomChanges) {
       ASSERT_EQ(st.activeNeighbor(c), st.activeNeighbor().count(c) == 1) << step;
       const Nimo::IpGenAddr* sec = st.neighborSecondary(c);
       ASSERT_EQ(sec != nullptr, secondary.count(c) == 1) << step;
-      if (sec) EXPECT_EQ(*sec, secondary.at(c)) << step;
+      if (sec) {
+        EXPECT_EQ(*sec, secondary.at(c)) << step;
+      }
     }
   }
 }
