@@ -101,6 +101,9 @@ template <Nimo::AddressFamily F>
 RpfInfo lookupBoth(RpfTable& t, const Nimo::IpGenAddr& target, const Nimo::IpGenAddr& group,
                    std::string_view fn, const Nimo::IntfId* onlyIntf) {
   const UcastRouteStatus& u = *t.ucastRouteStatus();
+  // The unicast entry is needed unless the multicast RIB answers: its miss overlaps the
+  // multicast read instead of following it.
+  if (const auto& s = Fam<F>::urib(u).nexthopStatus) s->prefetch(target);
   RpfInfo info = lookupRib<F>(t, Fam<F>::mrib(u), RpfRib::M, target, group, fn, onlyIntf);
   if (!info) info = lookupRib<F>(t, Fam<F>::urib(u), RpfRib::U, target, group, fn, onlyIntf);
   return info;

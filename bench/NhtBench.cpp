@@ -13,7 +13,7 @@
 //   baseline needs root and is skipped otherwise.
 // Each figure is the median of 5 passes over the targets.
 //
-// Usage: NhtBench [routes] [targets]
+// Usage: NhtBench [routes] [targets] [re-resolution runs, 5 unless given; more for a profile]
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -108,7 +108,7 @@ std::size_t kernelLookups(int fd, const std::vector<IpGenAddr>& addrs) {
 
 // Re-resolution after a default-route replace, beside the kernel asked once per address.
 void reresolveFigure(Ulm::EventLoop& loop, const Kel::Ptr<Kel::SystemClock>& clock,
-                     std::uint32_t nTargets) {
+                     std::uint32_t nTargets, int runs) {
   const std::string path = Routing::ribMountPath(kV4, "nhtb");
   auto fec = Routing::Fib::FecWriter::create(path, "fec", 64, clock);
   auto urib = Routing::Fib::RouteWriter::create(path, "urib", fec, 64);
@@ -136,7 +136,7 @@ void reresolveFigure(Ulm::EventLoop& loop, const Kel::Ptr<Kel::SystemClock>& clo
   // the kernel answers RTM_GETROUTE in the asking thread's system time, so both sides count
   // what they spend and neither counts the time others hold the CPU).
   std::vector<Span> ours;
-  for (int r = 1; r <= 5; ++r) {
+  for (int r = 1; r <= runs; ++r) {
     const std::uint64_t done = nht->resolutions() + nht->tracked();
     const Span t = Span::now();
     defaultVia(r);
@@ -186,6 +186,7 @@ void reresolveFigure(Ulm::EventLoop& loop, const Kel::Ptr<Kel::SystemClock>& clo
 int main(int argc, char** argv) {
   const std::uint32_t nRoutes = argc > 1 ? static_cast<std::uint32_t>(std::atoi(argv[1])) : 1000000;
   const std::uint32_t nTargets = argc > 2 ? static_cast<std::uint32_t>(std::atoi(argv[2])) : 10000;
+  const int runs = argc > 3 ? std::max(1, std::atoi(argv[3])) : 5;
   const std::string root = fmt::format("/dev/shm/nhtbench-{}", ::getpid());
   ::setenv("DROBE_ROOT", root.c_str(), 1);
   auto clock = Kel::Ptr<Kel::SystemClock>::make();
@@ -311,7 +312,7 @@ int main(int argc, char** argv) {
   std::printf("shared bytes per tracked address: status %.1f, client config %.1f\n",
               static_cast<double>(uOut->sharedBytes()) / nTargets,
               static_cast<double>(cfgBytes) / nTargets);
-  reresolveFigure(loop, clock, nTargets);
+  reresolveFigure(loop, clock, nTargets, runs);
   std::printf("(sink %llu)\n", static_cast<unsigned long long>(sink));
   table = nullptr;
   trie = nullptr;

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <functional>
 #include <limits>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -19,6 +20,7 @@
 #include "Pim/platform/Flicklog.h"
 #include "Pim/platform/Kel.h"
 #include "Pim/platform/Nimo.h"
+#include "Pim/platform/PimCore.h"
 #include "tests/PimTestUtil.h"
 
 namespace {
@@ -476,6 +478,61 @@ TEST(Flicklog, LogMessageFormatsIntoTheCapture) {
                                "%PIM_MESSAGE_INVALID_ENCODED_SOURCE: Attempted to send Assert "
                                "message with a non-unicast encoded source 224.0.0.1",
                                "after"}));
+}
+
+// Routing::Pim::Status answers point look-ups from hashed copies of its ordered maps: after
+// any mix of writes and deletes, both must say the same.
+TEST(PimStatusTest, PointLookupsAgreeWithTheOrderedMapsAfterRandomChanges) {
+  using Routing::Pim::ActiveNeighborKey;
+  Routing::Pim::Status st("pim");
+  const Nimo::IntfId ids[] = {Nimo::IntfId("eth1"), Nimo::IntfId("eth2"), Nimo::IntfId("Loopback0"),
+                              Nimo::IntfId("a-rather-long-name.100")};
+  std::map<ActiveNeighborKey, Nimo::IpGenAddr> secondary;
+  std::mt19937 rng(3);
+  auto key = [&] {
+    return ActiveNeighborKey{
+        ids[rng() % 4], Nimo::IpGenAddr::v4(0x0a000001u + static_cast<std::uint32_t>(rng() % 6))};
+  };
+  for (int step = 0; step < 2000; ++step) {
+    const ActiveNeighborKey k = key();
+    switch (rng() % 6) {
+      case 0:
+        st.intfIs(k.intfId, rng() % 2 == 1, k.address);
+        break;
+      case 1:
+        st.intfDel(k.intfId);
+        break;
+      case 2:
+        st.activeNeighborIs(k, static_cast<std::uint16_t>(rng() % 3));
+        break;
+      case 3:
+        st.activeNeighborDel(k);
+        break;
+      case 4:
+        st.neighborSecondaryIs(k, Nimo::IpGenAddr::v4(static_cast<std::uint32_t>(rng() % 5)));
+        secondary[k] = *st.neighborSecondary(k);
+        break;
+      default:
+        st.neighborSecondaryDel(k);
+        secondary.erase(k);
+    }
+    for (int q = 0; q < 8; ++q) {
+      const ActiveNeighborKey c = key();
+      const auto it = st.intf().find(c.intfId);
+      const Routing::Pim::StatusIntf* got = st.intf(c.intfId);
+      ASSERT_EQ(got != nullptr, it != st.intf().end()) << step;
+      if (got) {
+        EXPECT_EQ(got->mbr, it->second.mbr) << step;
+        EXPECT_EQ(got->primaryAddr, it->second.primaryAddr) << step;
+      }
+      ASSERT_EQ(st.activeNeighbor(c), st.activeNeighbor().count(c) == 1) << step;
+      const Nimo::IpGenAddr* sec = st.neighborSecondary(c);
+      ASSERT_EQ(sec != nullptr, secondary.count(c) == 1) << step;
+      if (sec) {
+        EXPECT_EQ(*sec, secondary.at(c)) << step;
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -253,7 +253,13 @@ class Writer : public Kel::PtrInterface {
   ~Writer() override;
 
   // Insert or overwrite; false (refused, traced, counted) if the table is full.
-  bool is(const V& v);
+  bool is(const V& v) {
+    bool changed;
+    return is(v, changed);
+  }
+  // As is(v), in one probe; changed says whether the table now differs (an equal record
+  // is left alone and announces nothing).
+  bool is(const V& v, bool& changed);
   // Read-modify-write in one probe: fn(V&) changes k's entry in place; an absent entry
   // starts as init() (whose key must be k). The entry is announced as changed without
   // comparing, since callers use this to change it (a counter). False (as is()) if the
@@ -269,6 +275,12 @@ class Writer : public Kel::PtrInterface {
   void delAll();
   std::optional<V> find(const K& k) const;
   Lookup<V> lookup(const K& k) const;
+  // Starts loading k's home slot of the writer's copy: a caller about to write many keys
+  // asks for one a few places ahead, so that the misses overlap.
+  void prefetch(const K& k) const noexcept {
+    __builtin_prefetch(
+        &shadow_[detail::homeSlot(static_cast<std::uint32_t>(k.hash()), layout_.slotCount)]);
+  }
   void corruptionIs(std::uint32_t slot);
 
   void notify(const K& k);
@@ -387,6 +399,9 @@ class Reader : public Kel::PtrInterface {
   std::optional<V> find(const K& k) const;
   // As find(), telling a slot that is being rewritten apart from an absent key.
   FindStatus findStatus(const K& k, V& out) const;
+  // Starts loading k's home slot, so that a lookup needing two independent records can
+  // have both misses under way at once.
+  void prefetch(const K& k) const noexcept;
   // Calls fn(const V&) for each stable live record.
   template <typename F>
   void forEach(F&& fn) const;
@@ -607,14 +622,15 @@ bool Writer<K, V>::insertAt(std::uint32_t slot, std::uint32_t h, const K& k, con
 
 template <typename K, typename V>
 requires TableKey<K> && TableValue<V, K>
-bool Writer<K, V>::is(const V& v) {
+bool Writer<K, V>::is(const V& v, bool& changed) {
   const K k = v.key();
   const std::uint32_t h = static_cast<std::uint32_t>(k.hash());
   const Probe p = probe(k, h);
-  if (!p.found) return insertAt(p.slot, h, k, v);
+  if (!p.found) return changed = insertAt(p.slot, h, k, v);
   detail::SlotBody<V>& b = shadow_[p.slot];
   static_assert(std::equality_comparable<V>, "a writer compares records with operator==");
-  if (b.value == v) return true;
+  changed = !(b.value == v);
+  if (!changed) return true;
   b.value = v;
   markDirty(p.slot);
   queueKey(p.slot, k);
@@ -960,6 +976,16 @@ const {
     }
   }
   return FindStatus::absent;
+}
+
+template <typename K, typename V>
+requires TableKey<K> && TableValue<V, K>
+void Reader<K, V>::prefetch(const K& k) const noexcept {
+  if (!core_.mounted()) return;
+  const auto* s = reinterpret_cast<const char*>(
+      core_.slot(detail::homeSlot(static_cast<std::uint32_t>(k.hash()), core_.layout().slotCount)));
+  if (!s) return;
+  for (std::uint32_t b = 0; b < detail::kSlotSize<V>; b += 64) __builtin_prefetch(s + b);
 }
 
 template <typename K, typename V>

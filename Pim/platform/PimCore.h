@@ -717,8 +717,8 @@ class Status : public Kel::Entity {
   explicit Status(Kel::Name name) : Kel::Entity(std::move(name)) {}
 
   const StatusIntf* intf(const Nimo::IntfId& id) const {
-    auto it = intf_.find(id);
-    return it == intf_.end() ? nullptr : &it->second;
+    auto it = intfIndex_.find(id);
+    return it == intfIndex_.end() ? nullptr : &it->second;
   }
   const std::map<Nimo::IntfId, StatusIntf>& intf() const noexcept { return intf_; }
   void intfIs(const Nimo::IntfId& id, bool mbr = false, Nimo::IpGenAddr primary = {}) {
@@ -726,16 +726,18 @@ class Status : public Kel::Entity {
     i.intfId = id;
     i.mbr = mbr;
     i.primaryAddr = primary;
+    intfIndex_[id] = i;
     notifiees_.forEach([&](NotifieeConst& n) { n.onIntf(id); });
   }
   void intfDel(const Nimo::IntfId& id) {
+    intfIndex_.erase(id);
     if (intf_.erase(id) != 0) notifiees_.forEach([&](NotifieeConst& n) { n.onIntf(id); });
   }
   // The mode filter's write: the interface as the I/O layer needs it (MBR flag from
   // borderRouter, primary address from addressWithMask). Unchanged: no notice.
   void pimIntfIs(const Intf& i);
 
-  bool activeNeighbor(const ActiveNeighborKey& k) const { return neighbor_.count(k) != 0; }
+  bool activeNeighbor(const ActiveNeighborKey& k) const { return neighborIndex_.count(k) != 0; }
   const std::map<ActiveNeighborKey, std::uint16_t>& activeNeighbor() const noexcept {
     return neighbor_;
   }
@@ -743,9 +745,11 @@ class Status : public Kel::Entity {
     auto [it, created] = neighbor_.try_emplace(k, holdTime);
     if (!created && it->second == holdTime) return;
     it->second = holdTime;
+    neighborIndex_.insert(k);
     notifiees_.forEach([&](NotifieeConst& n) { n.onActiveNeighbor(k); });
   }
   void activeNeighborDel(const ActiveNeighborKey& k) {
+    neighborIndex_.erase(k);
     if (neighbor_.erase(k) != 0)
       notifiees_.forEach([&](NotifieeConst& n) { n.onActiveNeighbor(k); });
   }
@@ -753,6 +757,7 @@ class Status : public Kel::Entity {
   // Neighbour secondary addresses (Hello Address List): (interface, secondary) -> the
   // neighbour's primary address. Next hops learned from routing may name a secondary.
   const Nimo::IpGenAddr* neighborSecondary(const ActiveNeighborKey& k) const {
+    if (secondary_.empty()) return nullptr;  // the common case costs no hash
     auto it = secondary_.find(k);
     return it == secondary_.end() ? nullptr : &it->second;
   }
@@ -762,9 +767,19 @@ class Status : public Kel::Entity {
   void neighborSecondaryDel(const ActiveNeighborKey& k) { secondary_.erase(k); }
 
  private:
+  struct KeyHash {
+    std::size_t operator()(const Nimo::IntfId& i) const noexcept { return i.hash(); }
+    std::size_t operator()(const ActiveNeighborKey& k) const noexcept {
+      return k.intfId.hash() ^ (std::size_t{k.address.hash()} * 0x9e3779b97f4a7c15u);
+    }
+  };
   std::map<Nimo::IntfId, StatusIntf> intf_;
   std::map<ActiveNeighborKey, std::uint16_t> neighbor_;
-  std::map<ActiveNeighborKey, Nimo::IpGenAddr> secondary_;
+  // The RPF lookup asks these for every via: hashed beside the ordered maps that the
+  // accessors hand out (an ordered search compares 32-byte ids several times).
+  std::unordered_map<Nimo::IntfId, StatusIntf, KeyHash> intfIndex_;
+  std::unordered_set<ActiveNeighborKey, KeyHash> neighborIndex_;
+  std::unordered_map<ActiveNeighborKey, Nimo::IpGenAddr, KeyHash> secondary_;
   Kel::NotifieeList<NotifieeConst> notifiees_;
 };
 

@@ -131,9 +131,9 @@ Kel::Ptr<NexthopVrfStatusWriter> NexthopVrfStatusWriter::create(Nimo::AddressFam
 }
 
 bool NexthopVrfStatusWriter::entryIs(const NexthopStatusEntry& e) {
-  const auto old = status_->find(e.addr);
-  if (old && *old == e) return false;
-  return status_->is(e);
+  bool changed = false;
+  status_->is(e, changed);
+  return changed;
 }
 
 void NexthopVrfStatusWriter::syncedIs(bool s) {
@@ -285,18 +285,33 @@ void NexthopResolverGen<F>::trackDel(const Nimo::IpGenAddr& a) {
 
 template <Nimo::AddressFamily F>
 void NexthopResolverGen<F>::handleRoute(const Nimo::IpGenPrefix& p) {
-  tracked_.preOrderWalk(p, [&](const auto& e) {
-    resolve(e.prefix.address());
+  resolveUnder(&p);
+}
+
+template <Nimo::AddressFamily F>
+void NexthopResolverGen<F>::resolveUnder(const Nimo::IpGenPrefix* p) {
+  // Collected first, then resolved with the status slot of an address a few places ahead
+  // already on its way: the walk goes in address order, the slots lie in hash order.
+  constexpr std::size_t kAhead = 8;
+  batch_.clear();
+  auto collect = [&](const auto& e) {
+    batch_.push_back(e.prefix.address());
     return true;
-  });
+  };
+  if (p) {
+    tracked_.preOrderWalk(*p, collect);
+  } else {
+    tracked_.preOrderWalk(collect);
+  }
+  for (std::size_t i = 0; i < batch_.size(); ++i) {
+    if (i + kAhead < batch_.size()) out_->prefetch(batch_[i + kAhead]);
+    resolve(batch_[i]);
+  }
 }
 
 template <Nimo::AddressFamily F>
 void NexthopResolverGen<F>::resolveAll() {
-  tracked_.preOrderWalk([&](const auto& e) {
-    resolve(e.prefix.address());
-    return true;
-  });
+  resolveUnder(nullptr);
   routesLoaded_ = true;
   markIfReady();
   commit();

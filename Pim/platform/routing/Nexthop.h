@@ -187,6 +187,7 @@ class NexthopVrfStatus : public Kel::PtrInterface {
     const Drobe::FindStatus s = status_->findStatus(a, out);
     return s == Drobe::FindStatus::found && !out.resolved() ? Drobe::FindStatus::absent : s;
   }
+  void prefetch(const Nimo::IpGenAddr& a) const noexcept { status_->prefetch(a); }
   const Kel::Ptr<NexthopStatusTable>& table() const noexcept { return status_; }
 
  private:
@@ -227,6 +228,7 @@ class NexthopVrfStatusWriter : public Kel::PtrInterface {
   // Writes e unless equal to what is there; true when it changed something.
   bool entryIs(const NexthopStatusEntry& e);
   void entryDel(const Nimo::IpGenAddr& a) { status_->del(a); }
+  void prefetch(const Nimo::IpGenAddr& a) const noexcept { status_->prefetch(a); }
   std::optional<NexthopStatusEntry> entry(const Nimo::IpGenAddr& a) const {
     return status_->find(a);
   }
@@ -350,6 +352,8 @@ class NexthopResolverGen : public Kel::PtrInterface {
   NexthopResolverGen(Ulm::TimerWheel& timers, Kel::Ptr<RouteTrie> routes,
                      Kel::Ptr<NexthopVrfStatusWriter> out);
   void handleRoute(const Nimo::IpGenPrefix& p);
+  // Resolves the tracked addresses under p, or every one when p is null.
+  void resolveUnder(const Nimo::IpGenPrefix* p);
   void resolve(const Nimo::IpGenAddr& a);
   void schedule();
   void markIfReady();
@@ -357,7 +361,8 @@ class NexthopResolverGen : public Kel::PtrInterface {
   Kel::Ptr<RouteTrie> routes_;
   Kel::Ptr<NexthopVrfStatusWriter> out_;
   RouteReactor reactor_;
-  TrieGen<std::uint32_t> tracked_;  // host prefixes; payload: registration count
+  TrieGen<std::uint32_t> tracked_;      // host prefixes; payload: registration count
+  std::vector<Nimo::IpGenAddr> batch_;  // one walk's addresses, kept between walks
   std::map<std::string, std::unique_ptr<Client>, std::less<>> clients_;
   Ulm::Timer commitTimer_;
   std::uint64_t resolutions_ = 0;

@@ -136,13 +136,24 @@ class TrieGen : public Kel::Entity {
   static constexpr std::uint32_t kChild = 0x80000000u;
   struct Node {
     std::uint32_t slot[256];
-    std::uint32_t inherit;  // the parent slot's prefix (entry id + 1), 0 for none
-    std::uint32_t used;     // non-zero slots
+    std::uint32_t inherit;      // the parent slot's prefix (entry id + 1), 0 for none
+    std::uint64_t occupied[4];  // non-zero slots: a walk visits only these
   };
   static std::uint32_t depthOf(std::uint8_t len) noexcept { return len == 0 ? 0 : (len - 1u) / 8; }
   std::uint32_t leafOf(std::uint32_t n, std::uint32_t s) const noexcept {
     const std::uint32_t e = nodes_[n].slot[s];
     return (e & kChild) ? nodes_[e & ~kChild].inherit : e;
+  }
+  // Every slot write goes through here, so that the occupancy bits stay exact.
+  void slotIs(std::uint32_t n, std::uint32_t s, std::uint32_t v) noexcept {
+    Node& x = nodes_[n];
+    x.slot[s] = v;
+    const std::uint64_t bit = std::uint64_t{1} << (s & 63);
+    x.occupied[s >> 6] = v ? (x.occupied[s >> 6] | bit) : (x.occupied[s >> 6] & ~bit);
+  }
+  bool nodeEmpty(std::uint32_t n) const noexcept {
+    const Node& x = nodes_[n];
+    return (x.occupied[0] | x.occupied[1] | x.occupied[2] | x.occupied[3]) == 0;
   }
   void setLeaf(std::uint32_t n, std::uint32_t s, std::uint32_t v) noexcept;
   std::uint32_t allocNode(std::uint32_t inherit);
@@ -164,12 +175,36 @@ class TrieGen : public Kel::Entity {
   void indexInsert(std::uint32_t id);
   void indexErase(std::uint32_t slot);
   const Entry* coverWalk(const Nimo::IpGenPrefix& p, int maxLen) const;
+  // The longest entry (id + 1, or 0) for p's address with a length in [lo, hi]; lengths
+  // that hold no entry at all cost nothing (a table of host routes probes none).
+  std::uint32_t probeDown(const Nimo::IpGenPrefix& p, int hi, int lo) const noexcept {
+    for (int l = hi; l >= lo; --l) {
+      if (lenCount_[l] == 0) continue;
+      const std::uint32_t r =
+          indexFind(Nimo::IpGenPrefix(p.address(), static_cast<std::uint8_t>(l)).masked());
+      if (r != ~0u) return index_[r];
+    }
+    return 0;
+  }
   void notify(const Nimo::IpGenPrefix& p, TrieChange c) {
     if (!quiet_) notifiees_.forEach([&](NotifieeConst& n) { n.onChangedRoute(p, c); });
   }
   template <typename Fn>
-  bool walkNode(std::uint32_t n, std::uint32_t depth, std::uint32_t lo, std::uint32_t hi,
+  void walkNode(std::uint32_t n, std::uint32_t depth, std::uint32_t lo, std::uint32_t hi,
                 Fn& fn) const;
+  // A walk's per-node lists, kept across nodes and walks; one set per nesting level, since a
+  // handler may walk again.
+  struct WalkItem {
+    std::uint32_t byte;
+    std::uint32_t len;
+    std::uint32_t ref;  // entry id + 1, or node | kChild
+  };
+  struct WalkBuf {
+    std::vector<WalkItem> items;
+    std::vector<std::uint32_t> seen;
+  };
+  mutable std::vector<std::unique_ptr<WalkBuf>> walkBufs_;
+  mutable std::uint32_t walkLevel_ = 0;
 
   Nimo::AddressFamily af_;
   std::uint32_t levels_;
@@ -180,6 +215,7 @@ class TrieGen : public Kel::Entity {
   std::vector<std::uint32_t> freeEntries_;
   std::vector<std::uint32_t> index_;  // entry id + 1, 0 empty; size a power of two
   std::size_t live_ = 0;
+  std::uint32_t lenCount_[129] = {};  // entries per prefix length
   bool quiet_ = false;
   Kel::NotifieeList<NotifieeConst> notifiees_;
 };
@@ -203,6 +239,7 @@ void TrieGen<P>::clear() {
   freeEntries_.clear();
   index_.assign(64, 0);
   live_ = 0;
+  std::fill(std::begin(lenCount_), std::end(lenCount_), 0u);
 }
 
 template <typename P>
@@ -214,14 +251,12 @@ std::size_t TrieGen<P>::memoryBytes() const noexcept {
 
 template <typename P>
 void TrieGen<P>::setLeaf(std::uint32_t n, std::uint32_t s, std::uint32_t v) noexcept {
-  std::uint32_t& e = nodes_[n].slot[s];
+  const std::uint32_t e = nodes_[n].slot[s];
   if (e & kChild) {
     nodes_[e & ~kChild].inherit = v;
     return;
   }
-  nodes_[n].used += (e == 0 && v != 0);
-  nodes_[n].used -= (e != 0 && v == 0);
-  e = v;
+  slotIs(n, s, v);
 }
 
 template <typename P>
@@ -324,6 +359,7 @@ std::optional<TrieChange> TrieGen<P>::insert(const Nimo::IpGenPrefix& prefix, co
   }
   indexInsert(id);
   ++live_;
+  ++lenCount_[p.maskLen()];
   if (idOut) *idOut = id;
   const std::uint32_t v = id + 1;
   const std::uint8_t len = p.maskLen();
@@ -337,8 +373,7 @@ std::optional<TrieChange> TrieGen<P>::insert(const Nimo::IpGenPrefix& prefix, co
       continue;
     }
     const std::uint32_t c = allocNode(e);
-    nodes_[n].used += (e == 0);
-    nodes_[n].slot[b[k]] = kChild | c;
+    slotIs(n, b[k], kChild | c);
     n = c;
   }
   std::uint32_t base, span;
@@ -360,15 +395,10 @@ bool TrieGen<P>::remove(const Nimo::IpGenPrefix& prefix) {
   const std::uint32_t v = index_[at];
   indexErase(at);
   const std::uint8_t len = p.maskLen();
+  --lenCount_[len];
   const std::uint32_t d = depthOf(len);
   // The next shorter prefix of the same node takes over its slots.
-  std::uint32_t repl = 0;
-  const int lo = d == 0 ? 0 : static_cast<int>(8 * d + 1);
-  for (int l = len - 1; l >= lo && repl == 0; --l) {
-    const std::uint32_t r =
-        indexFind(Nimo::IpGenPrefix(p.address(), static_cast<std::uint8_t>(l)).masked());
-    if (r != ~0u) repl = index_[r];
-  }
+  const std::uint32_t repl = probeDown(p, len - 1, d == 0 ? 0 : static_cast<int>(8 * d + 1));
   const std::uint8_t* b = p.address().bytes();
   std::uint32_t path[16];
   std::uint32_t n = 0;
@@ -382,11 +412,9 @@ bool TrieGen<P>::remove(const Nimo::IpGenPrefix& prefix) {
     if (leafOf(n, s) == v) setLeaf(n, s, repl);
   }
   // Empty nodes go; their parent slot gets back the prefix the node inherited.
-  for (std::uint32_t k = d; k > 0 && nodes_[n].used == 0; --k) {
+  for (std::uint32_t k = d; k > 0 && nodeEmpty(n); --k) {
     const std::uint32_t parent = path[k - 1];
-    const std::uint32_t inherit = nodes_[n].inherit;
-    nodes_[parent].slot[b[k - 1]] = inherit;
-    nodes_[parent].used -= (inherit == 0);
+    slotIs(parent, b[k - 1], nodes_[n].inherit);
     freeNodes_.push_back(n);
     n = parent;
   }
@@ -433,12 +461,8 @@ const typename TrieGen<P>::Entry* TrieGen<P>::coverWalk(const Nimo::IpGenPrefix&
                                                         int maxLen) const {
   if (maxLen < 0 || p.af() != af_) return nullptr;
   const std::uint32_t d = depthOf(static_cast<std::uint8_t>(maxLen));
-  const int lo = d == 0 ? 0 : static_cast<int>(8 * d + 1);
-  for (int l = maxLen; l >= lo; --l) {
-    const std::uint32_t r =
-        indexFind(Nimo::IpGenPrefix(p.address(), static_cast<std::uint8_t>(l)).masked());
-    if (r != ~0u) return &entries_[index_[r] - 1];
-  }
+  if (const std::uint32_t r = probeDown(p, maxLen, d == 0 ? 0 : static_cast<int>(8 * d + 1)))
+    return &entries_[r - 1];
   const std::uint8_t* b = p.address().bytes();
   std::uint32_t best = 0, n = 0;
   for (std::uint32_t k = 0; k < d; ++k) {
@@ -481,38 +505,71 @@ bool TrieGen<P>::longerRoutePresent(const Nimo::IpGenPrefix& prefix) const {
 
 template <typename P>
 template <typename Fn>
-bool TrieGen<P>::walkNode(std::uint32_t n, std::uint32_t depth, std::uint32_t lo, std::uint32_t hi,
+void TrieGen<P>::walkNode(std::uint32_t n, std::uint32_t depth, std::uint32_t lo, std::uint32_t hi,
                           Fn& fn) const {
   // Items of this node in pre-order: its prefixes by (byte, length), each child after the
   // prefixes that start at its slot.
-  struct Item {
-    std::uint32_t byte;
-    std::uint32_t len;
-    std::uint32_t ref;  // entry id + 1, or node | kChild
-  };
-  std::vector<Item> items;
-  std::vector<std::uint32_t> seen;
-  for (std::uint32_t s = lo; s < hi; ++s) {
-    const std::uint32_t e = nodes_[n].slot[s];
-    const std::uint32_t leaf = leafOf(n, s);
-    if (leaf) seen.push_back(leaf);
-    if (e & kChild) items.push_back({s, 8 * (depth + 1) + 1, e});
+  if (walkLevel_ == walkBufs_.size()) walkBufs_.push_back(std::make_unique<WalkBuf>());
+  WalkBuf& buf = *walkBufs_[walkLevel_];
+  struct Level {
+    std::uint32_t& l;
+    ~Level() { --l; }
+  } level{++walkLevel_};
+  std::vector<WalkItem>& items = buf.items;
+  std::vector<std::uint32_t>& seen = buf.seen;
+  items.clear();
+  seen.clear();
+  const Node& node = nodes_[n];
+  for (std::uint32_t w = lo >> 6; w < (hi + 63) >> 6; ++w) {
+    std::uint64_t bits = node.occupied[w];
+    const std::uint32_t first = w * 64;
+    if (lo > first) bits &= ~std::uint64_t{0} << (lo - first);
+    if (hi < first + 64) bits &= (std::uint64_t{1} << (hi - first)) - 1;
+    for (; bits; bits &= bits - 1) {
+      const std::uint32_t s = first + static_cast<std::uint32_t>(__builtin_ctzll(bits));
+      const std::uint32_t e = node.slot[s];
+      if (e & kChild) {
+        // The children's headers are fetched together rather than one miss after another.
+        __builtin_prefetch(&nodes_[e & ~kChild].inherit);
+        items.push_back({s, 8 * (depth + 1) + 1, e});
+      } else if (seen.empty() || seen.back() != e) {
+        seen.push_back(e);
+      }
+    }
   }
-  std::sort(seen.begin(), seen.end());
-  seen.erase(std::unique(seen.begin(), seen.end()), seen.end());
-  // A prefix whose slots are all taken by longer ones of this node shows in no slot; it is
-  // an ancestor of one that does.
-  const int shortest = depth == 0 ? 0 : static_cast<int>(8 * depth + 1);
-  for (std::size_t i = 0, visible = seen.size(); i < visible; ++i) {
-    const Nimo::IpGenPrefix& p = entries_[seen[i] - 1].prefix;
-    for (int l = p.maskLen() - 1; l >= shortest; --l) {
-      const std::uint32_t r =
-          indexFind(Nimo::IpGenPrefix(p.address(), static_cast<std::uint8_t>(l)).masked());
-      if (r != ~0u) seen.push_back(index_[r]);
+  for (const WalkItem& it : items) {
+    const Node& c = nodes_[it.ref & ~kChild];
+    if (c.inherit) seen.push_back(c.inherit);
+    // So is the first slot line each child's own walk reads.
+    for (std::uint32_t w = 0; w < 4; ++w) {
+      if (c.occupied[w]) {
+        __builtin_prefetch(
+            &c.slot[w * 64 + static_cast<std::uint32_t>(__builtin_ctzll(c.occupied[w]))]);
+        break;
+      }
     }
   }
   std::sort(seen.begin(), seen.end());
   seen.erase(std::unique(seen.begin(), seen.end()), seen.end());
+  // A prefix whose slots are all taken by longer ones of this node shows in no slot; it is
+  // an ancestor of one that does. Only lengths of this node that hold entries are probed.
+  const int shortest = depth == 0 ? 0 : static_cast<int>(8 * depth + 1);
+  bool hidden = false;
+  for (int l = shortest; l <= static_cast<int>(8 * (depth + 1)) - 1 && l <= 128; ++l)
+    hidden |= lenCount_[l] != 0;
+  if (hidden) {
+    for (std::size_t i = 0, visible = seen.size(); i < visible; ++i) {
+      const Nimo::IpGenPrefix& p = entries_[seen[i] - 1].prefix;
+      for (int l = p.maskLen() - 1; l >= shortest; --l) {
+        if (lenCount_[l] == 0) continue;
+        const std::uint32_t r =
+            indexFind(Nimo::IpGenPrefix(p.address(), static_cast<std::uint8_t>(l)).masked());
+        if (r != ~0u) seen.push_back(index_[r]);
+      }
+    }
+    std::sort(seen.begin(), seen.end());
+    seen.erase(std::unique(seen.begin(), seen.end()), seen.end());
+  }
   for (std::uint32_t v : seen) {
     const Nimo::IpGenPrefix& p = entries_[v - 1].prefix;
     std::uint32_t base, span;
@@ -521,11 +578,11 @@ bool TrieGen<P>::walkNode(std::uint32_t n, std::uint32_t depth, std::uint32_t lo
     if (base < lo || base + span > hi) continue;
     items.push_back({base, p.maskLen(), v});
   }
-  std::sort(items.begin(), items.end(), [](const Item& a, const Item& b) {
+  std::sort(items.begin(), items.end(), [](const WalkItem& a, const WalkItem& b) {
     return a.byte != b.byte ? a.byte < b.byte : a.len < b.len;
   });
   std::uint32_t skipEnd = 0;
-  for (const Item& it : items) {
+  for (const WalkItem& it : items) {
     if (it.byte < skipEnd) continue;
     if (it.ref & kChild) {
       walkNode(it.ref & ~kChild, depth + 1, 0, 256, fn);
@@ -537,7 +594,6 @@ bool TrieGen<P>::walkNode(std::uint32_t n, std::uint32_t depth, std::uint32_t lo
       skipEnd = base + span;
     }
   }
-  return true;
 }
 
 template <typename P>
