@@ -302,17 +302,45 @@ bool isZero(const std::uint8_t* p, std::uint8_t n) noexcept {
 // The W and R bits shared by count sources from p when every one of them has the form
 // the reader takes straight from the bytes (this family, native encoding, host mask,
 // unicast, not zero); -1 otherwise. One pass without a branch per source; an IPv4 source
-// is one 8-byte word (read in the machine's order, as the source sets compare them).
+// is one 8-byte word (read in the machine's order, as the source sets compare them),
+// and with SSE2 two of them are checked at once as four 32-bit words, heads and addresses
+// in alternate lanes.
 static_assert(std::endian::native == std::endian::little);
 template <std::size_t N>
 int commonKind(const std::uint8_t* p, std::size_t count, std::uint8_t family) noexcept {
   constexpr unsigned kWcRpt = SourceFlags::kWildcard | SourceFlags::kRpt;
+  const std::uint32_t head = family | std::uint32_t{N * 8} << 24;
   std::uint64_t bad = 0, any = 0, all = ~std::uint64_t{0};
+#if defined(__SSE2__)
+  if constexpr (N == 4) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i headMask = _mm_set_epi32(0, int(0xff00ffff), 0, int(0xff00ffff));
+    const __m128i headWant = _mm_set_epi32(0, int(head), 0, int(head));
+    // The high nibble of an address's first byte, 0xe for multicast; never equal in a head lane.
+    const __m128i topMask = _mm_set_epi32(0xf0, 0, 0xf0, 0);
+    const __m128i topMulticast = _mm_set_epi32(0xe0, -1, 0xe0, -1);
+    __m128i vbad = zero, vany = zero, vall = _mm_cmpeq_epi32(zero, zero);
+    for (; count >= 2; count -= 2, p += 16) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+      vbad = _mm_or_si128(vbad, _mm_xor_si128(_mm_and_si128(v, headMask), headWant));
+      // A zero head lane is a bad head already, so the whole word may be compared.
+      vbad = _mm_or_si128(vbad, _mm_cmpeq_epi32(v, zero));
+      vbad = _mm_or_si128(vbad, _mm_cmpeq_epi32(_mm_and_si128(v, topMask), topMulticast));
+      vany = _mm_or_si128(vany, v);
+      vall = _mm_and_si128(vall, v);
+    }
+    bad = _mm_movemask_epi8(_mm_cmpeq_epi8(vbad, zero)) != 0xffff;
+    // Heads in lanes 0 and 2.
+    any = std::uint32_t(_mm_cvtsi128_si32(vany) | _mm_cvtsi128_si32(_mm_srli_si128(vany, 8)));
+    all = ~std::uint64_t{0xffffffffu} |
+          std::uint32_t(_mm_cvtsi128_si32(vall) & _mm_cvtsi128_si32(_mm_srli_si128(vall, 8)));
+  }
+#endif
   for (std::size_t i = 0; i < count; ++i, p += 4 + N) {
     // Low to high byte: family, encoding, flags, mask length, then the address.
     std::uint64_t x;
     std::memcpy(&x, p, 8);
-    bad |= (x & 0xff00ffffu) ^ (family | std::uint64_t{N * 8} << 24);
+    bad |= (x & 0xff00ffffu) ^ head;
     if constexpr (N == 4) {
       bad |= std::uint64_t((x >> 32) == 0) | std::uint64_t(((x >> 36) & 0xf) == 0xe);
     } else {
