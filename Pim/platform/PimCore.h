@@ -191,10 +191,11 @@ inline std::ostream& operator<<(std::ostream& os, const LanPruneDelayOption& o) 
 // and (S,G,rpt) prunes, and at most one (*,G) entry (its RP, join or prune). Joins carry a
 // suppression mark that the agent's join suppression sets; the writer drops marked joins.
 //
-// Containers: each source collection is a sorted flat vector (SourceSet), 24 bytes a
-// source. A message is read in wire order; when that is ascending (our writer's order),
-// inserting is an append after one comparison, otherwise a binary search and a move. The
-// writer drains a collection from a position onwards in one erase. A node per source
+// Containers: each source collection is a SourceSet, sorted flat arrays per family of
+// the sources' wire form (8 bytes an IPv4 source, 20 an IPv6 one). A message is read in
+// wire order; when that is ascending (our writer's order), inserting is an append after
+// one comparison, otherwise an append and one sort at the next lookup. The writer copies
+// a run out as it stands and drains it in one erase. A node per source
 // would cost more than parsing the source. Groups are a std::map by prefix: one node per
 // group is small beside its sources, and the writer needs their order to resume from a
 // bookmark.
