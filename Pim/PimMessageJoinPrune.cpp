@@ -7,6 +7,9 @@
 #include <bit>
 #include <cstring>
 #include <sstream>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "Pim/PimMessage.h"
 #include "Pim/PimMessageWire.h"
@@ -206,42 +209,87 @@ std::uint32_t writeSource(const Kel::Ptr<Nimo::Pkt>& pkt, std::uint8_t* base, st
   return es.writeSourceAddress(pkt, pos);
 }
 
-// What the entry loop below does for entries from i on, while tracing is below the level
-// of its per-entry lines, for as long as each entry is the common kind: suppressed joins
-// and other families counted and passed, unicast sources of this family written straight
-// from the entry's bytes. Stops at the first entry it leaves to the loop (a multicast
-// source, which the encoder refuses with its text, or one that no longer fits in room
-// entries) and returns its index. N is the family's address width.
+// What the entry loop below does for entries [i, end) of set, while tracing is below the
+// level of its per-entry lines, for as long as each entry is the common kind: entries of
+// other families counted filtered, suppressed joins counted and passed, unicast sources
+// of this family (N address bytes) copied from the set's records with the phase's flags.
+// Stops at the first entry it leaves to the loop (a multicast source, which the encoder
+// refuses with its text, or one that no longer fits in room entries) and returns its
+// index. A set that holds neither multicast nor marked entries is copied without a look
+// at each; in IPv4 two records to an SSE2 store.
 template <std::size_t N>
-std::size_t packPlain(const SourceEntry* entries, std::size_t i, std::size_t end, bool join,
+std::size_t packPlain(const SourceSet& set, std::size_t i, std::size_t end, bool join,
                       SourceFlags flags, std::uint8_t*& out, std::uint32_t room,
                       std::uint32_t& written, JoinPruneMessage::Report& report) noexcept {
   constexpr auto family = N == 4 ? Nimo::AddressFamily::ipv4 : Nimo::AddressFamily::ipv6;
-  const std::uint8_t head[4] = {static_cast<std::uint8_t>(family), 0, flags.value(),
-                                static_cast<std::uint8_t>(N * 8)};
-  std::uint32_t n = 0;
-  std::uint32_t suppressed = 0;
-  std::uint32_t filtered = 0;
-  for (; i < end; ++i) {
-    const SourceEntry& e = entries[i];
-    if (join && e.suppressed()) {
-      ++suppressed;
-    } else if (e.af() != family) {
-      ++filtered;
-    } else {
-      const std::uint8_t first = e.bytes()[0];
-      const bool multicast = N == 4 ? (first & 0xf0) == 0xe0 : first == 0xff;
-      if (multicast || n == room) break;
-      std::memcpy(out, head, 4);
-      std::memcpy(out + 4, e.bytes(), N);
-      out += 4 + N;
-      ++n;
+  constexpr std::size_t kSize = 4 + N;
+  const auto* records = N == 4 ? reinterpret_cast<const std::uint8_t*>(set.wire4().data())
+                               : reinterpret_cast<const std::uint8_t*>(set.wire6().data());
+  const std::size_t lo = set.familyBegin(family);
+  const std::size_t hi = lo + (N == 4 ? set.wire4().size() : set.wire6().size());
+  // Entries of other families: the unset address and IPv4 ones ahead of an IPv6 run, IPv6
+  // ones after an IPv4 run. A marked join among them counts as suppressed, as in the loop.
+  auto pass = [&](std::size_t to) {
+    std::uint32_t marked = 0;
+    if (join && !set.plain()) {
+      for (std::size_t k = i; k < to; ++k) marked += set[k].suppressed();
     }
+    report.suppressed += marked;
+    report.filtered += static_cast<std::uint32_t>(to - i) - marked;
+    i = to;
+  };
+  if (i < lo) pass(std::min(lo, end));
+  const std::size_t stop = std::min(hi, end);
+  if (i < stop) {
+    const std::uint8_t* p = records + (i - lo) * kSize;
+    std::uint32_t n = 0;
+    if (set.plain()) {
+      n = static_cast<std::uint32_t>(std::min<std::size_t>(stop - i, room));
+      if constexpr (N == 4) {
+        const std::uint64_t f = std::uint64_t{flags.value()} << 16;
+        std::uint32_t k = 0;
+#if defined(__SSE2__)
+        const __m128i fv = _mm_set1_epi64x(static_cast<long long>(f));
+        for (; k + 2 <= n; k += 2) {
+          const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8 * k));
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8 * k), _mm_or_si128(x, fv));
+        }
+#endif
+        for (; k < n; ++k) {
+          std::uint64_t x;
+          std::memcpy(&x, p + 8 * k, 8);
+          x |= f;
+          std::memcpy(out + 8 * k, &x, 8);
+        }
+      } else {
+        for (std::uint32_t k = 0; k < n; ++k) {
+          std::memcpy(out + kSize * k, p + kSize * k, kSize);
+          out[kSize * k + 2] = flags.value();
+        }
+      }
+      out += kSize * n;
+      i += n;
+    } else {
+      std::uint32_t suppressed = 0;
+      for (; i < stop; ++i, p += kSize) {
+        if (join && (p[2] & SourceSet::kMarked)) {
+          ++suppressed;
+          continue;
+        }
+        const bool multicast = N == 4 ? (p[4] & 0xf0) == 0xe0 : p[4] == 0xff;
+        if (multicast || n == room) break;
+        std::memcpy(out, p, kSize);
+        out[2] = flags.value();
+        out += kSize;
+        ++n;
+      }
+      report.suppressed += suppressed;
+    }
+    written += n;
+    report.processed += n;
+    if (i < stop) return i;
   }
-  written += n;
-  report.processed += n;
-  report.suppressed += suppressed;
-  report.filtered += filtered;
+  if (i < end) pass(end);
   return i;
 }
 
@@ -254,17 +302,45 @@ bool isZero(const std::uint8_t* p, std::uint8_t n) noexcept {
 // The W and R bits shared by count sources from p when every one of them has the form
 // the reader takes straight from the bytes (this family, native encoding, host mask,
 // unicast, not zero); -1 otherwise. One pass without a branch per source; an IPv4 source
-// is one 8-byte word (read in the machine's order, as the source sets compare them).
+// is one 8-byte word (read in the machine's order, as the source sets compare them),
+// and with SSE2 two of them are checked at once as four 32-bit words, heads and addresses
+// in alternate lanes.
 static_assert(std::endian::native == std::endian::little);
 template <std::size_t N>
 int commonKind(const std::uint8_t* p, std::size_t count, std::uint8_t family) noexcept {
   constexpr unsigned kWcRpt = SourceFlags::kWildcard | SourceFlags::kRpt;
+  const std::uint32_t head = family | std::uint32_t{N * 8} << 24;
   std::uint64_t bad = 0, any = 0, all = ~std::uint64_t{0};
+#if defined(__SSE2__)
+  if constexpr (N == 4) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i headMask = _mm_set_epi32(0, int(0xff00ffff), 0, int(0xff00ffff));
+    const __m128i headWant = _mm_set_epi32(0, int(head), 0, int(head));
+    // The high nibble of an address's first byte, 0xe for multicast; never equal in a head lane.
+    const __m128i topMask = _mm_set_epi32(0xf0, 0, 0xf0, 0);
+    const __m128i topMulticast = _mm_set_epi32(0xe0, -1, 0xe0, -1);
+    __m128i vbad = zero, vany = zero, vall = _mm_cmpeq_epi32(zero, zero);
+    for (; count >= 2; count -= 2, p += 16) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+      vbad = _mm_or_si128(vbad, _mm_xor_si128(_mm_and_si128(v, headMask), headWant));
+      // A zero head lane is a bad head already, so the whole word may be compared.
+      vbad = _mm_or_si128(vbad, _mm_cmpeq_epi32(v, zero));
+      vbad = _mm_or_si128(vbad, _mm_cmpeq_epi32(_mm_and_si128(v, topMask), topMulticast));
+      vany = _mm_or_si128(vany, v);
+      vall = _mm_and_si128(vall, v);
+    }
+    bad = _mm_movemask_epi8(_mm_cmpeq_epi8(vbad, zero)) != 0xffff;
+    // Heads in lanes 0 and 2.
+    any = std::uint32_t(_mm_cvtsi128_si32(vany) | _mm_cvtsi128_si32(_mm_srli_si128(vany, 8)));
+    all = ~std::uint64_t{0xffffffffu} |
+          std::uint32_t(_mm_cvtsi128_si32(vall) & _mm_cvtsi128_si32(_mm_srli_si128(vall, 8)));
+  }
+#endif
   for (std::size_t i = 0; i < count; ++i, p += 4 + N) {
     // Low to high byte: family, encoding, flags, mask length, then the address.
     std::uint64_t x;
     std::memcpy(&x, p, 8);
-    bad |= (x & 0xff00ffffu) ^ (family | std::uint64_t{N * 8} << 24);
+    bad |= (x & 0xff00ffffu) ^ head;
     if constexpr (N == 4) {
       bad |= std::uint64_t((x >> 32) == 0) | std::uint64_t(((x >> 36) & 0xf) == 0xe);
     } else {
@@ -446,7 +522,7 @@ std::uint32_t JoinPruneMessage::readJoinPruneMessage(
           if (!joinedList && joined.empty() && joinedRpt.empty()) to = &prunedRpt;
         }
         if (!to) return false;
-        to->insertWire(af, first + 4, count, sourceSize);
+        to->insertWire(af, first, count, sourceSize);
         report_.processed += count;
         pos += count * sourceSize;
         return true;
@@ -454,7 +530,7 @@ std::uint32_t JoinPruneMessage::readJoinPruneMessage(
       Nimo::IpGenAddr s;
       SourceFlags flags;
       const unsigned joinsLeft = appendedWhole(numJoined, true) ? 0 : numJoined;
-      if (joinsLeft != 0) joined.reserve(joined.size() + joinsLeft);
+      if (joinsLeft != 0) joined.reserve(af, joined.size() + joinsLeft);
       for (unsigned i = 0; i < joinsLeft; ++i) {
         const SourceRead r = readEntry(true, s, flags);
         if (r == SourceRead::Fatal) return 0;
@@ -707,14 +783,13 @@ std::uint32_t JoinPruneMessage::writeJoinPruneMessage(
         if (quiet) {
           std::uint8_t* out = base + pos;
           const std::uint32_t room = std::min((end - pos) / sourceSize, 0xffffu - c);
-          i = family == 1 ? packPlain<4>(&*set.begin(), i, size, phase.join, phase.flags, out, room,
-                                         c, report_)
-                          : packPlain<16>(&*set.begin(), i, size, phase.join, phase.flags, out,
-                                          room, c, report_);
+          i = family == 1
+                  ? packPlain<4>(set, i, size, phase.join, phase.flags, out, room, c, report_)
+                  : packPlain<16>(set, i, size, phase.join, phase.flags, out, room, c, report_);
           pos = static_cast<std::uint32_t>(out - base);
           if (i == size) break;
         }
-        const SourceEntry& e = set[i];
+        const SourceEntry e = set[i];
         const Nimo::IpGenAddr a = e.address();
         if (phase.join && e.suppressed()) {
           note(9, kJoinSuppressed, group, a);

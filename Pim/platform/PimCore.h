@@ -191,10 +191,11 @@ inline std::ostream& operator<<(std::ostream& os, const LanPruneDelayOption& o) 
 // and (S,G,rpt) prunes, and at most one (*,G) entry (its RP, join or prune). Joins carry a
 // suppression mark that the agent's join suppression sets; the writer drops marked joins.
 //
-// Containers: each source collection is a sorted flat vector (SourceSet), 24 bytes a
-// source. A message is read in wire order; when that is ascending (our writer's order),
-// inserting is an append after one comparison, otherwise a binary search and a move. The
-// writer drains a collection from a position onwards in one erase. A node per source
+// Containers: each source collection is a SourceSet, sorted flat arrays per family of
+// the sources' wire form (8 bytes an IPv4 source, 20 an IPv6 one). A message is read in
+// wire order; when that is ascending (our writer's order), inserting is an append after
+// one comparison, otherwise an append and one sort at the next lookup. The writer copies
+// a run out as it stands and drains it in one erase. A node per source
 // would cost more than parsing the source. Groups are a std::map by prefix: one node per
 // group is small beside its sources, and the writer needs their order to resume from a
 // bookmark.
@@ -233,209 +234,370 @@ class SourceFlags {
   std::uint8_t value_ = 0;
 };
 
-// One source of a set. The address is kept as 16 bytes ahead of its family, so that the
-// next insertion compares against exactly what the last one stored (an IpGenAddr there
-// would put the bytes at an odd offset, and reading them back stalls on every source).
+// One source of a set as the set hands it out: the address and its suppression mark.
 class SourceEntry {
  public:
-  // A slot for insertWire to fill, left unwritten: zeroing it first would cost as much
-  // again as filling it.
-  SourceEntry() noexcept {}
+  SourceEntry() noexcept = default;
   SourceEntry(const Nimo::IpGenAddr& a, bool suppressed) noexcept
-      : af_(a.af()), suppressed_(suppressed) {
-    std::memcpy(bytes_, a.bytes(), sizeof bytes_);
-  }
-  // From N address bytes in network order, unmarked.
-  template <std::size_t N>
-  SourceEntry(Nimo::AddressFamily af, const std::uint8_t* wire,
-              std::integral_constant<std::size_t, N>) noexcept
-      : af_(af), suppressed_(false) {
-    // Whole words, so that no narrower store overlaps a wider one.
-    std::uint64_t w[2] = {0, 0};
-    if constexpr (N == 4) {
-      std::uint32_t v;
-      std::memcpy(&v, wire, 4);
-      w[0] = v;
-    } else {
-      std::memcpy(w, wire, 16);
-    }
-    std::memcpy(bytes_, w, 16);
-  }
-  Nimo::IpGenAddr address() const noexcept { return Nimo::IpGenAddr(af_, bytes_); }
-  // The address without making an IpGenAddr: 16 bytes, zero past the family's width.
-  Nimo::AddressFamily af() const noexcept { return af_; }
-  const std::uint8_t* bytes() const noexcept { return bytes_; }
+      : address_(a), suppressed_(suppressed) {}
+  const Nimo::IpGenAddr& address() const noexcept { return address_; }
+  Nimo::AddressFamily af() const noexcept { return address_.af(); }
   bool suppressed() const noexcept { return suppressed_; }
-  friend bool operator==(const SourceEntry& a, const SourceEntry& b) noexcept {
-    return a.af_ == b.af_ && a.suppressed_ == b.suppressed_ &&
-           std::memcmp(a.bytes_, b.bytes_, sizeof a.bytes_) == 0;
-  }
+  friend bool operator==(const SourceEntry&, const SourceEntry&) = default;
 
  private:
-  friend class SourceSet;
-  // Family, then bytes as a big-endian number: IpGenAddr's order.
-  static bool less(Nimo::AddressFamily af, const std::uint8_t* b, Nimo::AddressFamily otherAf,
-                   const std::uint8_t* other) noexcept {
-    if (af != otherAf) return af < otherAf;
-    std::uint64_t x[2], y[2];
-    std::memcpy(x, b, 16);
-    std::memcpy(y, other, 16);
-    const std::uint64_t x0 = __builtin_bswap64(x[0]), y0 = __builtin_bswap64(y[0]);
-    if (x0 != y0) return x0 < y0;
-    return __builtin_bswap64(x[1]) < __builtin_bswap64(y[1]);
-  }
-  bool less(const Nimo::IpGenAddr& a) const noexcept {
-    return less(af_, bytes_, a.af(), a.bytes());
-  }
-  bool less(const SourceEntry& o) const noexcept { return less(af_, bytes_, o.af_, o.bytes_); }
-  bool is(const Nimo::IpGenAddr& a) const noexcept {
-    return af_ == a.af() && std::memcmp(bytes_, a.bytes(), sizeof bytes_) == 0;
-  }
-  bool is(const SourceEntry& o) const noexcept {
-    return af_ == o.af_ && std::memcmp(bytes_, o.bytes_, sizeof bytes_) == 0;
-  }
-  alignas(8) std::uint8_t bytes_[16];
-  Nimo::AddressFamily af_;
-  bool suppressed_;
+  Nimo::IpGenAddr address_;
+  bool suppressed_ = false;
 };
 
-// A set of sources kept as a sorted vector. An insertion out of order is appended and the
-// vector sorted (duplicates dropped, the first kept) on the next lookup or walk: a message
-// whose sources come in descending order then costs one sort, not a move per source.
+// An allocator whose resize leaves new elements of a trivial type unwritten: the receive
+// path fills them straight after, and zeroing them first would cost as much again.
+template <typename T>
+struct UninitAllocator : std::allocator<T> {
+  template <typename U>
+  struct rebind {
+    using other = UninitAllocator<U>;
+  };
+  UninitAllocator() noexcept = default;
+  template <typename U>
+  UninitAllocator(const UninitAllocator<U>&) noexcept {}
+  template <typename U>
+  void construct(U* p) noexcept {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <typename U, typename... A>
+  void construct(U* p, A&&... a) {
+    ::new (static_cast<void*>(p)) U(std::forward<A>(a)...);
+  }
+};
+
+// A set of sources, kept per family as sorted arrays of their Encoded-Source form (family,
+// encoding 0, flags, host mask length, address: 8 bytes for IPv4, 20 for IPv6), so that a
+// writer copies a run out as it stands and sets only the flags byte. While stored, that
+// byte holds nothing but the suppression mark. An unset address sorts first, kept apart.
+// Order: family, then the address as a big-endian number (IpGenAddr's order). An
+// insertion out of order is appended and the array sorted (repeats dropped, the first
+// kept) on the next lookup or walk: a message whose sources come in descending order then
+// costs one sort, not a move per source.
 class SourceSet {
  public:
-  using const_iterator = std::vector<SourceEntry>::const_iterator;
+  struct Wire6 {
+    std::uint8_t b[20];
+    friend bool operator==(const Wire6&, const Wire6&) = default;
+  };
+  // The suppression mark, in a stored flags byte.
+  static constexpr std::uint8_t kMarked = 0x80;
 
-  std::size_t size() const noexcept { return settled().size(); }
-  bool empty() const noexcept { return v_.empty(); }
-  const_iterator begin() const noexcept { return settled().begin(); }
-  const_iterator end() const noexcept { return settled().end(); }
-  const SourceEntry& operator[](std::size_t i) const noexcept { return settled()[i]; }
-  void reserve(std::size_t n) { v_.reserve(n); }
+  // Hands out entries by value: the set holds no SourceEntry to point at.
+  class const_iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = SourceEntry;
+    using difference_type = std::ptrdiff_t;
+    using pointer = void;
+    using reference = SourceEntry;
+    const_iterator() noexcept = default;
+    const_iterator(const SourceSet* s, std::size_t i) noexcept : set_(s), i_(i) {}
+    SourceEntry operator*() const noexcept { return (*set_)[i_]; }
+    const_iterator& operator++() noexcept {
+      ++i_;
+      return *this;
+    }
+    const_iterator operator++(int) noexcept {
+      const_iterator t = *this;
+      ++i_;
+      return t;
+    }
+    friend bool operator==(const const_iterator& a, const const_iterator& b) noexcept {
+      return a.i_ == b.i_;
+    }
+
+   private:
+    const SourceSet* set_ = nullptr;
+    std::size_t i_ = 0;
+  };
+
+  std::size_t size() const noexcept {
+    settle();
+    return std::size_t{unset_} + v4_.size() + v6_.size();
+  }
+  bool empty() const noexcept { return !unset_ && v4_.empty() && v6_.empty(); }
+  const_iterator begin() const noexcept { return {this, 0}; }
+  const_iterator end() const noexcept { return {this, size()}; }
+  SourceEntry operator[](std::size_t i) const noexcept {
+    settle();
+    if (unset_) {
+      if (i == 0) return SourceEntry(Nimo::IpGenAddr(), unsetMarked_);
+      --i;
+    }
+    if (i < v4_.size()) {
+      std::uint8_t b[8];
+      std::memcpy(b, &v4_[i], 8);
+      return SourceEntry(Nimo::IpGenAddr(Nimo::AddressFamily::ipv4, b + 4), b[2] & kMarked);
+    }
+    const Wire6& r = v6_[i - v4_.size()];
+    return SourceEntry(Nimo::IpGenAddr(Nimo::AddressFamily::ipv6, r.b + 4), r.b[2] & kMarked);
+  }
+  void reserve(Nimo::AddressFamily af, std::size_t n) {
+    if (af == Nimo::AddressFamily::ipv4) v4_.reserve(n);
+    if (af == Nimo::AddressFamily::ipv6) v6_.reserve(n);
+  }
+
+  // The writer's view: the index of the first entry of a family, and each family's
+  // records in order (flags byte: the mark only).
+  std::size_t familyBegin(Nimo::AddressFamily af) const noexcept {
+    settle();
+    if (af == Nimo::AddressFamily::ipunknown) return 0;
+    return std::size_t{unset_} + (af == Nimo::AddressFamily::ipv6 ? v4_.size() : 0);
+  }
+  std::span<const std::uint64_t> wire4() const noexcept {
+    settle();
+    return {v4_.data(), v4_.size()};
+  }
+  std::span<const Wire6> wire6() const noexcept {
+    settle();
+    return {v6_.data(), v6_.size()};
+  }
+  // True when no entry is multicast or marked, so that records may be copied without
+  // looking at each. False may be stale: it clears only when the set empties.
+  bool plain() const noexcept { return !odd_; }
 
   // An address already there stays as it is (suppression mark included).
   void insert(const Nimo::IpGenAddr& a) {
-    if (!v_.empty()) {
-      if (v_.back().is(a)) return;
-      if (!v_.back().less(a)) sorted_ = false;
+    const std::uint8_t* p = a.bytes();
+    if (a.af() == Nimo::AddressFamily::ipv4) {
+      odd_ |= (p[0] & 0xf0) == 0xe0;
+      append4(kHead4 | addrBits4(p));
+    } else if (a.af() == Nimo::AddressFamily::ipv6) {
+      odd_ |= p[0] == 0xff;
+      Wire6 r{{2, 0, 0, 128}};
+      std::memcpy(r.b + 4, p, 16);
+      append6(r);
+    } else {
+      unset_ = true;
     }
-    v_.push_back(SourceEntry(a, false));
   }
-  // Appends count addresses of family af that lie every stride bytes from first, in
-  // network order, with the outcome of as many insert() calls: the receive path's form,
-  // which compares each address with the one before it on the wire rather than with the
-  // entry just stored (reading that back would wait on the store).
+  // Appends count Encoded-Source records of family af that lie every stride bytes from
+  // first, with the outcome of as many insert() calls: the receive path's form. The caller
+  // has checked each record's head (family, encoding, host mask) and that its address is
+  // unicast; the flags byte is not kept. Each address is compared with the one before it
+  // on the wire rather than with the entry just stored (reading that back would wait on
+  // the store): a repeat dropped there equals the one before it.
   void insertWire(Nimo::AddressFamily af, const std::uint8_t* first, std::size_t count,
                   std::size_t stride) {
+    if (count == 0) return;
     if (af == Nimo::AddressFamily::ipv4) {
-      insertWire<4>(af, first, count, stride);
-    } else {
-      insertWire<16>(af, first, count, stride);
+      insertWire4(first, count, stride);
+    } else if (af == Nimo::AddressFamily::ipv6) {
+      insertWire6(first, count, stride);
     }
   }
   bool erase(const Nimo::IpGenAddr& a) noexcept {
-    if (v_.empty()) return false;
-    auto it = lower(a);
-    if (it == v_.end() || !it->is(a)) return false;
-    v_.erase(it);
+    const std::size_t i = lowerBound(a);
+    if (!holds(i, a)) return false;
+    eraseRange(i, i + 1);
     return true;
   }
   // Removes the entries [first, last) by index.
   void eraseRange(std::size_t first, std::size_t last) noexcept {
-    settled();
-    v_.erase(v_.begin() + static_cast<std::ptrdiff_t>(first),
-             v_.begin() + static_cast<std::ptrdiff_t>(last));
+    settle();
+    if (first >= last) return;
+    if (unset_) {
+      if (first == 0) unset_ = unsetMarked_ = false;
+      first = first == 0 ? 0 : first - 1;
+      --last;
+    }
+    const std::size_t n4 = v4_.size();
+    v4_.erase(v4_.begin() + static_cast<std::ptrdiff_t>(std::min(first, n4)),
+              v4_.begin() + static_cast<std::ptrdiff_t>(std::min(last, n4)));
+    v6_.erase(v6_.begin() + static_cast<std::ptrdiff_t>(std::max(first, n4) - n4),
+              v6_.begin() + static_cast<std::ptrdiff_t>(std::max(last, n4) - n4));
+    if (empty()) odd_ = false;
   }
   void clear() noexcept {
-    v_.clear();
-    sorted_ = true;
+    v4_.clear();
+    v6_.clear();
+    unset_ = unsetMarked_ = odd_ = false;
+    sorted4_ = sorted6_ = true;
   }
-  bool contains(const Nimo::IpGenAddr& a) const noexcept { return find(a) != nullptr; }
-  const SourceEntry* find(const Nimo::IpGenAddr& a) const noexcept {
-    if (v_.empty()) return nullptr;
-    auto it = const_cast<SourceSet*>(this)->lower(a);
-    return it != v_.end() && it->is(a) ? &*it : nullptr;
-  }
+  bool contains(const Nimo::IpGenAddr& a) const noexcept { return holds(lowerBound(a), a); }
   // Index of the first entry not below a.
   std::size_t lowerBound(const Nimo::IpGenAddr& a) const noexcept {
-    return static_cast<std::size_t>(const_cast<SourceSet*>(this)->lower(a) - v_.begin());
+    settle();
+    const std::size_t base = familyBegin(a.af());
+    if (a.af() == Nimo::AddressFamily::ipv4) {
+      const std::uint32_t k = Nimo::load32(a.bytes());
+      return base + static_cast<std::size_t>(std::lower_bound(v4_.begin(), v4_.end(), k,
+                                                              [](std::uint64_t w, std::uint32_t x) {
+                                                                return key4(w) < x;
+                                                              }) -
+                                             v4_.begin());
+    }
+    if (a.af() == Nimo::AddressFamily::ipv6) {
+      const Key6 k = key6(a.bytes());
+      return base + static_cast<std::size_t>(std::lower_bound(v6_.begin(), v6_.end(), k,
+                                                              [](const Wire6& r, const Key6& x) {
+                                                                return key6(r.b + 4) < x;
+                                                              }) -
+                                             v6_.begin());
+    }
+    return 0;
   }
   bool suppressedIs(const Nimo::IpGenAddr& a, bool s) noexcept {
-    auto it = lower(a);
-    if (it == v_.end() || !it->is(a)) return false;
-    it->suppressed_ = s;
+    const std::size_t i = lowerBound(a);
+    if (!holds(i, a)) return false;
+    if (a.af() == Nimo::AddressFamily::ipv4) {
+      std::uint8_t b[8];
+      std::memcpy(b, &v4_[i - familyBegin(a.af())], 8);
+      b[2] = s ? kMarked : 0;
+      std::memcpy(&v4_[i - familyBegin(a.af())], b, 8);
+    } else if (a.af() == Nimo::AddressFamily::ipv6) {
+      v6_[i - familyBegin(a.af())].b[2] = s ? kMarked : 0;
+    } else {
+      unsetMarked_ = s;
+    }
+    odd_ |= s;
     return true;
   }
   friend bool operator==(const SourceSet& a, const SourceSet& b) noexcept {
-    return a.settled() == b.settled();
+    a.settle();
+    b.settle();
+    return a.unset_ == b.unset_ && a.unsetMarked_ == b.unsetMarked_ && a.v4_ == b.v4_ &&
+           a.v6_ == b.v6_;
   }
 
  private:
+  using Key6 = std::pair<std::uint64_t, std::uint64_t>;
+  static_assert(std::endian::native == std::endian::little);
+  // An IPv4 record as a word read in the machine's order: the head in the low half.
+  static constexpr std::uint64_t kHead4 = 0x20000001u;  // family 1, encoding 0, flags 0, /32
+  static constexpr std::uint64_t kMark4 = std::uint64_t{kMarked} << 16;
+  static std::uint64_t addrBits4(const std::uint8_t* a) noexcept {
+    std::uint32_t v;
+    std::memcpy(&v, a, 4);
+    return std::uint64_t{v} << 32;
+  }
+  static std::uint32_t key4(std::uint64_t w) noexcept {
+    return __builtin_bswap32(static_cast<std::uint32_t>(w >> 32));
+  }
+  static Key6 key6(const std::uint8_t* a) noexcept {
+    std::uint64_t x[2];
+    std::memcpy(x, a, 16);
+    return {__builtin_bswap64(x[0]), __builtin_bswap64(x[1])};
+  }
+  // Whether the entry at index i is a.
+  bool holds(std::size_t i, const Nimo::IpGenAddr& a) const noexcept {
+    if (i >= size()) return false;
+    const std::size_t j = i - familyBegin(a.af());
+    if (a.af() == Nimo::AddressFamily::ipv4)
+      return j < v4_.size() && key4(v4_[j]) == Nimo::load32(a.bytes());
+    if (a.af() == Nimo::AddressFamily::ipv6) {
+      return j < v6_.size() && std::memcmp(v6_[j].b + 4, a.bytes(), 16) == 0;
+    }
+    return unset_ && i == 0;
+  }
+  void append4(std::uint64_t w) {
+    if (!v4_.empty()) {
+      const std::uint32_t last = key4(v4_.back()), k = key4(w);
+      if (last == k) return;
+      if (k < last) sorted4_ = false;
+    }
+    v4_.push_back(w);
+  }
+  void append6(const Wire6& r) {
+    if (!v6_.empty()) {
+      const Key6 last = key6(v6_.back().b + 4), k = key6(r.b + 4);
+      if (last == k) return;
+      if (k < last) sorted6_ = false;
+    }
+    v6_.push_back(r);
+  }
+  // Written through a pointer into slots made beforehand: a vector's own append would
+  // reload its end after every store, which may alias it. A repeat is stored and then
+  // written over, so that the loop has no branch per source.
+  void insertWire4(const std::uint8_t* p, std::size_t count, std::size_t stride) {
+    const std::size_t old = v4_.size();
+    v4_.resize(old + count);
+    std::uint64_t* out = v4_.data() + old;
+    bool sorted = sorted4_;
+    std::uint64_t w = kHead4 | addrBits4(p + 4);
+    std::uint32_t prev = key4(w);
+    if (old == 0 || key4(out[-1]) != prev) {
+      if (old != 0 && prev < key4(out[-1])) sorted = false;
+      *out++ = w;
+    }
+    for (std::size_t i = 1; i < count; ++i) {
+      p += stride;
+      w = kHead4 | addrBits4(p + 4);
+      const std::uint32_t k = key4(w);
+      *out = w;
+      out += k != prev;
+      sorted &= prev <= k;
+      prev = k;
+    }
+    v4_.resize(static_cast<std::size_t>(out - v4_.data()));
+    sorted4_ = sorted;
+  }
+  void insertWire6(const std::uint8_t* p, std::size_t count, std::size_t stride) {
+    const std::size_t old = v6_.size();
+    v6_.resize(old + count);
+    Wire6* out = v6_.data() + old;
+    bool sorted = sorted6_;
+    Key6 prev = key6(p + 4);
+    if (old == 0 || key6(out[-1].b + 4) != prev) {
+      if (old != 0 && prev < key6(out[-1].b + 4)) sorted = false;
+      std::memcpy(out->b + 4, p + 4, 16);
+      ++out;
+    }
+    for (std::size_t i = 1; i < count; ++i) {
+      p += stride;
+      const Key6 k = key6(p + 4);
+      std::memcpy(out->b + 4, p + 4, 16);
+      out += k != prev;
+      sorted &= prev <= k;
+      prev = k;
+    }
+    for (Wire6* r = v6_.data() + old; r != out; ++r) std::memcpy(r->b, kHead6, 4);
+    v6_.resize(static_cast<std::size_t>(out - v6_.data()));
+    sorted6_ = sorted;
+  }
+  static constexpr std::uint8_t kHead6[4] = {2, 0, 0, 128};
   // Sorts without allocating. Of equal addresses the first is kept, and it carries the
   // suppression mark if any does: appended repeats are never marked, so that is the mark
   // of the entry that was there first.
-  const std::vector<SourceEntry>& settled() const noexcept {
-    if (!sorted_) {
-      std::sort(v_.begin(), v_.end(), [](const SourceEntry& x, const SourceEntry& y) {
-        if (x.is(y)) return x.suppressed_ && !y.suppressed_;
-        return x.less(y);
+  void settle() const noexcept {
+    if (!sorted4_) {
+      std::sort(v4_.begin(), v4_.end(), [](std::uint64_t x, std::uint64_t y) {
+        if (key4(x) != key4(y)) return key4(x) < key4(y);
+        return (x & kMark4) > (y & kMark4);
       });
-      v_.erase(std::unique(v_.begin(), v_.end(),
-                           [](const SourceEntry& x, const SourceEntry& y) { return x.is(y); }),
-               v_.end());
-      sorted_ = true;
+      v4_.erase(std::unique(v4_.begin(), v4_.end(),
+                            [](std::uint64_t x, std::uint64_t y) { return key4(x) == key4(y); }),
+                v4_.end());
+      sorted4_ = true;
     }
-    return v_;
-  }
-  // A wire address as a number that orders like its bytes.
-  template <std::size_t N>
-  static std::pair<std::uint64_t, std::uint64_t> wireKey(const std::uint8_t* p) noexcept {
-    if constexpr (N == 4) {
-      return {Nimo::load32(p), 0};
-    } else {
-      std::uint64_t x[2];
-      std::memcpy(x, p, 16);
-      return {__builtin_bswap64(x[0]), __builtin_bswap64(x[1])};
+    if (!sorted6_) {
+      std::sort(v6_.begin(), v6_.end(), [](const Wire6& x, const Wire6& y) {
+        const Key6 a = key6(x.b + 4), b = key6(y.b + 4);
+        if (a != b) return a < b;
+        return (x.b[2] & kMarked) > (y.b[2] & kMarked);
+      });
+      v6_.erase(std::unique(v6_.begin(), v6_.end(),
+                            [](const Wire6& x, const Wire6& y) {
+                              return std::memcmp(x.b + 4, y.b + 4, 16) == 0;
+                            }),
+                v6_.end());
+      sorted6_ = true;
     }
-  }
-  // Written through a pointer into slots made beforehand: a vector's own append would
-  // reload its end after every byte store, which may alias it.
-  template <std::size_t N>
-  void insertWire(Nimo::AddressFamily af, const std::uint8_t* p, std::size_t count,
-                  std::size_t stride) {
-    if (count == 0) return;
-    const std::size_t old = v_.size();
-    v_.resize(old + count);
-    SourceEntry* out = v_.data() + old;
-    // The first meets the entry stored last; after it, an address dropped as a repeat
-    // equals the one before it, so the wire address before stands for the last entry.
-    const SourceEntry first(af, p, std::integral_constant<std::size_t, N>());
-    bool sorted = sorted_;
-    if (old == 0 || !out[-1].is(first)) {
-      if (old != 0 && !out[-1].less(first)) sorted = false;
-      *out++ = first;
-    }
-    auto prev = wireKey<N>(p);
-    for (std::size_t i = 1; i < count; ++i) {
-      p += stride;
-      const auto key = wireKey<N>(p);
-      if (key == prev) continue;
-      sorted &= prev < key;
-      *out++ = SourceEntry(af, p, std::integral_constant<std::size_t, N>());
-      prev = key;
-    }
-    v_.resize(static_cast<std::size_t>(out - v_.data()));
-    sorted_ = sorted;
-  }
-  std::vector<SourceEntry>::iterator lower(const Nimo::IpGenAddr& a) noexcept {
-    settled();
-    return std::lower_bound(
-        v_.begin(), v_.end(), a,
-        [](const SourceEntry& e, const Nimo::IpGenAddr& x) { return e.less(x); });
   }
   // Mutable: sorting a pending tail changes no value, only its order in memory.
-  mutable std::vector<SourceEntry> v_;
-  mutable bool sorted_ = true;
+  mutable std::vector<std::uint64_t, UninitAllocator<std::uint64_t>> v4_;
+  mutable std::vector<Wire6, UninitAllocator<Wire6>> v6_;
+  mutable bool sorted4_ = true;
+  mutable bool sorted6_ = true;
+  bool unset_ = false;
+  bool unsetMarked_ = false;
+  bool odd_ = false;  // may hold a multicast or marked entry
 };
 
 // The (*,G) entry of a group: the RP, joined or pruned.
