@@ -30,6 +30,11 @@ Output pimshow(const std::string& args) {
   return PimTest::runCommand(std::string(PIMSHOW_PATH) + " " + args);
 }
 
+D::Neighbor neighbor(const D::NeighborKey& k) {
+  return D::Neighbor(k, 105, P::DrPriorityOption(5), P::GenerationIdOption(),
+                     P::LanPruneDelayOption());
+}
+
 class PimShowTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -56,8 +61,7 @@ TEST_F(PimShowTest, PrintsWhatTheWriterPublished) {
   ASSERT_TRUE(counters->mountWriter());
   const IntfId eth("Ethernet7");
   const D::Intf intf(eth, IpGenAddrWithMask("10.7.0.1/24"));
-  const D::Neighbor nbr(D::NeighborKey(IpGenAddr("10.7.0.2"), eth), 105, P::DrPriorityOption(5),
-                        P::GenerationIdOption(), P::LanPruneDelayOption());
+  const D::Neighbor nbr = neighbor(D::NeighborKey(IpGenAddr("10.7.0.2"), eth));
   ASSERT_TRUE(status->pimIntfIs(intf));
   ASSERT_TRUE(status->neighborIs(nbr));
   ASSERT_TRUE(counters->msgCounterInc(D::CounterKey(0, 255, eth),
@@ -96,10 +100,6 @@ class PimShowMirrorTest : public PimShowTest {
     ASSERT_TRUE(status_->neighborIs(neighbor(off)));
     ASSERT_TRUE(status_->inactiveNeighborIs(D::NeighborRef(off)));
     status_->commit();
-  }
-  static D::Neighbor neighbor(const D::NeighborKey& k) {
-    return D::Neighbor(k, 105, P::DrPriorityOption(5), P::GenerationIdOption(),
-                       P::LanPruneDelayOption());
   }
   void publish(const char* id, P::Mode m, const char* nbr) {
     D::Intf i(IntfId(id), IpGenAddrWithMask("10.7.0.1/24"));
