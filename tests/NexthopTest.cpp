@@ -38,6 +38,7 @@ class NexthopTest : public ::testing::Test {
   void route(const char* prefix, std::uint32_t metric, const char* hop = "10.0.1.2") {
     const Routing::Fib::Via v[] = {{IpGenAddr(hop), Nimo::IntfId("eth1")}};
     urib_->routeIs(IpGenPrefix(prefix), Routing::Fib::RouteType::remote, metric, 0, v);
+    urib_->commit();
   }
   std::vector<IpGenAddr> drain() {
     std::vector<IpGenAddr> out;
@@ -69,7 +70,6 @@ class NexthopTest : public ::testing::Test {
 TEST_F(NexthopTest, BacklogHoldsOnlyRegisteredAddressesOncePerDrain) {
   route("10.1.0.0/16", 1);
   route("10.2.0.0/16", 1);
-  urib_->commit();
   for (const char* a : {"10.1.0.1", "10.1.0.2", "10.2.0.1"}) config_->nexthopIs(IpGenAddr(a));
   auto other = Routing::NexthopVrfConfig::create(loop_, kV4, "default", "unicast", "bidir");
   other->nexthopIs(IpGenAddr("10.1.0.9"));  // another client's address
@@ -85,7 +85,6 @@ TEST_F(NexthopTest, BacklogHoldsOnlyRegisteredAddressesOncePerDrain) {
   for (int round = 0; round < 2; ++round) {
     for (std::uint32_t i = 0; i < 10000; ++i) {
       route("10.1.0.0/16", 2 + (i & 1));
-      urib_->commit();
       if (i % 1000 == 0) loop_.runOnce(0.0);
     }
     turn();
@@ -104,13 +103,11 @@ TEST_F(NexthopTest, BacklogHoldsOnlyRegisteredAddressesOncePerDrain) {
   turn();
   drain();
   route("10.2.0.0/16", 1);
-  urib_->commit();
   turn();
   EXPECT_EQ(entry("10.2.0.1").fecId, fecBefore);
   EXPECT_EQ(drain(), std::vector<IpGenAddr>{IpGenAddr("10.2.0.1")});
   // nexthopDel of a pending address takes it out of the backlog.
   route("10.2.0.0/16", 5);
-  urib_->commit();
   turn();
   ASSERT_TRUE(backlog_->backlogHas(IpGenAddr("10.2.0.1")));
   config_->nexthopDel(IpGenAddr("10.2.0.1"));
@@ -120,7 +117,6 @@ TEST_F(NexthopTest, BacklogHoldsOnlyRegisteredAddressesOncePerDrain) {
 
 TEST_F(NexthopTest, RestartedAgentNeverReadsAsDeleted) {
   route("10.1.0.0/16", 1);
-  urib_->commit();
   const std::vector<const char*> addrs = {"10.1.0.1", "10.1.0.2", "10.3.0.1"};
   for (const char* a : addrs) config_->nexthopIs(IpGenAddr(a));
   turn();
@@ -146,7 +142,6 @@ TEST_F(NexthopTest, RestartedAgentNeverReadsAsDeleted) {
 
 TEST_F(NexthopTest, ClientThatGoesAwayIsForgottenAndRelearnt) {
   route("10.1.0.0/16", 1);
-  urib_->commit();
   config_->nexthopIs(IpGenAddr("10.1.0.1"));
   turn();
   EXPECT_EQ(resolver_->tracked(), 1u);

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "Pim/NsfStatus.h"
-#include "Pim/PimAttrLogSm.h"
 #include "tests/PimTestUtil.h"
 
 namespace {
@@ -147,7 +146,7 @@ TEST(NsfReflection, MalformedValuesAndUnknownNamesAreErrorsThatChangeNothing) {
   EXPECT_TRUE(rec.take().empty());
 }
 
-TEST(NsfReflection, CollectionsAreListedAndReachedByKeyAndTheAttributeLogOutputByName) {
+TEST(NsfReflection, CollectionsAreListedAndReachedByKey) {
   auto coll = nsfStatusCollFactory("nsf");
   coll->vrfStatusIs(kRed);
   coll->vrfStatusIs(L3::VrfName("o'hare"));
@@ -159,18 +158,6 @@ TEST(NsfReflection, CollectionsAreListedAndReachedByKeyAndTheAttributeLogOutputB
   EXPECT_TRUE(Kel::collectionMember(*coll, "vrfStatus", "'o\\'hare'"));
   for (const char* absentOrMalformed : {"'green'", "red", "'red'x"})
     EXPECT_FALSE(Kel::collectionMember(*coll, "vrfStatus", absentOrMalformed));
-
-  int sv[2];
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-  auto out = Kel::NboAttrLog::socketOutSmFactory("attrlog", sv[0], 1024);
-  auto sm = Routing::Pim::pimAttrLogSmFactory(out);
-  EXPECT_EQ(Kel::attributeObject(*sm, "nboAttrLogOutSm").ptr(), out.ptr());
-  EXPECT_EQ(Kel::attributeText(*sm, "nboAttrLogOutSm"), "Kel::NboAttrLog::SocketOutSm('attrlog')");
-  EXPECT_THROW(Kel::attributeTextIs(*sm, "nboAttrLogOutSm", "None"), Kel::AttributeError);
-  EXPECT_EQ(sm->nboAttrLogOutSm(), out);
-  EXPECT_EQ(Kel::attributeText(*Routing::Pim::pimAttrLogSmFactory(nullptr), "nboAttrLogOutSm"),
-            "None");
-  ::close(sv[1]);
 }
 
 // ---------------------------------------------------------------------------------------

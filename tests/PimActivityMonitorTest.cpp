@@ -2,15 +2,11 @@
 // hardware status table, and the kernel branches through a fake of the counter ioctl.
 #include <gtest/gtest.h>
 #include <netinet/in.h>  // before the kernel headers, which then skip their copies
-#include <unistd.h>
 // clang-format off
 #include <linux/mroute.h>
 #include <linux/mroute6.h>
 // clang-format on
 
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>

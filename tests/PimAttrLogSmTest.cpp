@@ -1,5 +1,6 @@
 // The attribute-log holder and its socket output: back-pressure from a collector that
-// stops reading, records as the collector parses them, a collector that goes away.
+// stops reading, records as the collector parses them, a collector that goes away, and the
+// output reached by name.
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -41,12 +42,17 @@ std::string record(const std::string& path, const std::string& attr, const std::
          value;
 }
 
-TEST(PimAttrLogSm, HoldsTheOutputAndDropsItWhenDestroyed) {
+TEST(PimAttrLogSm, HoldsTheOutputReachedByNameAndDropsItWhenDestroyed) {
   int sv[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
   auto out = Kel::NboAttrLog::socketOutSmFactory("attrlog", sv[0], 1024);
   auto sm = Routing::Pim::pimAttrLogSmFactory(out);
   EXPECT_EQ(sm->nboAttrLogOutSm(), out);
+  EXPECT_EQ(Kel::attributeObject(*sm, "nboAttrLogOutSm").ptr(), out.ptr());
+  EXPECT_EQ(Kel::attributeText(*sm, "nboAttrLogOutSm"), "Kel::NboAttrLog::SocketOutSm('attrlog')");
+  EXPECT_THROW(Kel::attributeTextIs(*sm, "nboAttrLogOutSm", "None"), Kel::AttributeError);
+  EXPECT_EQ(Kel::attributeText(*Routing::Pim::pimAttrLogSmFactory(nullptr), "nboAttrLogOutSm"),
+            "None");
   const std::uint32_t refs = out->references();
   sm = nullptr;
   EXPECT_EQ(out->references(), refs - 1);

@@ -1,21 +1,11 @@
 // The status and counter containers: mount paths, counting rule, corruption hook, notices,
 // mounting by type and footprint. Other processes' views are in DrobeTest.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "Pim/PimDrobe.h"

@@ -2,7 +2,6 @@
 // safety, and the tables as other processes see them (pimshow, a reader's rpForGroup, a
 // writer killed mid-update).
 #include <gmock/gmock.h>
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -347,27 +346,20 @@ TEST(RpHashCrossProcess, PimshowPrintsEveryTableAndWatchesPerKeyDeletions) {
   EXPECT_THAT(absent.out, HasSubstr("routing/pim/rphash/nobody/red"));
 
   // --watch in its own process; this one deletes everything of one table.
-  int out[2];
-  ASSERT_EQ(::pipe(out), 0);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(out[1], 1);
-    ::close(out[0]);
-    const std::string cmd = pimshow + tables[7].args() + " --json --watch";
-    ::execl("/bin/sh", "sh", "-c", ("exec " + cmd).c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  ::close(out[1]);
+  PimTest::Children children;
+  const int out = children.spawn([&](int fd) {
+    ::dup2(fd, 1);
+    const std::string cmd = "exec " + pimshow + tables[7].args() + " --json --watch";
+    ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+  });
   std::string seen;
   auto readFor = [&](const std::function<bool()>& done) {
     char buf[4096];
-    for (int i = 0; i < 300 && !done(); ++i) {
-      pollfd p{out[0], POLLIN, 0};
-      if (::poll(&p, 1, 100) == 1) {
-        const ssize_t n = ::read(out[0], buf, sizeof buf);
-        if (n <= 0) break;
-        seen.append(buf, static_cast<std::size_t>(n));
-      }
+    for (int i = 0; i < 30 && !done(); ++i) {
+      if (!PimTest::readable(out, 1)) continue;
+      const ssize_t n = ::read(out, buf, sizeof buf);
+      if (n <= 0) break;
+      seen.append(buf, static_cast<std::size_t>(n));
     }
     return done();
   };
@@ -387,9 +379,8 @@ TEST(RpHashCrossProcess, PimshowPrintsEveryTableAndWatchesPerKeyDeletions) {
   for (const RpHash& e : entriesOf(7, tables[7].af)) {
     EXPECT_THAT(seen, HasSubstr("\"event\": \"del\", \"key\": \"" + e.key().str() + "\""));
   }
-  ::kill(child, SIGTERM);
-  EXPECT_EQ(PimTest::waitChild(child, 10), 0);
-  ::close(out[0]);
+  ::kill(children.pidOf(out), SIGTERM);  // pimshow ends its watch cleanly
+  EXPECT_EQ(children.exitCode(out, 10), 0);
 }
 
 // A reader process's rpForGroup against brute force, 10,000 groups per family, on a table

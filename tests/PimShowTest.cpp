@@ -2,7 +2,6 @@
 // text and JSON, and says clearly when nothing is mounted.
 
 #include <gmock/gmock.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -16,7 +15,11 @@
 
 namespace {
 
+namespace P = Routing::Pim;
 namespace D = Routing::Pim::Drobe;
+using Nimo::IntfId;
+using Nimo::IpGenAddr;
+using Nimo::IpGenAddrWithMask;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -25,6 +28,11 @@ using Output = PimTest::CommandOutput;
 // Runs pimshow with args, stdout and stderr together.
 Output pimshow(const std::string& args) {
   return PimTest::runCommand(std::string(PIMSHOW_PATH) + " " + args);
+}
+
+D::Neighbor neighbor(const D::NeighborKey& k) {
+  return D::Neighbor(k, 105, P::DrPriorityOption(5), P::GenerationIdOption(),
+                     P::LanPruneDelayOption());
 }
 
 class PimShowTest : public ::testing::Test {
@@ -51,16 +59,14 @@ TEST_F(PimShowTest, PrintsWhatTheWriterPublished) {
       D::MessageCounters::mountPath(Nimo::AddressFamily::ipv4, vrf, "pim"));
   ASSERT_TRUE(status->mountWriter());
   ASSERT_TRUE(counters->mountWriter());
-  const Nimo::IntfId eth("Ethernet7");
-  const D::Intf intf(eth, Nimo::IpGenAddrWithMask("10.7.0.1/24"));
-  const D::Neighbor nbr(D::NeighborKey(Nimo::IpGenAddr("10.7.0.2"), eth), 105,
-                        Routing::Pim::DrPriorityOption(5), Routing::Pim::GenerationIdOption(),
-                        Routing::Pim::LanPruneDelayOption());
+  const IntfId eth("Ethernet7");
+  const D::Intf intf(eth, IpGenAddrWithMask("10.7.0.1/24"));
+  const D::Neighbor nbr = neighbor(D::NeighborKey(IpGenAddr("10.7.0.2"), eth));
   ASSERT_TRUE(status->pimIntfIs(intf));
   ASSERT_TRUE(status->neighborIs(nbr));
   ASSERT_TRUE(counters->msgCounterInc(D::CounterKey(0, 255, eth),
-                                      Routing::Pim::IO::MessageCounterDirection::rx,
-                                      Routing::Pim::IO::MessageCounterType::success));
+                                      P::IO::MessageCounterDirection::rx,
+                                      P::IO::MessageCounterType::success));
   status->commit();
   counters->msgCounterCommit();
 
@@ -88,22 +94,18 @@ class PimShowMirrorTest : public PimShowTest {
   void SetUp() override {
     PimShowTest::SetUp();
     ASSERT_TRUE(status_->mountWriter());
-    publish("Ethernet7", Routing::Pim::Mode::Sparse, "10.7.0.2");
-    publish("Ethernet8", Routing::Pim::Mode::Bidir, "10.8.0.2");
-    const D::NeighborKey off(Nimo::IpGenAddr("10.7.0.3"), Nimo::IntfId("Ethernet7"));
+    publish("Ethernet7", P::Mode::Sparse, "10.7.0.2");
+    publish("Ethernet8", P::Mode::Bidir, "10.8.0.2");
+    const D::NeighborKey off(IpGenAddr("10.7.0.3"), IntfId("Ethernet7"));
     ASSERT_TRUE(status_->neighborIs(neighbor(off)));
     ASSERT_TRUE(status_->inactiveNeighborIs(D::NeighborRef(off)));
     status_->commit();
   }
-  static D::Neighbor neighbor(const D::NeighborKey& k) {
-    return D::Neighbor(k, 105, Routing::Pim::DrPriorityOption(5),
-                       Routing::Pim::GenerationIdOption(), Routing::Pim::LanPruneDelayOption());
-  }
-  void publish(const char* id, Routing::Pim::Mode m, const char* nbr) {
-    D::Intf i(Nimo::IntfId(id), Nimo::IpGenAddrWithMask("10.7.0.1/24"));
+  void publish(const char* id, P::Mode m, const char* nbr) {
+    D::Intf i(IntfId(id), IpGenAddrWithMask("10.7.0.1/24"));
     i.modeIs(m);
     ASSERT_TRUE(status_->pimIntfIs(i));
-    ASSERT_TRUE(status_->neighborIs(neighbor(D::NeighborKey(Nimo::IpGenAddr(nbr), i.key()))));
+    ASSERT_TRUE(status_->neighborIs(neighbor(D::NeighborKey(IpGenAddr(nbr), i.key()))));
   }
   Kel::Ptr<D::Status> status_ =
       D::statusFactory(D::Status::mountPath(Nimo::AddressFamily::ipv4, L3::VrfName("blue")));
@@ -136,8 +138,7 @@ TEST_F(PimShowMirrorTest, AModeShowsWhatThatAgentSees) {
 TEST_F(PimShowMirrorTest, AllShowsEveryVrfWithTablesAndRefusesBadNames) {
   auto red = D::statusFactory(D::Status::mountPath(Nimo::AddressFamily::ipv4, L3::VrfName("red")));
   ASSERT_TRUE(red->mountWriter());
-  ASSERT_TRUE(
-      red->pimIntfIs(D::Intf(Nimo::IntfId("Ethernet9"), Nimo::IpGenAddrWithMask("10.9.0.1/24"))));
+  ASSERT_TRUE(red->pimIntfIs(D::Intf(IntfId("Ethernet9"), IpGenAddrWithMask("10.9.0.1/24"))));
   red->commit();
   const std::string longName(64, 'v');
   std::filesystem::create_directories(root_ + "/routing/pim/status/" + longName);
@@ -156,9 +157,9 @@ TEST_F(PimShowMirrorTest, AllShowsEveryVrfWithTablesAndRefusesBadNames) {
 
 // A record with another layout under the interface collection's name.
 struct OtherIntf {
-  Nimo::IntfId id;
+  IntfId id;
   std::uint64_t extra = 0;
-  Nimo::IntfId key() const { return id; }
+  IntfId key() const { return id; }
   friend bool operator==(const OtherIntf&, const OtherIntf&) = default;
   static constexpr auto kFields =
       std::make_tuple(Kel::field("key", &OtherIntf::id), Kel::field("extra", &OtherIntf::extra));
@@ -166,9 +167,9 @@ struct OtherIntf {
 
 TEST_F(PimShowTest, ATableOfAnotherLayoutIsRefusedAndSaidSo) {
   const std::string path = D::Status::mountPath(Nimo::AddressFamily::ipv4, L3::VrfName("odd"));
-  auto w = ::Drobe::Writer<Nimo::IntfId, OtherIntf>::create(path, {"pimIntf", 16});
+  auto w = ::Drobe::Writer<IntfId, OtherIntf>::create(path, {"pimIntf", 16});
   ASSERT_TRUE(w);
-  ASSERT_TRUE(w->is(OtherIntf{Nimo::IntfId("Ethernet1"), 7}));
+  ASSERT_TRUE(w->is(OtherIntf{IntfId("Ethernet1"), 7}));
   w->commit();
   const Output o = pimshow("--vrf odd");
   EXPECT_EQ(o.exitCode, 2);
@@ -183,12 +184,12 @@ TEST_F(PimShowMirrorTest, WatchPrintsTheMirrorsChanges) {
       "r");
   ASSERT_TRUE(p);
   ::usleep(1500000);  // lets pimshow print and start watching; not a timing check
-  ASSERT_TRUE(status_->neighborIs(
-      neighbor(D::NeighborKey(Nimo::IpGenAddr("10.7.0.9"), Nimo::IntfId("Ethernet7")))));
-  ASSERT_TRUE(status_->neighborIs(
-      neighbor(D::NeighborKey(Nimo::IpGenAddr("10.8.0.9"), Nimo::IntfId("Ethernet8")))));
-  ASSERT_TRUE(status_->inactiveNeighborDel(
-      D::NeighborKey(Nimo::IpGenAddr("10.7.0.3"), Nimo::IntfId("Ethernet7"))));
+  ASSERT_TRUE(
+      status_->neighborIs(neighbor(D::NeighborKey(IpGenAddr("10.7.0.9"), IntfId("Ethernet7")))));
+  ASSERT_TRUE(
+      status_->neighborIs(neighbor(D::NeighborKey(IpGenAddr("10.8.0.9"), IntfId("Ethernet8")))));
+  ASSERT_TRUE(
+      status_->inactiveNeighborDel(D::NeighborKey(IpGenAddr("10.7.0.3"), IntfId("Ethernet7"))));
   status_->commit();
   std::string out;
   std::array<char, 4096> buf;

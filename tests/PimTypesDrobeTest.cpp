@@ -1,7 +1,6 @@
 // PIM status table keys and records: hashing, ordering, null keys, text forms, human forms.
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>

@@ -26,17 +26,14 @@ class RibText {
       std::string rib, prefix;
       if (!(f >> rib >> prefix)) continue;
       std::istringstream rest(line.substr(line.find(prefix)));
-      std::size_t bad = 0;
-      if (prefix.find(':') != std::string::npos) {
-        auto* w = writer6(rib);
+      auto into = [&](auto* w, auto& loaded) {
+        std::size_t bad = 0;  // the loader reports this load's count only
         Routing::loadRoutes(*w, rest, &bad);
-        loaded6_.emplace_back(w, Nimo::IpGenPrefix(prefix));
-      } else {
-        auto* w = writer4(rib);
-        Routing::loadRoutes(*w, rest, &bad);
-        loaded4_.emplace_back(w, Nimo::IpGenPrefix(prefix));
-      }
-      errors_ += bad;
+        errors_ += bad;
+        loaded.emplace_back(w, Nimo::IpGenPrefix(prefix));
+      };
+      prefix.find(':') != std::string::npos ? into(writer6(rib), loaded6_)
+                                            : into(writer4(rib), loaded4_);
     }
   }
   // Malformed route lines so far.

@@ -1,18 +1,14 @@
 // Route and FEC tables: the writer's publication rules, and a reader's shadow across
 // processes (convergence, FECs always present, writer restart, sliced catch-up).
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <map>
 #include <random>
 #include <sstream>
 
 #include "Pim/platform/Routing.h"
-#include "tests/PimIOTestUtil.h"
+#include "tests/DrobeRootUtil.h"
+#include "tests/PimTestUtil.h"
 
 namespace {
 
@@ -147,23 +143,15 @@ void writerRun(Model& m, V4::RouteWriter* w, bool publish) {
 }
 
 TEST_F(RoutingTablesTest, ReaderConvergesAcrossProcessesAndResyncsByDifference) {
-  int ready[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    ::close(ready[0]);
+  PimTest::Children children;
+  const int child = children.spawn([](int fd) {
     Model m;
     auto fecs = V4::FecWriter::create(kPath, "fec", 1024);
     auto urib = V4::RouteWriter::create(kPath, "urib", fecs, 1 << 18);
     writerRun(m, urib.ptr(), true);
-    char c = 1;
-    (void)!::write(ready[1], &c, 1);
-    ::pause();  // killed by the parent
-    ::_exit(0);
-  }
-  ::close(ready[1]);
-  ::fcntl(ready[0], F_SETFL, O_NONBLOCK);
+    PimTest::send(fd, 'w');
+    PimTest::hold(fd);  // killed by the parent
+  });
   // Writer death is noticed by the reader's health checks: real time here.
   Ulm::EventLoop loop(Kel::Ptr<Kel::SystemClock>::make());
   auto shadow = Shadow::create(loop, kPath, "urib");
@@ -184,11 +172,9 @@ TEST_F(RoutingTablesTest, ReaderConvergesAcrossProcessesAndResyncsByDifference) 
   bool done = false;
   for (int i = 0; i < 3000 && !(done && converged()); ++i) {
     loop.runOnce(0.01);
-    if (!done) done = ::read(ready[0], &c, 1) == 1;
+    if (!done) done = PimTest::receive(child, c, 0);
   }
-  ::close(ready[0]);
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
+  EXPECT_EQ(children.exitCode(child, 10, true), -1);
   ASSERT_TRUE(converged());
   EXPECT_EQ(w.fecMissing, 0u);
   EXPECT_EQ(w.all, 1u);  // the first load, announced once

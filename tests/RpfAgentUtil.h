@@ -1,5 +1,6 @@
-// What the RPF machines' tests share: Rpf values, a loop that runs to quiescence on a manual
-// clock, a stepping deadline clock, and an agent that counts and drains what is published to it.
+// What the RPF machines' tests share: Rpf values, trace search, a loop that runs to quiescence
+// on a manual clock, a stepping deadline clock, and an agent that counts and drains what is
+// published to it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Pim/platform/Flicklog.h"
 #include "Pim/platform/PimCore.h"
 #include "Pim/platform/Ulm.h"
 
@@ -54,6 +56,13 @@ struct SteppingClock : Kel::Clock {
   mutable double t = 0;
   Kel::Time now() const noexcept override { return t += 1.0 / 1024; }
 };
+
+// Whether any captured trace line holds text.
+inline bool traced(const Flicklog::CaptureSink& capture, std::string_view text) {
+  for (const auto& l : capture.texts())
+    if (l.find(text) != std::string::npos) return true;
+  return false;
+}
 
 // Counts what is published to the agent and drains it; with a recompute function, writes
 // the route's new Rpf from inside the handler, as a synchronous agent does.

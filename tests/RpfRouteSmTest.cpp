@@ -44,7 +44,6 @@ class RpfRouteSmTest : public ::testing::Test {
     start();
   }
   void TearDown() override { Flicklog::facility("RpfRouteSm").levelIs(0); }
-  // The routing agent: one resolver per RIB; again to restart it.
   // The routing agent: one resolver per RIB; again to restart it, after a turn without it as
   // a real restart has (a writer replaced within one turn is not seen to go).
   void agentUp() {
@@ -96,11 +95,7 @@ class RpfRouteSmTest : public ::testing::Test {
     cfg_[m]->forEach([&](const IpGenAddr& a) { out.insert(a); });
     return out;
   }
-  bool traced(std::string_view text) const {
-    for (const auto& l : capture_.texts())
-      if (l.find(text) != std::string::npos) return true;
-    return false;
-  }
+  bool traced(std::string_view text) const { return PimTest::traced(capture_, text); }
 
   static constexpr const char* kRib[2] = {"unicast", "multicast"};
   PimTest::DrobeRoot root_;

@@ -69,11 +69,7 @@ class RpfSmTest : public ::testing::Test {
     settle();
     return m;
   }
-  bool traced(std::string_view text) const {
-    for (const auto& l : capture_.texts())
-      if (l.find(text) != std::string::npos) return true;
-    return false;
-  }
+  bool traced(std::string_view text) const { return PimTest::traced(capture_, text); }
   void expectSound(bool quiescent = true) {
     EXPECT_EQ(sm_->checkInvariantsForTest(quiescent), "");
     EXPECT_EQ(un_->checkInvariantsForTest(quiescent), "");

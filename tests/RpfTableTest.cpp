@@ -6,8 +6,8 @@
 #include <random>
 
 #include "Pim/RpfTable.h"
-#include "tests/PimIOTestUtil.h"
-#include "tests/RibTestUtil.h"
+#include "tests/RpfAgentUtil.h"
+#include "tests/RpfTestUtil.h"
 
 namespace {
 
@@ -70,18 +70,7 @@ class RpfTableTest : public ::testing::Test {
     ucast_->mribIs(v4_.info(loop_, "mrib", "multicast"));
     ucast_->urib6Is(v6_.info(loop_, "urib", "unicast"));
     ucast_->mrib6Is(v6_.info(loop_, "mrib", "multicast"));
-    status_->intfIs(IntfId("eth1"), false, IpGenAddr("10.0.1.1"));
-    status_->intfIs(IntfId("eth2"), false, IpGenAddr("10.0.2.1"));
-    status_->intfIs(IntfId("eth6"), false, IpGenAddr("fe80::100"));
-    status_->intfIs(IntfId("eth7"), false, IpGenAddr("fe80::200"));
-    for (auto [i, a] : {std::pair{"eth1", "10.0.1.2"},
-                        {"eth1", "10.0.1.3"},
-                        {"eth2", "10.0.2.2"},
-                        {"eth6", "fe80::1"},
-                        {"eth7", "fe80::1"},
-                        {"eth7", "fe80::2"}}) {
-      status_->activeNeighborIs({IntfId(i), IpGenAddr(a)}, 105);
-    }
+    PimTest::rpfInterfacesIs(*status_);
     table_ = rpfTableFactory(ucast_, status_, mfib_, nullptr, nullptr);
     turn();
   }
@@ -116,11 +105,7 @@ class RpfTableTest : public ::testing::Test {
     }
     turn();
   }
-  bool traced(std::string_view text) const {
-    for (const auto& l : capture_.texts())
-      if (l.find(text) != std::string::npos) return true;
-    return false;
-  }
+  bool traced(std::string_view text) const { return PimTest::traced(capture_, text); }
 
   PimTest::DrobeRoot root_;
   Kel::Ptr<Kel::ManualClock> clock_ = Kel::Ptr<Kel::ManualClock>::make();
@@ -149,80 +134,32 @@ struct Case {
   std::vector<const char*> traces;
 };
 
+// clang-format off
 const Case kCases[] = {
     {"both RIBs: the multicast answer, M",
-     "urib 10.5.0.0/16 2 0 0 10.0.1.2@eth1\nmrib 10.5.0.0/16 2 0 0 10.0.2.2@eth2",
-     "10.5.0.1",
-     "eth2",
-     "10.0.2.2",
-     RpfRib::M,
-     "",
-     {": rpf "}},
-    {"unicast only: U",
-     "urib 10.5.0.0/16 2 0 0 10.0.1.2@eth1",
-     "10.5.0.1",
-     "eth1",
-     "10.0.1.2",
-     RpfRib::U,
-     "",
-     {"doLookup4(), Source: 10.5.0.1, Group: 232.1.1.1, No route found in mrib", ": rpf "}},
+     "urib 10.5.0.0/16 2 0 0 10.0.1.2@eth1\nmrib 10.5.0.0/16 2 0 0 10.0.2.2@eth2", "10.5.0.1",
+     "eth2", "10.0.2.2", RpfRib::M, "", {": rpf "}},
+    {"unicast only: U", "urib 10.5.0.0/16 2 0 0 10.0.1.2@eth1", "10.5.0.1", "eth1", "10.0.1.2",
+     RpfRib::U, "", {"doLookup4(), Source: 10.5.0.1, Group: 232.1.1.1, No route found in mrib", ": rpf "}},
     {"multicast vias all invalid: the unicast answer",
      "urib 10.5.0.0/16 2 0 0 10.0.1.2@eth1\nmrib 10.5.0.0/16 2 0 0 10.0.2.9@eth2 10.0.3.2@eth3",
-     "10.5.0.1",
-     "eth1",
-     "10.0.1.2",
-     RpfRib::U,
-     "",
-     {" is not a valid via.", ": No valid RPF information found "}},
-    {"neither RIB",
-     "urib 10.6.0.0/16 2 0 0 10.0.1.2@eth1",
-     "10.5.0.1",
-     "",
-     "",
-     RpfRib::none,
-     "",
+     "10.5.0.1", "eth1", "10.0.1.2", RpfRib::U, "", {" is not a valid via.", ": No valid RPF information found "}},
+    {"neither RIB", "urib 10.6.0.0/16 2 0 0 10.0.1.2@eth1", "10.5.0.1", "", "", RpfRib::none, "",
      {"No route found in mrib", "No route found in urib"}},
-    {"attached: no backup",
-     "urib 10.0.1.0/24 5 0 0 10.0.1.1@eth1",
-     "10.0.1.9",
-     "eth1",
-     "10.0.1.9",
-     RpfRib::U,
-     "",
-     {": No need for rpfFrr if rpfAttached "}},
-    {"backup on the other interface",
-     "mrib 10.5.0.0/16 2 0 0 10.0.1.2@eth1 10.0.1.3@eth1 10.0.2.2@eth2",
-     "10.5.0.1",
-     "eth1",
-     "10.0.1.3",
-     RpfRib::M,
-     "eth2",
-     {": rpfFrr "}},
+    {"attached: no backup", "urib 10.0.1.0/24 5 0 0 10.0.1.1@eth1", "10.0.1.9", "eth1", "10.0.1.9",
+     RpfRib::U, "", {": No need for rpfFrr if rpfAttached "}},
+    {"backup on the other interface", "mrib 10.5.0.0/16 2 0 0 10.0.1.2@eth1 10.0.1.3@eth1 10.0.2.2@eth2",
+     "10.5.0.1", "eth1", "10.0.1.3", RpfRib::M, "eth2", {": rpfFrr "}},
     {"IPv6: the multicast RIB is used",
-     "urib 2001:db8::/32 2 0 0 fe80::1@eth6\nmrib 2001:db8::/48 2 0 0 fe80::2@eth7",
-     "2001:db8::1",
-     "eth7",
-     "fe80::2",
-     RpfRib::M,
-     "",
-     {": rpf "}},
-    {"IPv6 unicast only: U",
-     "urib 2001:db8::/32 2 0 0 fe80::1@eth6",
-     "2001:db8::1",
-     "eth6",
-     "fe80::1",
-     RpfRib::U,
-     "",
-     {"doLookup6(), Source: 2001:db8::1, Group: ff3e::1, No route found in mrib6"}},
+     "urib 2001:db8::/32 2 0 0 fe80::1@eth6\nmrib 2001:db8::/48 2 0 0 fe80::2@eth7", "2001:db8::1",
+     "eth7", "fe80::2", RpfRib::M, "", {": rpf "}},
+    {"IPv6 unicast only: U", "urib 2001:db8::/32 2 0 0 fe80::1@eth6", "2001:db8::1", "eth6", "fe80::1",
+     RpfRib::U, "", {"doLookup6(), Source: 2001:db8::1, Group: ff3e::1, No route found in mrib6"}},
     {"IPv6 multicast vias invalid: unicast",
-     "urib 2001:db8::/32 2 0 0 fe80::1@eth6\nmrib 2001:db8::/48 2 0 0 fe80::9@eth7",
-     "2001:db8::1",
-     "eth6",
-     "fe80::1",
-     RpfRib::U,
-     "",
-     {": No valid RPF information found "}},
+     "urib 2001:db8::/32 2 0 0 fe80::1@eth6\nmrib 2001:db8::/48 2 0 0 fe80::9@eth7", "2001:db8::1",
+     "eth6", "fe80::1", RpfRib::U, "", {": No valid RPF information found "}},
 };
+// clang-format on
 
 TEST_F(RpfTableTest, RibOrderAndTraces) {
   for (const Case& c : kCases) {

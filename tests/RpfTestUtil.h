@@ -13,6 +13,23 @@
 namespace PimTest {
 
 namespace V4 = Routing::Fib;
+
+// PIM interfaces eth1, eth2 (IPv4) and eth6, eth7 (IPv6), and their neighbours.
+inline void rpfInterfacesIs(Routing::Pim::Status& s) {
+  using Nimo::IntfId, Nimo::IpGenAddr;
+  for (auto [i, a] : {std::pair{"eth1", "10.0.1.1"},
+                      {"eth2", "10.0.2.1"},
+                      {"eth6", "fe80::100"},
+                      {"eth7", "fe80::200"}})
+    s.intfIs(IntfId(i), false, IpGenAddr(a));
+  for (auto [i, a] : {std::pair{"eth1", "10.0.1.2"},
+                      {"eth1", "10.0.1.3"},
+                      {"eth2", "10.0.2.2"},
+                      {"eth6", "fe80::1"},
+                      {"eth7", "fe80::1"},
+                      {"eth7", "fe80::2"}})
+    s.activeNeighborIs({IntfId(i), IpGenAddr(a)}, 105);
+}
 namespace V6 = Routing6::Fib;
 
 struct RibRig {
@@ -51,15 +68,7 @@ struct RibRig {
     ucast_->urib6FecIs(FecTable6::create(loop_, p6, "fec"));
     ucast_->mrib6ShadowStatusIs(Routing6::Shadow::Status::create(loop_, p6, "mrib"));
     ucast_->mrib6StatusIs(ucast_->mrib6ShadowStatus()->table());
-    status_->intfIs(IntfId("eth1"), false, IpGenAddr("10.0.1.1"));
-    status_->intfIs(IntfId("eth2"), false, IpGenAddr("10.0.2.1"));
-    status_->intfIs(IntfId("eth6"), false, IpGenAddr("fe80::100"));
-    status_->intfIs(IntfId("eth7"), false, IpGenAddr("fe80::200"));
-    for (const char* n : {"10.0.1.2", "10.0.1.3"}) nbr("eth1", n);
-    nbr("eth2", "10.0.2.2");
-    nbr("eth6", "fe80::1");
-    nbr("eth7", "fe80::1");
-    nbr("eth7", "fe80::2");
+    rpfInterfacesIs(*status_);
     table_ = Routing::Pim::pimRpfTableFactory(ucast_, status_, mfib_, intfDir_, boundary_);
     turn();
   }
