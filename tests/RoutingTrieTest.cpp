@@ -61,7 +61,20 @@ void expectSame(const Trie::Entry* got, const IpGenPrefix* want, const std::stri
   }
 }
 
-class TrieModelTest : public ::testing::TestWithParam<AddressFamily> {};
+class TrieModelTest : public ::testing::TestWithParam<AddressFamily> {
+ protected:
+  // n random masked prefixes, in the trie and in the returned model.
+  std::map<IpGenPrefix, int> fill(Trie& trie, std::mt19937& rng, int n) {
+    std::map<IpGenPrefix, int> model;
+    for (int i = 0; i < n; ++i) {
+      const IpGenPrefix p =
+          IpGenPrefix(randomAddr(rng, GetParam()), randomLen(rng, GetParam())).masked();
+      model[p] = 0;
+      trie.insert(p, 0);
+    }
+    return model;
+  }
+};
 
 TEST_P(TrieModelTest, AgreesWithBruteForceAfterEveryChange) {
   const AddressFamily af = GetParam();
@@ -122,12 +135,7 @@ TEST_P(TrieModelTest, PreOrderWalkMatchesSortedModelWithTruncation) {
   std::mt19937 rng(3);
   auto trieP = Kel::Ptr<Trie>::make("t", af);
   Trie& trie = *trieP;
-  std::map<IpGenPrefix, int> model;
-  for (int i = 0; i < 800; ++i) {
-    const IpGenPrefix p = IpGenPrefix(randomAddr(rng, af), randomLen(rng, af)).masked();
-    model[p] = 0;
-    trie.insert(p, 0);
-  }
+  std::map<IpGenPrefix, int> model = fill(trie, rng, 800);
   // The model's order (family, address, length) is pre-order for masked prefixes.
   const IpGenPrefix cutAt = std::next(model.begin(), 5)->first;
   std::vector<IpGenPrefix> want;
@@ -166,12 +174,7 @@ TEST_P(TrieModelTest, WalksAfterDeletesAndFromInsideAWalkMatchTheModel) {
   std::mt19937 rng(5);
   auto trieP = Kel::Ptr<Trie>::make("t", af);
   Trie& trie = *trieP;
-  std::map<IpGenPrefix, int> model;
-  for (int i = 0; i < 1200; ++i) {
-    const IpGenPrefix p = IpGenPrefix(randomAddr(rng, af), randomLen(rng, af)).masked();
-    model[p] = 0;
-    trie.insert(p, 0);
-  }
+  std::map<IpGenPrefix, int> model = fill(trie, rng, 1200);
   for (auto it = model.begin(); it != model.end();) {
     if (rng() % 2 == 0) {
       ++it;
